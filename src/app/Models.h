@@ -1,0 +1,151 @@
+// The value records exchanged with the local backend and shown by the screens, with their JSON
+// coding. Every record is a plain value (copied, never shared) with one fixed set of JSON keys.
+// The backend's own records use capitalised keys ("GroupID", "Path"); the retention settings and
+// the server response use snake-case keys ("retention_days", "status"). Both forms are part of
+// the wire contract.
+//
+// Decoding is strict about required keys and types: a missing required key, a value of the wrong
+// type (a string for an integer, 7.5 for an integer, a number for a bool, an integer beyond the
+// signed 64-bit range), malformed or truncated JSON, invalid UTF-8 or excessive nesting all throw
+// DecodingError. Optional keys that are absent or JSON null give an empty optional. Unknown keys
+// are ignored. Encoding writes compact JSON in a fixed key order, leaves '/' unescaped and writes
+// non-ASCII UTF-8 as is; absent optionals write no key.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <exception>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tarnwick {
+
+// A JSON text could not be decoded into the requested record.
+class DecodingError : public std::runtime_error {
+public:
+    using runtime_error::runtime_error;
+};
+
+// The app's own error cases.
+enum class TarnwickError {
+    decodeError,        // a reply's payload did not decode into the record its command expects
+    unknownRequestType, // a reply arrived for a command type the app does not handle
+};
+
+// Carries a TarnwickError; what() gives the case name ("decodeError" / "unknownRequestType").
+class TarnwickException : public std::exception {
+public:
+    explicit TarnwickException(TarnwickError error) noexcept : error_(error) {}
+    TarnwickError error() const noexcept { return error_; }
+    const char *what() const noexcept override;
+
+private:
+    TarnwickError error_;
+};
+
+// The name of an error case: "decodeError" or "unknownRequestType".
+const char *toString(TarnwickError error) noexcept;
+
+// A point in time in whole seconds, UTC.
+using Date = std::chrono::sys_seconds;
+
+// Internet date-time with a time zone and no fractional seconds: "YYYY-MM-DDTHH:MM:SS" followed
+// by "Z", "+HH:MM", "-HH:MM" or "+HHMM"/"-HHMM". Offsets are converted to UTC. Anything else
+// (fractional seconds, a missing zone, out-of-range fields, trailing text) gives nullopt.
+std::optional<Date> parseISO8601(std::string_view text);
+// UTC with "Z", e.g. "2024-05-01T10:00:00Z".
+std::string formatISO8601(Date date);
+
+// The clear-text envelope of every request and reply. All three keys are required.
+struct TypeIDAndData {
+    std::string type; // "Type": the command name
+    std::string id;   // "ID": the request identifier, echoed by the reply
+    std::string data; // "Data": the payload, itself JSON text or plain text, as one string
+
+    static TypeIDAndData fromJSON(std::string_view json);
+    std::string toJSON() const; // keys "Type", "ID", "Data"
+};
+
+// A status reply from the backend. Both keys may be absent or null.
+struct ServerResponse {
+    std::optional<std::string> status; // "status": "success" on success
+    std::optional<std::string> error;  // "error": the backend's error text
+
+    // True exactly when status is present and equals "success" (case-sensitive).
+    bool isSuccess() const;
+
+    static ServerResponse fromJSON(std::string_view json);
+    std::string toJSON() const; // keys "status", "error"
+};
+
+// One watched folder and its sync state. Members are in declaration order, so aggregate
+// initialisation DirItem{error, enabled, groupID, name, path, status} is the memberwise
+// constructor.
+struct DirItem {
+    std::optional<std::string> error; // "Error", optional
+    bool enabled = false;             // "Enabled", required
+    std::int64_t groupID = 0;         // "GroupID", required
+    std::string name;                 // "Name", required
+    std::string path;                 // "Path", required; the record's identity
+    std::string status;               // "Status", required; the backend's progress line
+
+    const std::string &id() const { return path; }
+
+    // 1.0 for the two idle texts, 0.15 per numbered step "1 of" .. "6 of", otherwise 0.0.
+    double progress() const;
+    // "internaldrive" when idle, otherwise "arrow.clockwise".
+    const char *icon() const;
+
+    static DirItem fromJSON(std::string_view json);
+    // Keys in the order "Path", "Error", "Enabled", "GroupID", "Name", "Status".
+    std::string toJSON() const;
+};
+
+// How long a group keeps deleted files, and what the last clean-up did. Every key is optional,
+// so "{}" decodes to all fields empty. Members are in table order; aggregate initialisation is
+// the memberwise constructor.
+struct RetentionSettings {
+    std::optional<std::int64_t> retentionDays;          // "retention_days"
+    std::optional<Date> lastRetentionTime;              // "last_retention_time"
+    std::optional<std::int64_t> lastRetentionFileCount; // "last_retention_file_count"
+    std::optional<std::int64_t> lastRetentionByteCount; // "last_retention_byte_count"
+    std::optional<Date> lastOrphanScanTime;             // "last_orphan_scan_time"
+    std::optional<std::int64_t> lastOrphanScanCount;    // "last_orphan_scan_count"
+
+    // True exactly when retentionDays is present and greater than 0.
+    bool isEnabled() const;
+    // Every field absent.
+    static RetentionSettings defaultSettings();
+
+    // A date string that is not an internet date-time gives an empty date, not an error; a
+    // non-string there is a type error.
+    static RetentionSettings fromJSON(std::string_view json);
+    std::string toJSON() const; // keys in member order, absent fields left out
+};
+
+// One sync group: a set of folders that sync to one place. Aggregate initialisation
+// GroupItem{groupID, name, walkPaths, retentionSettings} is the memberwise constructor.
+struct GroupItem {
+    std::int64_t groupID = 0;                           // "GroupID", required; the identity
+    std::string name;                                   // "Name", required
+    std::vector<std::string> walkPaths;                 // "WalkPaths", required
+    std::optional<RetentionSettings> retentionSettings; // "RetentionSettings", optional
+
+    std::int64_t id() const { return groupID; }
+
+    static GroupItem fromJSON(std::string_view json);
+    // Keys in the order "GroupID", "Name", "WalkPaths", "RetentionSettings".
+    std::string toJSON() const;
+};
+
+// JSON arrays of records (the status report and the group list). Anything that is not an array
+// of well-formed records throws DecodingError.
+std::vector<DirItem> decodeDirItems(std::string_view json);
+std::vector<GroupItem> decodeGroupItems(std::string_view json);
+std::string encodeDirItems(const std::vector<DirItem> &items);
+std::string encodeGroupItems(const std::vector<GroupItem> &items);
+
+} // namespace tarnwick
