@@ -1,0 +1,339 @@
+#include "BinaryPreparation.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QStandardPaths>
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <system_error>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace tarnwick::supervisor {
+namespace {
+
+constexpr std::uint64_t kMinimumSize = 1024;
+
+// First four bytes read in host (little-endian) order. The five Mach-O values
+// keep their order; a universal Mach-O (ca fe ba be on disk) stays rejected.
+// On Linux the ELF magic 7f 45 4c 46 is accepted as well.
+constexpr std::array<std::uint32_t, 6> kAcceptedMagic = {
+    0xfeedface, 0xfeedfacf, 0xcafebabe, 0xcffaedfe, 0xcefaedfe, 0x464c457f,
+};
+
+// Closes a descriptor on every path out of a scope.
+class FileDescriptor {
+public:
+    explicit FileDescriptor(int fd) : fd_(fd) {}
+    ~FileDescriptor() {
+        if (fd_ >= 0) {
+            ::close(fd_);
+        }
+    }
+    FileDescriptor(const FileDescriptor &) = delete;
+    FileDescriptor &operator=(const FileDescriptor &) = delete;
+    int get() const { return fd_; }
+    bool valid() const { return fd_ >= 0; }
+
+private:
+    int fd_;
+};
+
+std::string errnoText(int error) {
+    return std::error_code(error, std::generic_category()).message();
+}
+
+fs::path toPath(const QString &path) {
+    return fs::path(path.toStdString());
+}
+
+// Like the file manager's existence test, but a dangling link counts as a file
+// in the way, so it is removed before a copy instead of making the copy fail.
+bool somethingAt(const fs::path &path) {
+    std::error_code error;
+    return fs::exists(fs::symlink_status(path, error));
+}
+
+bool fileExists(const QString &path) {
+    return QFileInfo::exists(path);
+}
+
+// Reads up to `size` bytes, retrying short reads and interruptions.
+ssize_t readFully(int fd, void *buffer, std::size_t size) {
+    std::size_t total = 0;
+    auto *bytes = static_cast<unsigned char *>(buffer);
+    while (total < size) {
+        const ssize_t n = ::read(fd, bytes + total, size - total);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return -1;
+        }
+        if (n == 0) {
+            break;
+        }
+        total += static_cast<std::size_t>(n);
+    }
+    return static_cast<ssize_t>(total);
+}
+
+// Copies the shipped file over the destination and makes it executable.
+// Throws std::filesystem::filesystem_error on the first failure.
+void copyExecutable(const fs::path &source, const fs::path &destination) {
+    fs::copy_file(source, destination);
+    fs::permissions(destination, static_cast<fs::perms>(0755), fs::perm_options::replace);
+}
+
+} // namespace
+
+BinaryPreparation::BinaryPreparation(LogFunction log, ResourceLookup resources,
+                                     DataDirectoryLookup dataDirectory)
+    : log_(std::move(log)), resources_(std::move(resources)),
+      dataDirectory_(std::move(dataDirectory)) {}
+
+BinaryPreparation::ResourceLookup BinaryPreparation::defaultResourceLookup() {
+    return [](const QString &name) -> std::optional<QString> {
+        QString directory = qEnvironmentVariable("TARNWICK_RESOURCES_DIR");
+        if (directory.isEmpty()) {
+            directory =
+                QCoreApplication::applicationDirPath() + QStringLiteral("/../libexec/tarnwick");
+        }
+        const QString path = QDir::cleanPath(directory + QLatin1Char('/') + name);
+        if (!QFileInfo::exists(path)) {
+            return std::nullopt;
+        }
+        return path;
+    };
+}
+
+BinaryPreparation::DataDirectoryLookup BinaryPreparation::defaultDataDirectoryLookup() {
+    return []() -> std::optional<QString> {
+        const QStringList locations =
+            QStandardPaths::standardLocations(QStandardPaths::GenericDataLocation);
+        if (locations.isEmpty() || locations.first().isEmpty()) {
+            return std::nullopt;
+        }
+        return locations.first();
+    };
+}
+
+QString BinaryPreparation::binDirectory(const QString &dataDirectory) {
+    return QDir::cleanPath(dataDirectory + QStringLiteral("/tarnwick/bin"));
+}
+
+bool BinaryPreparation::validateBinary(const QString &path) const {
+    const QByteArray native = QFile::encodeName(path);
+
+    if (!fileExists(path)) {
+        log_(QStringLiteral("Binary validation failed: file does not exist at %1").arg(path));
+        return false;
+    }
+    if (::access(native.constData(), R_OK) != 0) {
+        log_(QStringLiteral("Binary validation failed: file is not readable at %1").arg(path));
+        return false;
+    }
+    struct stat attributes {};
+    if (::stat(native.constData(), &attributes) != 0) {
+        log_(QStringLiteral("Binary validation failed: could not read file attributes - %1")
+                 .arg(QString::fromStdString(errnoText(errno))));
+        return false;
+    }
+    if (attributes.st_size >= 0) {
+        const auto size = static_cast<std::uint64_t>(attributes.st_size);
+        if (size < kMinimumSize) {
+            log_(QStringLiteral("Binary validation failed: file size too small (%1 bytes) at %2")
+                     .arg(size)
+                     .arg(path));
+            return false;
+        }
+    }
+    if (::access(native.constData(), X_OK) != 0) {
+        log_(QStringLiteral("Binary validation failed: file is not executable at %1").arg(path));
+        return false;
+    }
+    const FileDescriptor file(::open(native.constData(), O_RDONLY | O_CLOEXEC));
+    if (!file.valid()) {
+        log_(QStringLiteral("Binary validation failed: could not open file for reading at %1")
+                 .arg(path));
+        return false;
+    }
+    std::array<unsigned char, 4> head{};
+    if (readFully(file.get(), head.data(), head.size()) != static_cast<ssize_t>(head.size())) {
+        log_(
+            QStringLiteral("Binary validation failed: could not read magic bytes at %1").arg(path));
+        return false;
+    }
+    std::uint32_t magic = 0;
+    std::memcpy(&magic, head.data(), sizeof magic);
+    if (std::find(kAcceptedMagic.begin(), kAcceptedMagic.end(), magic) == kAcceptedMagic.end()) {
+        log_(QStringLiteral("Binary validation failed: invalid magic number 0x%1 at %2")
+                 .arg(QString::number(magic, 16), path));
+        return false;
+    }
+    log_(QStringLiteral("Binary validation passed for %1").arg(path));
+    return true;
+}
+
+std::optional<std::string> BinaryPreparation::sha256OfFile(const QString &path) {
+    const FileDescriptor file(::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC));
+    if (!file.valid()) {
+        return std::nullopt;
+    }
+    const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(),
+                                                                          &EVP_MD_CTX_free);
+    if (!context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {
+        return std::nullopt;
+    }
+    // Streamed in large blocks: the same digest as hashing the whole file at
+    // once, without holding a backend of tens of megabytes in memory.
+    constexpr std::size_t kBlock = 1 << 20;
+    const auto buffer = std::make_unique<unsigned char[]>(kBlock);
+    for (;;) {
+        const ssize_t n = readFully(file.get(), buffer.get(), kBlock);
+        if (n < 0) {
+            return std::nullopt;
+        }
+        if (n == 0) {
+            break;
+        }
+        if (EVP_DigestUpdate(context.get(), buffer.get(), static_cast<std::size_t>(n)) != 1) {
+            return std::nullopt;
+        }
+        if (static_cast<std::size_t>(n) < kBlock) {
+            break;
+        }
+    }
+    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+    unsigned int length = 0;
+    if (EVP_DigestFinal_ex(context.get(), digest.data(), &length) != 1) {
+        return std::nullopt;
+    }
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(length * 2);
+    for (unsigned int i = 0; i < length; ++i) {
+        text.push_back(kHex[digest[i] >> 4]);
+        text.push_back(kHex[digest[i] & 0x0f]);
+    }
+    return text;
+}
+
+std::optional<QString> BinaryPreparation::getWritableBinaryURL(const QString &name) const {
+    const std::optional<QString> shipped = resources_(name);
+    if (!shipped) {
+        log_(QStringLiteral("Error: Bundled binary not found: %1").arg(name));
+        return std::nullopt;
+    }
+    const std::optional<QString> dataDirectory = dataDirectory_();
+    if (!dataDirectory) {
+        log_(QStringLiteral("Error: Could not access Application Support directory"));
+        return std::nullopt;
+    }
+    const QString directory = binDirectory(*dataDirectory);
+    const QString destination = directory + QLatin1Char('/') + name;
+
+    std::error_code error;
+    fs::create_directories(toPath(directory), error);
+    if (error) {
+        log_(QStringLiteral("Error creating bin directory: %1")
+                 .arg(QString::fromStdString(error.message())));
+        return std::nullopt;
+    }
+
+    bool copyNeeded = false;
+    if (!fileExists(destination)) {
+        log_(QStringLiteral("Binary not found at writable location, will copy from bundle"));
+        copyNeeded = true;
+    } else if (!validateBinary(destination)) {
+        log_(QStringLiteral(
+            "Existing binary is malformed or corrupted, will replace with bundle version"));
+        copyNeeded = true;
+    } else {
+        const std::optional<std::string> shippedDigest = sha256OfFile(*shipped);
+        const std::optional<std::string> copyDigest = sha256OfFile(destination);
+        if (shippedDigest && copyDigest && *shippedDigest == *copyDigest) {
+            log_(QStringLiteral("On-disk kovrit matches bundle (%1\u2026), keeping")
+                     .arg(QString::fromStdString(shippedDigest->substr(0, 12))));
+        } else {
+            log_(QStringLiteral(
+                "On-disk kovrit differs from bundle (or unreadable), copying from bundle"));
+            copyNeeded = true;
+        }
+    }
+
+    if (!copyNeeded) {
+        log_(QStringLiteral("Using existing binary at: %1").arg(destination));
+        return destination;
+    }
+
+    try {
+        if (somethingAt(toPath(destination))) {
+            fs::remove(toPath(destination));
+            log_(QStringLiteral("Removed old/malformed binary at %1").arg(destination));
+        }
+        copyExecutable(toPath(*shipped), toPath(destination));
+        log_(QStringLiteral("Binary copied to writable location: %1").arg(destination));
+    } catch (const fs::filesystem_error &failure) {
+        log_(
+            QStringLiteral("Error copying binary: %1").arg(QString::fromLocal8Bit(failure.what())));
+        return std::nullopt;
+    }
+
+    if (!validateBinary(destination)) {
+        log_(QStringLiteral("Error: Newly copied binary failed validation"));
+        std::error_code ignored;
+        fs::remove(toPath(destination), ignored);
+        return std::nullopt;
+    }
+    return destination;
+}
+
+std::optional<QString> BinaryPreparation::forceReplaceBinaryFromBundle(const QString &name) const {
+    const std::optional<QString> shipped = resources_(name);
+    if (!shipped) {
+        log_(QStringLiteral("Error: Bundled binary not found: %1").arg(name));
+        return std::nullopt;
+    }
+    const std::optional<QString> dataDirectory = dataDirectory_();
+    if (!dataDirectory) {
+        log_(QStringLiteral("Error: Could not access Application Support directory"));
+        return std::nullopt;
+    }
+    // The directory is not created here: when it is gone, the copy fails and
+    // recovery reports it.
+    const QString destination = binDirectory(*dataDirectory) + QLatin1Char('/') + name;
+    try {
+        if (somethingAt(toPath(destination))) {
+            fs::remove(toPath(destination));
+            log_(QStringLiteral("Removed corrupted binary during crash recovery"));
+        }
+        copyExecutable(toPath(*shipped), toPath(destination));
+        log_(QStringLiteral("Crash recovery: Replaced binary from bundle"));
+    } catch (const fs::filesystem_error &failure) {
+        log_(QStringLiteral("Error during crash recovery binary replacement: %1")
+                 .arg(QString::fromLocal8Bit(failure.what())));
+        return std::nullopt;
+    }
+    if (!validateBinary(destination)) {
+        // Unlike the normal preparation, the invalid copy stays where it is.
+        log_(QStringLiteral("Error: Crash recovery binary replacement failed validation"));
+        return std::nullopt;
+    }
+    return destination;
+}
+
+} // namespace tarnwick::supervisor
