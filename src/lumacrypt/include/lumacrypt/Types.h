@@ -103,6 +103,8 @@ public:
     ~SecretBytes();
 
     std::span<const std::uint8_t> bytes() const noexcept { return bytes_; }
+    // Writable view, for filling a buffer created with its final size.
+    std::span<std::uint8_t> mutableBytes() noexcept { return bytes_; }
     Bytes data() const { return bytes_; }
     std::size_t size() const noexcept { return bytes_.size(); }
     bool empty() const noexcept { return bytes_.empty(); }
