@@ -5,7 +5,13 @@
 #include <QCryptographicHash>
 #include <QMessageAuthenticationCode>
 
+#include <openssl/kdf.h>
+#include <openssl/params.h>
+
+#include <atomic>
+#include <thread>
 #include <type_traits>
+#include <vector>
 
 using namespace lumacrypt;
 using namespace lumatest;
@@ -418,9 +424,60 @@ private slots:
                  std::size_t{64});
     }
 
+    void hkdfMatchesOpenSSLsHKDF() {
+        // HKDFDerive against OpenSSL's own HKDF (EVP_KDF) over a spread of sizes.
+        EVP_KDF *kdf = EVP_KDF_fetch(nullptr, "HKDF", nullptr);
+        QVERIFY(kdf != nullptr);
+        for (const auto &[hash, name] :
+             {std::pair{HashFunction::sha256, "SHA256"}, std::pair{HashFunction::sha384, "SHA384"},
+              std::pair{HashFunction::sha512, "SHA512"}}) {
+            for (const std::size_t ikmSize : {1, 32, 200}) {
+                for (const std::size_t saltSize : {0, 13, 32, 200}) {
+                    for (const std::size_t infoSize : {0, 13, 1000}) {
+                        for (const std::size_t length :
+                             {std::size_t{1}, digestLength(hash), std::size_t{100},
+                              255 * digestLength(hash)}) {
+                            const Bytes ikm(ikmSize, 0x0b);
+                            const Bytes salt(saltSize, 0x5c);
+                            const Bytes info(infoSize, 0x36);
+                            Bytes expected(length);
+                            EVP_KDF_CTX *ctx = EVP_KDF_CTX_new(kdf);
+                            std::uint8_t empty = 0;
+                            OSSL_PARAM params[] = {
+                                OSSL_PARAM_construct_utf8_string("digest", const_cast<char *>(name),
+                                                                 0),
+                                OSSL_PARAM_construct_octet_string(
+                                    "key", const_cast<std::uint8_t *>(ikm.data()), ikm.size()),
+                                OSSL_PARAM_construct_octet_string(
+                                    "salt",
+                                    salt.empty() ? &empty : const_cast<std::uint8_t *>(salt.data()),
+                                    salt.size()),
+                                OSSL_PARAM_construct_octet_string(
+                                    "info",
+                                    info.empty() ? &empty : const_cast<std::uint8_t *>(info.data()),
+                                    info.size()),
+                                OSSL_PARAM_construct_end()};
+                            const int ok =
+                                EVP_KDF_derive(ctx, expected.data(), expected.size(), params);
+                            EVP_KDF_CTX_free(ctx);
+                            QCOMPARE(ok, 1);
+                            QCOMPARE(toHex(HKDFDerive(hash, ikm, salt, info, length).bytes()),
+                                     toHex(expected));
+                        }
+                    }
+                }
+            }
+        }
+        EVP_KDF_free(kdf);
+        QCOMPARE(HKDFDerive(HashFunction::sha256, Bytes(32, 1), {}, {}, 0).size(), std::size_t{0});
+        QVERIFY(throwsCrypto(
+            [] { HKDFDerive(HashFunction::sha512, Bytes(32, 1), {}, {}, 255 * 64 + 1); },
+            Kind::incorrectParameterSize));
+    }
+
     void longAdditionalDataDerivesLikeHKDF() {
-        // Additional data beyond OpenSSL's HKDF info buffer goes through plain HMAC; check it
-        // against an independent HKDF written with Qt's HMAC.
+        // Additional data of any length (OpenSSL's HKDF stops at 32 KiB of info): check against an
+        // independent HKDF written with Qt's HMAC.
         const Bytes ikm = fromHex(kSharedHex);
         const Bytes salt(32, 3);
         for (const std::size_t infoSize :
@@ -454,13 +511,34 @@ private slots:
                 QCOMPARE(toHex(derived.bytes()), okm.toHex().toStdString());
             }
         }
-        // Empty salt on the same path: HKDF treats it as zeros.
+        // An empty salt is the same as hash-length zeros.
         const Bytes bigInfo(40000, 1);
         QCOMPARE(HKDFDerive(HashFunction::sha256, ikm, {}, bigInfo, 32).data(),
                  HKDFDerive(HashFunction::sha256, ikm, Bytes(32, 0), bigInfo, 32).data());
-        QVERIFY(throwsCrypto(
-            [&] { HKDFDerive(HashFunction::sha256, ikm, salt, bigInfo, 255 * 32 + 1); },
-            Kind::incorrectParameterSize));
+    }
+
+    void hkdfFromSeveralThreads() {
+        // Each thread has its own HMAC contexts; results do not depend on the thread.
+        const Bytes ikm = fromHex(kSharedHex);
+        const std::string expected =
+            toHex(HKDFDerive(HashFunction::sha256, ikm, Bytes(32, 4), bytesOf("17"), 32).bytes());
+        std::atomic<int> mismatches{0};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([&] {
+                for (int i = 0; i < 500; ++i) {
+                    if (toHex(HKDFDerive(HashFunction::sha256, ikm, Bytes(32, 4), bytesOf("17"), 32)
+                                  .bytes()) != expected) {
+                        ++mismatches;
+                    }
+                    (void)HKDFDerive(HashFunction::sha512, ikm, Bytes(7, 1), bytesOf("x"), 64);
+                }
+            });
+        }
+        for (auto &thread : threads) {
+            thread.join();
+        }
+        QCOMPARE(mismatches.load(), 0);
     }
 
     void storesAreCopyableAndMovable() {

@@ -58,28 +58,44 @@ std::optional<Bytes> base64Decode(std::string_view text) {
     if (text.size() % 4 != 0) {
         return std::nullopt;
     }
-    Bytes out;
     if (text.empty()) {
-        return out;
+        return Bytes{};
     }
     std::size_t padding = 0;
     if (text[text.size() - 1] == '=') {
         padding = (text[text.size() - 2] == '=') ? 2 : 1;
     }
-    out.reserve(text.size() / 4 * 3);
-    const std::size_t dataChars = text.size() - padding;
-    std::uint32_t accumulator = 0;
-    int bits = 0;
-    for (std::size_t i = 0; i < dataChars; ++i) {
-        const std::int8_t value = kDecode[static_cast<unsigned char>(text[i])];
-        if (value < 0) {
-            return std::nullopt; // includes '=' inside the text, whitespace and line breaks
+    Bytes out(text.size() / 4 * 3 - padding);
+    const auto *in = reinterpret_cast<const unsigned char *>(text.data());
+    const std::size_t fullGroups = (text.size() / 4) - (padding > 0 ? 1 : 0);
+    std::size_t o = 0;
+    for (std::size_t g = 0; g < fullGroups; ++g, in += 4) {
+        const int a = kDecode[in[0]];
+        const int b = kDecode[in[1]];
+        const int c = kDecode[in[2]];
+        const int d = kDecode[in[3]];
+        if ((a | b | c | d) < 0) {
+            return std::nullopt; // '=' inside the text, whitespace, line breaks, other bytes
         }
-        accumulator = (accumulator << 6) | static_cast<std::uint32_t>(value);
-        bits += 6;
-        if (bits >= 8) {
-            bits -= 8;
-            out.push_back(static_cast<std::uint8_t>((accumulator >> bits) & 0xff));
+        const std::uint32_t v = (std::uint32_t(a) << 18) | (std::uint32_t(b) << 12) |
+                                (std::uint32_t(c) << 6) | std::uint32_t(d);
+        out[o++] = static_cast<std::uint8_t>(v >> 16);
+        out[o++] = static_cast<std::uint8_t>(v >> 8);
+        out[o++] = static_cast<std::uint8_t>(v);
+    }
+    if (padding > 0) {
+        // The last group: "xx==" or "xxx=".
+        const int a = kDecode[in[0]];
+        const int b = kDecode[in[1]];
+        const int c = padding == 1 ? kDecode[in[2]] : 0;
+        if ((a | b | c) < 0) {
+            return std::nullopt;
+        }
+        const std::uint32_t v =
+            (std::uint32_t(a) << 18) | (std::uint32_t(b) << 12) | (std::uint32_t(c) << 6);
+        out[o++] = static_cast<std::uint8_t>(v >> 16);
+        if (padding == 1) {
+            out[o++] = static_cast<std::uint8_t>(v >> 8);
         }
     }
     return out;

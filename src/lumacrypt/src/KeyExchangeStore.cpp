@@ -3,14 +3,15 @@
 #include "Internal.h"
 #include "lumacrypt/AEAD.h"
 #include "lumacrypt/Base64.h"
+#include "lumacrypt/RandomData.h"
 
 #include <nlohmann/json.hpp>
 #include <openssl/core_names.h>
 #include <openssl/crypto.h>
-#include <openssl/kdf.h>
 #include <openssl/params.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <initializer_list>
 
@@ -22,10 +23,6 @@ using Kind = CryptoError::Kind;
 // ---- HKDF ---------------------------------------------------------------------------------
 
 namespace {
-
-// OpenSSL's HKDF keeps the info in a buffer of at most this many bytes; longer additional data is
-// derived with HMAC directly (same construction, RFC 5869).
-constexpr std::size_t kKDFInfoLimit = 32 * 1024;
 
 const char *digestName(HashFunction hash) noexcept {
     switch (hash) {
@@ -40,14 +37,6 @@ const char *digestName(HashFunction hash) noexcept {
 }
 
 // Fetched once; algorithm objects are immutable and safe to share between threads.
-EVP_KDF *hkdfAlgorithm() {
-    static EVP_KDF *const kdf = EVP_KDF_fetch(nullptr, "HKDF", nullptr);
-    if (kdf == nullptr) {
-        throwCrypto(Kind::underlying, "HKDF is not available");
-    }
-    return kdf;
-}
-
 EVP_MAC *hmacAlgorithm() {
     static EVP_MAC *const mac = EVP_MAC_fetch(nullptr, "HMAC", nullptr);
     if (mac == nullptr) {
@@ -56,94 +45,121 @@ EVP_MAC *hmacAlgorithm() {
     return mac;
 }
 
-struct KdfCtxDeleter {
-    void operator()(EVP_KDF_CTX *p) const noexcept { EVP_KDF_CTX_free(p); }
-};
-struct MacCtxDeleter {
-    void operator()(EVP_MAC_CTX *p) const noexcept { EVP_MAC_CTX_free(p); }
+// One HMAC context per hash function and thread, with its digest chosen once. Every use starts
+// with EVP_MAC_init and a new key, and ends by re-keying it with a constant, so no key-dependent
+// state stays behind between derivations.
+class HMACContexts {
+public:
+    ~HMACContexts() {
+        for (EVP_MAC_CTX *ctx : contexts_) {
+            EVP_MAC_CTX_free(ctx);
+        }
+    }
+
+    EVP_MAC_CTX *get(HashFunction hash) {
+        const auto index = static_cast<std::size_t>(hash);
+        if (contexts_[index] == nullptr) {
+            EVP_MAC_CTX *ctx = EVP_MAC_CTX_new(hmacAlgorithm());
+            OSSL_PARAM params[] = {
+                OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST,
+                                                 const_cast<char *>(digestName(hash)), 0),
+                OSSL_PARAM_construct_end()};
+            if (ctx == nullptr || EVP_MAC_CTX_set_params(ctx, params) != 1) {
+                EVP_MAC_CTX_free(ctx);
+                throwCrypto(Kind::underlying, "HMAC setup failed");
+            }
+            contexts_[index] = ctx;
+        }
+        return contexts_[index];
+    }
+
+private:
+    std::array<EVP_MAC_CTX *, 3> contexts_{};
 };
 
-// OSSL_PARAM wants a non-const pointer even for input; an empty span still needs a valid address.
-void *paramData(std::span<const std::uint8_t> bytes) noexcept {
-    static std::uint8_t empty = 0;
-    return bytes.empty() ? &empty : const_cast<std::uint8_t *>(bytes.data());
-}
+// Leaves the context keyed with a constant whatever happens to the derivation.
+class ScrubOnExit {
+public:
+    explicit ScrubOnExit(EVP_MAC_CTX *ctx) noexcept : ctx_(ctx) {}
+    ~ScrubOnExit() {
+        static const std::uint8_t constant[1] = {0};
+        if (EVP_MAC_init(ctx_, constant, sizeof constant, nullptr) != 1) {
+            ERR_clear_error();
+        }
+    }
+    ScrubOnExit(const ScrubOnExit &) = delete;
+    ScrubOnExit &operator=(const ScrubOnExit &) = delete;
 
-void hmac(HashFunction hash, std::span<const std::uint8_t> key,
+private:
+    EVP_MAC_CTX *ctx_;
+};
+
+// HMAC over the concatenation of `parts`, written to `out` (exactly one digest long).
+void hmac(EVP_MAC_CTX *ctx, std::span<const std::uint8_t> key,
           std::initializer_list<std::span<const std::uint8_t>> parts, std::span<std::uint8_t> out) {
-    std::unique_ptr<EVP_MAC_CTX, MacCtxDeleter> ctx(EVP_MAC_CTX_new(hmacAlgorithm()));
-    OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string(
-                               OSSL_MAC_PARAM_DIGEST, const_cast<char *>(digestName(hash)), 0),
-                           OSSL_PARAM_construct_end()};
-    if (!ctx || EVP_MAC_init(ctx.get(), key.data(), key.size(), params) != 1) {
-        throwCrypto(Kind::underlying, "HMAC setup failed");
+    // EVP_MAC_init with a NULL key would reuse the previous key: always pass an address.
+    static const std::uint8_t noKey[1] = {0};
+    if (EVP_MAC_init(ctx, key.empty() ? noKey : key.data(), key.size(), nullptr) != 1) {
+        throwCrypto(Kind::underlying, "HMAC init failed");
     }
     for (const auto &part : parts) {
-        if (!part.empty() && EVP_MAC_update(ctx.get(), part.data(), part.size()) != 1) {
+        if (!part.empty() && EVP_MAC_update(ctx, part.data(), part.size()) != 1) {
             throwCrypto(Kind::underlying, "HMAC failed");
         }
     }
     std::size_t length = 0;
-    if (EVP_MAC_final(ctx.get(), out.data(), &length, out.size()) != 1 || length != out.size()) {
+    if (EVP_MAC_final(ctx, out.data(), &length, out.size()) != 1 || length != out.size()) {
         throwCrypto(Kind::underlying, "HMAC failed");
-    }
-}
-
-void hkdfWithHMAC(HashFunction hash, std::span<const std::uint8_t> ikm,
-                  std::span<const std::uint8_t> salt, std::span<const std::uint8_t> info,
-                  std::span<std::uint8_t> out) {
-    const std::size_t hashLength = digestLength(hash);
-    SecretBytes prk(Bytes(hashLength, 0));
-    // An absent salt is a string of hash-length zeros.
-    const Bytes zeros(hashLength, 0);
-    hmac(hash, salt.empty() ? std::span<const std::uint8_t>(zeros) : salt, {ikm},
-         prk.mutableBytes());
-    SecretBytes block(Bytes(hashLength, 0));
-    std::size_t produced = 0;
-    for (std::uint8_t counter = 1; produced < out.size(); ++counter) {
-        const std::uint8_t counterByte[1] = {counter};
-        const std::span<const std::uint8_t> previous =
-            counter == 1 ? std::span<const std::uint8_t>() : block.bytes();
-        SecretBytes next(Bytes(hashLength, 0));
-        hmac(hash, prk.bytes(), {previous, info, counterByte}, next.mutableBytes());
-        block = std::move(next);
-        const std::size_t take = std::min(hashLength, out.size() - produced);
-        std::copy_n(block.bytes().begin(), take,
-                    out.begin() + static_cast<std::ptrdiff_t>(produced));
-        produced += take;
     }
 }
 
 } // namespace
 
+// HKDF (RFC 5869): PRK = HMAC(salt, IKM); T(i) = HMAC(PRK, T(i-1) || info || i). Written over
+// EVP_MAC with a reused per-thread context: OpenSSL's own HKDF fetches HMAC and the digest again
+// on every call, which costs more than the derivation itself, and caps the info at 32 KiB.
 SecretBytes HKDFDerive(HashFunction hash, std::span<const std::uint8_t> inputKeyMaterial,
                        std::span<const std::uint8_t> salt, std::span<const std::uint8_t> info,
                        std::size_t outputLength) {
-    if (outputLength > 255 * digestLength(hash)) {
+    const std::size_t hashLength = digestLength(hash);
+    if (outputLength > 255 * hashLength) {
         throw CryptoError(Kind::incorrectParameterSize, "HKDF output too long");
     }
     SecretBytes out(Bytes(outputLength, 0));
     if (outputLength == 0) {
         return out;
     }
-    if (info.size() > kKDFInfoLimit) {
-        hkdfWithHMAC(hash, inputKeyMaterial, salt, info, out.mutableBytes());
-        return out;
-    }
-    std::unique_ptr<EVP_KDF_CTX, KdfCtxDeleter> ctx(EVP_KDF_CTX_new(hkdfAlgorithm()));
-    if (!ctx) {
-        throwCrypto(Kind::underlying, "HKDF setup failed");
-    }
-    OSSL_PARAM params[] = {
-        OSSL_PARAM_construct_utf8_string(OSSL_KDF_PARAM_DIGEST,
-                                         const_cast<char *>(digestName(hash)), 0),
-        OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_KEY, paramData(inputKeyMaterial),
-                                          inputKeyMaterial.size()),
-        OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_SALT, paramData(salt), salt.size()),
-        OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_INFO, paramData(info), info.size()),
-        OSSL_PARAM_construct_end()};
-    if (EVP_KDF_derive(ctx.get(), out.mutableBytes().data(), outputLength, params) != 1) {
-        throwCrypto(Kind::underlying, "HKDF failed");
+    thread_local HMACContexts contexts;
+    EVP_MAC_CTX *ctx = contexts.get(hash);
+    const ScrubOnExit scrub(ctx);
+
+    std::array<std::uint8_t, 64> prk{};
+    std::array<std::uint8_t, 64> block{};
+    struct Wipe {
+        std::array<std::uint8_t, 64> &a;
+        std::array<std::uint8_t, 64> &b;
+        ~Wipe() {
+            OPENSSL_cleanse(a.data(), a.size());
+            OPENSSL_cleanse(b.data(), b.size());
+        }
+    } wipe{prk, block};
+
+    // An absent salt is hash-length zeros, which HMAC's key padding makes the same as no key.
+    hmac(ctx, salt, {inputKeyMaterial}, std::span(prk).first(hashLength));
+    std::size_t produced = 0;
+    for (unsigned counter = 1; produced < outputLength; ++counter) {
+        const std::uint8_t counterByte[1] = {static_cast<std::uint8_t>(counter)};
+        const std::span<const std::uint8_t> previous =
+            counter == 1 ? std::span<const std::uint8_t>() : std::span(block).first(hashLength);
+        std::array<std::uint8_t, 64> next{};
+        hmac(ctx, std::span(prk).first(hashLength), {previous, info, counterByte},
+             std::span(next).first(hashLength));
+        block = next;
+        OPENSSL_cleanse(next.data(), next.size());
+        const std::size_t take = std::min(hashLength, outputLength - produced);
+        std::copy_n(block.begin(), take,
+                    out.mutableBytes().begin() + static_cast<std::ptrdiff_t>(produced));
+        produced += take;
     }
     return out;
 }
@@ -231,9 +247,12 @@ KeyExchangeTypeIDAndData KeyExchangeTypeIDAndData::fromJSON(std::string_view tex
     return envelope;
 }
 
-// ---- the store ----------------------------------------------------------------------------
+// ---- the store -------------------------------------------------------------------------
 
 namespace {
+// Length of a generated HKDF salt (AEADRandomKey).
+constexpr std::size_t kSaltSize = 32;
+
 void wipeString(std::string &text) noexcept {
     if (!text.empty()) {
         OPENSSL_cleanse(text.data(), text.size());
@@ -360,8 +379,20 @@ KeyExchangeAEADStore KeyExchangeStore::encryptWithNonces(
     const std::optional<Bytes> &kdfNonce, std::span<const std::uint8_t> plaintext,
     const std::optional<Bytes> &aeadNonce, std::span<const std::uint8_t> additionalData) const {
     const AgreedSecret &secret = SharedSecret();
-    const Bytes salt = kdfNonce ? *kdfNonce : AEADRandomKey(aead_);
-    const Bytes nonce = aeadNonce ? *aeadNonce : AEADRandomNonce(aead_);
+    Bytes salt;
+    Bytes nonce;
+    if (!kdfNonce && !aeadNonce) {
+        // The same as AEADRandomKey + AEADRandomNonce, with one call to the generator.
+        if (aead_ != KeyExchangeAEAD::aesgcm && aead_ != KeyExchangeAEAD::chachapoly) {
+            throw KeyExchangeException(KeyExchangeError::invalidAEAD);
+        }
+        const Bytes both = KeyExchangeRandomBytes(kSaltSize + kAEADNonceSize);
+        salt.assign(both.begin(), both.begin() + kSaltSize);
+        nonce.assign(both.begin() + kSaltSize, both.end());
+    } else {
+        salt = kdfNonce ? *kdfNonce : AEADRandomKey(aead_);
+        nonce = aeadNonce ? *aeadNonce : AEADRandomNonce(aead_);
+    }
     const SymmetricKey key =
         KeyExchangeSymmetricKey(secret, hashFunction_, kdf_, salt, additionalData);
     KeyExchangeAEADStore record;
@@ -395,7 +426,14 @@ Bytes KeyExchangeStore::decrypt(const std::string &kdfNonce, const std::string &
     const Bytes salt = detail::decodeReceived(kdfNonce);
     const Bytes info = detail::decodeReceived(additionalData);
     const SymmetricKey key = KeyExchangeSymmetricKey(secret, hashFunction_, kdf_, salt, info);
-    return AEADDecrypt(aead_, key, ciphertext, aeadNonce, additionalData);
+    // AEADDecrypt on the already decoded additional data; the AEADNonce is not consulted.
+    (void)aeadNonce;
+    if (aead_ != KeyExchangeAEAD::aesgcm && aead_ != KeyExchangeAEAD::chachapoly) {
+        throw KeyExchangeException(KeyExchangeError::invalidAEAD);
+    }
+    const Bytes combined = detail::decodeReceived(ciphertext);
+    return aead_ == KeyExchangeAEAD::aesgcm ? AESGCMDecrypt(key, combined, info)
+                                            : ChaChaPolyDecrypt(key, combined, info);
 }
 
 Bytes KeyExchangeStore::decryptAEADStore(const KeyExchangeAEADStore &record) const {
