@@ -13,6 +13,7 @@
 #include <lumacrypt/KeyExchangeStore.h>
 #include <lumacrypt/Message.h>
 #include <lumacrypt/Types.h>
+#include <runwarden/ExitAppIfAlreadyOpen.h>
 #include <runwarden/ProcessManager.h>
 
 #include <QByteArray>
@@ -28,6 +29,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 class QNetworkAccessManager;
 class QTimer;
@@ -73,6 +75,9 @@ struct Error {
     /// unknown types give domain "unknown" (with what() as the description when there is one).
     static Error fromCurrentException();
     static Error of(PollManagerError error);
+    /// An error reported by the runner to an exit handler: "ProcessManagerError" for the
+    /// runner's own cases, "POSIXError" (errno and the system's text) for the system's.
+    static Error fromErrorCode(const std::error_code &error);
 
     friend bool operator==(const Error &, const Error &) = default;
 };
@@ -141,9 +146,13 @@ public:
     lumacrypt::Bytes keyExchangeCurrentTimestampData() const;
     /// A free TCP port from [lower, upperExclusive).
     int randomOpenPort(int lower, int upperExclusive) const;
-    /// Ends the application when another instance is already running (see the runner library's
-    /// single-instance guard, owned by this object).
+    /// Ends the application when another instance is already running: runs the single-instance
+    /// guard (see runwarden::ExitAppIfAlreadyOpen), which then keeps listening for as long as
+    /// this object lives.
     void exitAppIfAlreadyOpen();
+    /// The single-instance guard (made on first use, for QCoreApplication::applicationName()).
+    /// Command-line control handlers are registered on it.
+    runwarden::InstanceGuard &instanceGuard();
     /// The kernel's machine name, e.g. "x86_64".
     std::string systemArchitecture() const;
 
@@ -162,8 +171,6 @@ public:
     /// ahead of it throws timestampInPastError, more than 50 ms behind it throws
     /// timestampInFutureError. Only an accepted timestamp updates `timestamp`.
     void authTimestampThrows(const std::string &additionalData);
-    /// A predicate for decryptAndDecodeJSON that calls authTimestampThrows (errors propagate).
-    lumacrypt::AuthPredicate timestampPredicate();
 
     /// Opens a reply: the sealed record's JSON, then kes.decryptAEADStore, then T::fromJSON on
     /// the plaintext, then auth on the record's additional data (its error propagates; false
@@ -257,6 +264,8 @@ private:
     runwarden::StandardOutputHandler outputHandler(std::shared_ptr<Subscription> subscription);
     runwarden::TaskExitHandler exitHandler(std::shared_ptr<Subscription> subscription);
     void finishRequest(const std::shared_ptr<Request> &request);
+    void completeRequest(const std::shared_ptr<Request> &request, std::optional<QByteArray> body,
+                         std::optional<Error> error);
 
     KeyExchangeStoreFunction keyExchangeStoreFunction_;
     runwarden::ProcessManager *processManager_ = nullptr;
@@ -264,6 +273,7 @@ private:
     std::function<void()> pingTimeout_;
     std::shared_ptr<Subscription> subscription_;
     QNetworkAccessManager *network_ = nullptr;
+    runwarden::InstanceGuard *instanceGuard_ = nullptr;
     Clock clock_;
     LogSink logSink_;
     std::chrono::milliseconds requestTimeout_ = defaultRequestTimeout;

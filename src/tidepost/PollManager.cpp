@@ -1,0 +1,674 @@
+#include "PollManager.h"
+
+#include <Models.h>
+#include <lumacrypt/PEM.h>
+#include <lumacrypt/Timestamp.h>
+#include <runwarden/Port.h>
+#include <runwarden/SystemArchitecture.h>
+
+#include <QMetaObject>
+#include <QNetworkAccessManager>
+#include <QNetworkProxy>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QTimer>
+#include <QtGlobal>
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <cstdio>
+#include <limits>
+#include <mutex>
+#include <utility>
+
+namespace tidepost {
+
+// ---------------------------------------------------------------------------------------------
+// Errors
+
+const char *toString(PollManagerError error) noexcept {
+    switch (error) {
+    case PollManagerError::urlError:
+        return "urlError";
+    case PollManagerError::publishFailure:
+        return "publishFailure";
+    case PollManagerError::timestampInvalidFormat:
+        return "timestampInvalidFormat";
+    case PollManagerError::timestampExpired:
+        return "timestampExpired";
+    case PollManagerError::timestampInPastError:
+        return "timestampInPastError";
+    case PollManagerError::timestampInFutureError:
+        return "timestampInFutureError";
+    }
+    return "unknown";
+}
+
+Error Error::of(PollManagerError error) {
+    return {"PollManagerError", int(error), toString(error)};
+}
+
+Error Error::fromErrorCode(const std::error_code &error) {
+    if (error.category() == runwarden::processManagerErrorCategory()) {
+        // The runner's enumeration starts at 1 (0 means "no error" for error codes); the index
+        // of its case is one less.
+        if (error == runwarden::ProcessManagerError::executableNotFound) {
+            return {"ProcessManagerError", 0, "executableNotFound"};
+        }
+        return {"ProcessManagerError", error.value() - 1, error.message()};
+    }
+    if (error.category() == std::system_category() || error.category() == std::generic_category()) {
+        return {"POSIXError", error.value(), error.message()};
+    }
+    return {error.category().name(), error.value(), error.message()};
+}
+
+Error Error::fromCurrentException() {
+    if (!std::current_exception()) {
+        return {"unknown", 0, "unknown"};
+    }
+    try {
+        throw;
+    } catch (const PollManagerException &e) {
+        return of(e.error());
+    } catch (const lumacrypt::KeyExchangeException &e) {
+        return {"KeyExchangeError", int(e.error()), lumacrypt::toString(e.error())};
+    } catch (const lumacrypt::PEMException &e) {
+        return {"PEMError", int(e.error()), lumacrypt::toString(e.error())};
+    } catch (const lumacrypt::CryptoError &e) {
+        return {"CryptoError", int(e.kind()), e.what()};
+    } catch (const lumacrypt::DecodingError &e) {
+        return {"DecodingError", 0, e.what()};
+    } catch (const tarnwick::TarnwickException &e) {
+        return {"TarnwickError", int(e.error()), tarnwick::toString(e.error())};
+    } catch (const tarnwick::DecodingError &e) {
+        return {"DecodingError", 0, e.what()};
+    } catch (const std::system_error &e) {
+        return fromErrorCode(e.code());
+    } catch (const std::exception &e) {
+        return {"unknown", 0, e.what()};
+    } catch (...) {
+        return {"unknown", 0, "unknown"};
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Store factories
+
+namespace {
+
+[[noreturn]] void fatal(const std::string &message) {
+    qFatal("%s", message.c_str());
+    std::abort(); // qFatal does not return; this keeps [[noreturn]] honest for the compiler
+}
+
+template <class Preset> lumacrypt::KeyExchangeStore makeStore(const char *name, Preset preset) {
+    try {
+        return preset(std::string());
+    } catch (...) {
+        fatal(std::string(name) + ": " + Error::fromCurrentException().description);
+    }
+}
+
+} // namespace
+
+lumacrypt::KeyExchangeStore KeyExchange_Curve25519_SHA256_HKDF_AESGCM() {
+    return makeStore("KeyExchange_Curve25519_SHA256_HKDF_AESGCM",
+                     &lumacrypt::KeyExchange_Curve25519_SHA256_HKDF_AESGCM_Store);
+}
+
+lumacrypt::KeyExchangeStore KeyExchange_Curve25519_SHA384_HKDF_AESGCM() {
+    return makeStore("KeyExchange_Curve25519_SHA384_HKDF_AESGCM",
+                     &lumacrypt::KeyExchange_Curve25519_SHA384_HKDF_AESGCM_Store);
+}
+
+lumacrypt::KeyExchangeStore KeyExchange_Curve25519_SHA512_HKDF_AESGCM() {
+    return makeStore("KeyExchange_Curve25519_SHA512_HKDF_AESGCM",
+                     &lumacrypt::KeyExchange_Curve25519_SHA512_HKDF_AESGCM_Store);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Private state
+
+// The handlers of one run loop. A relaunch of a held loop replaces them in place (the loop's
+// wrappers read them on every call); a new loop gets a new Subscription, so late reports of an
+// old loop never reach the handlers of a new one.
+struct PollManager::Subscription {
+    std::mutex mutex;
+    runwarden::StandardOutputHandler standardOutput;
+    runwarden::TaskExitHandler taskExitNotification;
+    bool withPEMWatcher = false;
+
+    void install(runwarden::StandardOutputHandler output, runwarden::TaskExitHandler exit,
+                 bool pemWatcher) {
+        const std::lock_guard lock(mutex);
+        standardOutput = std::move(output);
+        taskExitNotification = std::move(exit);
+        withPEMWatcher = pemWatcher;
+    }
+};
+
+// One HTTP exchange under way.
+struct PollManager::Request {
+    QNetworkReply *reply = nullptr;
+    QTimer *deadline = nullptr;
+    ReplyCallback done;
+    QByteArray body;
+    bool completed = false;
+};
+
+namespace {
+
+constexpr std::int64_t timestampWindowMs = 50;
+constexpr int pingTicksPerLimit = 5;
+// How much Qt may buffer ahead of what we have read from a reply.
+constexpr qint64 replyReadBufferBytes = 256 * 1024;
+
+Error networkError(QNetworkReply::NetworkError code, const QString &text) {
+    return {"NetworkError", int(code), text.toStdString()};
+}
+
+Error timeoutError(std::chrono::milliseconds limit) {
+    return networkError(QNetworkReply::TimeoutError,
+                        QStringLiteral("The request timed out (no complete answer within %1 ms)")
+                            .arg(limit.count()));
+}
+
+Error tooLargeError(qint64 limit) {
+    return networkError(QNetworkReply::UnknownContentError,
+                        QStringLiteral("The reply is larger than %1 bytes").arg(limit));
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Construction
+
+PollManager::PollManager(KeyExchangeStoreFunction factory, QObject *parent)
+    : QObject(parent), keyExchangeStoreFunction_(std::move(factory)) {
+    // kes starts as the unconfigured placeholder; the factory makes the real store.
+    kes = keyExchangeStoreFunction_();
+    bearerToken = kes.LocalPublicKey();
+    clock_ = &lumacrypt::KeyExchangeCurrentTimestamp;
+    timestamp = clock_();
+    processManager_ = new runwarden::ProcessManager(this);
+    network_ = new QNetworkAccessManager(this);
+    // The backend listens on the loopback interface: a system proxy must never see its traffic.
+    network_->setProxy(QNetworkProxy(QNetworkProxy::NoProxy));
+}
+
+PollManager::~PollManager() {
+    if (timer_) {
+        timer_->stop();
+    }
+    // Requests under way end without their callbacks: their owner is going away with us.
+    for (QNetworkReply *reply : network_->findChildren<QNetworkReply *>()) {
+        QObject::disconnect(reply, nullptr, this, nullptr);
+        reply->abort();
+    }
+    // The runners (the current one and any cancelled one still winding down) go first, while
+    // everything their output handlers may post to is still alive. Cancelling all before
+    // waiting for any lets their children end together.
+    const auto runners = findChildren<runwarden::ProcessManager *>(Qt::FindDirectChildrenOnly);
+    for (runwarden::ProcessManager *runner : runners) {
+        runner->cancel();
+    }
+    for (runwarden::ProcessManager *runner : runners) {
+        delete runner;
+    }
+    processManager_ = nullptr;
+}
+
+runwarden::ProcessManager &PollManager::processManager() {
+    return *processManager_;
+}
+const runwarden::ProcessManager &PollManager::processManager() const {
+    return *processManager_;
+}
+QTimer *PollManager::timer() const {
+    return timer_;
+}
+
+void PollManager::setClock(Clock clock) {
+    clock_ = clock ? std::move(clock) : Clock(&lumacrypt::KeyExchangeCurrentTimestamp);
+}
+
+void PollManager::setLogSink(LogSink sink) {
+    logSink_ = std::move(sink);
+}
+
+void PollManager::setRequestTimeout(std::chrono::milliseconds timeout) {
+    requestTimeout_ = std::clamp(timeout, std::chrono::milliseconds(1),
+                                 std::chrono::milliseconds(std::numeric_limits<int>::max()));
+}
+
+std::chrono::milliseconds PollManager::requestTimeout() const {
+    return requestTimeout_;
+}
+
+void PollManager::setMaxReplyBytes(qint64 bytes) {
+    maxReplyBytes_ = std::max<qint64>(bytes, 0);
+}
+
+qint64 PollManager::maxReplyBytes() const {
+    return maxReplyBytes_;
+}
+
+void PollManager::log(const std::string &line) const {
+    if (logSink_) {
+        logSink_(line);
+        return;
+    }
+    std::fwrite(line.data(), 1, line.size(), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Small forwarders
+
+void PollManager::pong() {
+    pingCount = 0;
+}
+
+lumacrypt::Bytes PollManager::keyExchangeCurrentTimestampData() const {
+    return lumacrypt::KeyExchangeCurrentTimestampData();
+}
+
+int PollManager::randomOpenPort(int lower, int upperExclusive) const {
+    return runwarden::RandomOpenPort(lower, upperExclusive);
+}
+
+runwarden::InstanceGuard &PollManager::instanceGuard() {
+    if (!instanceGuard_) {
+        instanceGuard_ = new runwarden::InstanceGuard(this);
+    }
+    return *instanceGuard_;
+}
+
+void PollManager::exitAppIfAlreadyOpen() {
+    runwarden::ExitAppIfAlreadyOpen(instanceGuard());
+}
+
+std::string PollManager::systemArchitecture() const {
+    return runwarden::SystemArchitecture().toStdString();
+}
+
+void PollManager::requireUTF8(const std::string &json) const {
+    // Our encoders write valid UTF-8 (invalid input text becomes U+FFFD); anything else is a bug.
+    if (!lumacrypt::isValidUTF8(json)) {
+        fatal("objectAsString: the encoded JSON is not valid UTF-8");
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Reply timestamps
+
+bool PollManager::authTimestamp(const std::string &additionalData) {
+    try {
+        authTimestampThrows(additionalData);
+        return true;
+    } catch (...) {
+        log("authTimestamp error: " + Error::fromCurrentException().description);
+        return false;
+    }
+}
+
+void PollManager::authTimestampThrows(const std::string &additionalData) {
+    const std::optional<std::int64_t> t = lumacrypt::KeyExchangeTimestamp(additionalData);
+    if (!t) {
+        throw PollManagerException(PollManagerError::timestampInvalidFormat);
+    }
+    // Every accepted reply carries a strictly newer timestamp than the one before: a repeated
+    // or older one is a replay.
+    if (*t <= timestamp) {
+        throw PollManagerException(PollManagerError::timestampExpired);
+    }
+    const std::int64_t now = clock_();
+    std::int64_t age = 0;
+    if (__builtin_sub_overflow(now, *t, &age)) {
+        // So far off that the difference does not fit: out of the window on the side it lies.
+        throw PollManagerException(*t > now ? PollManagerError::timestampInPastError
+                                            : PollManagerError::timestampInFutureError);
+    }
+    // The case names read reversed, and stay as they are: a timestamp ahead of our clock is
+    // "in past", one that is too old is "in future".
+    if (age < -timestampWindowMs) {
+        throw PollManagerException(PollManagerError::timestampInPastError);
+    }
+    if (age > timestampWindowMs) {
+        throw PollManagerException(PollManagerError::timestampInFutureError);
+    }
+    timestamp = *t;
+}
+
+// ---------------------------------------------------------------------------------------------
+// HTTP
+
+void PollManager::failLater(ReplyCallback done, Error error) {
+    if (!done) {
+        return;
+    }
+    QMetaObject::invokeMethod(
+        this, [done = std::move(done), error = std::move(error)] { done(std::nullopt, error); },
+        Qt::QueuedConnection);
+}
+
+void PollManager::publishLocal(const std::string &jsonBody, int port, const QString &path,
+                               const std::string &bearerToken, ReplyCallback done) {
+    if (port < 0 || port > 65535) {
+        failLater(std::move(done), Error::of(PollManagerError::urlError));
+        return;
+    }
+    QUrl url;
+    url.setScheme(QStringLiteral("http"));
+    url.setHost(QStringLiteral("127.0.0.1"));
+    url.setPort(port);
+    url.setPath(path);
+    if (!url.isValid()) {
+        failLater(std::move(done), Error::of(PollManagerError::urlError));
+        return;
+    }
+    publishWithURL(jsonBody, url, bearerToken, std::move(done));
+}
+
+void PollManager::publishWithURL(const std::string &jsonBody, const QUrl &url,
+                                 const std::string &bearerToken, ReplyCallback done) {
+    if (!url.isValid() || url.isRelative() || url.host().isEmpty()) {
+        failLater(std::move(done), Error::of(PollManagerError::urlError));
+        return;
+    }
+    QNetworkRequest request(url);
+    request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
+    if (!bearerToken.empty()) {
+        request.setRawHeader(QByteArrayLiteral("Authorization"),
+                             QByteArrayLiteral("Bearer ") + QByteArray::fromStdString(bearerToken));
+    }
+    // Only a 200 succeeds: a redirect is an answer like any other, never followed.
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
+                         QNetworkRequest::ManualRedirectPolicy);
+    request.setAttribute(QNetworkRequest::CacheLoadControlAttribute,
+                         QNetworkRequest::AlwaysNetwork);
+    request.setAttribute(QNetworkRequest::CacheSaveControlAttribute, false);
+    request.setAttribute(QNetworkRequest::CookieLoadControlAttribute, QNetworkRequest::Manual);
+    request.setAttribute(QNetworkRequest::CookieSaveControlAttribute, QNetworkRequest::Manual);
+    const int timeoutMs = int(requestTimeout_.count());
+    request.setTransferTimeout(timeoutMs);
+
+    auto state = std::make_shared<Request>();
+    state->done = std::move(done);
+    QNetworkReply *reply = network_->post(request, QByteArray::fromStdString(jsonBody));
+    state->reply = reply;
+    reply->setReadBufferSize(replyReadBufferBytes);
+
+    // The transfer time-out above only notices silence; this one bounds the whole exchange, so
+    // that a server trickling bytes cannot keep a request open either.
+    state->deadline = new QTimer(reply);
+    state->deadline->setSingleShot(true);
+    const std::chrono::milliseconds limit = requestTimeout_;
+    connect(state->deadline, &QTimer::timeout, this,
+            [this, state, limit] { completeRequest(state, std::nullopt, timeoutError(limit)); });
+    state->deadline->start(timeoutMs);
+
+    const qint64 cap = maxReplyBytes_;
+    connect(reply, &QNetworkReply::metaDataChanged, this, [this, state, cap] {
+        bool ok = false;
+        const int status =
+            state->reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(&ok);
+        if (ok && status != 200) {
+            // The body of a failed request is of no use: do not wait for it.
+            completeRequest(state, std::nullopt, Error::of(PollManagerError::publishFailure));
+            return;
+        }
+        const QVariant length = state->reply->header(QNetworkRequest::ContentLengthHeader);
+        if (length.isValid() && length.toLongLong() > cap) {
+            completeRequest(state, std::nullopt, tooLargeError(cap));
+        }
+    });
+    connect(reply, &QNetworkReply::downloadProgress, this,
+            [this, state, cap](qint64 received, qint64) {
+                if (received > cap) {
+                    completeRequest(state, std::nullopt, tooLargeError(cap));
+                }
+            });
+    connect(reply, &QNetworkReply::readyRead, this, [this, state, cap] {
+        if (state->body.size() + state->reply->bytesAvailable() > cap) {
+            completeRequest(state, std::nullopt, tooLargeError(cap));
+            return;
+        }
+        state->body += state->reply->readAll();
+    });
+    connect(reply, &QNetworkReply::finished, this, [this, state] { finishRequest(state); });
+}
+
+void PollManager::finishRequest(const std::shared_ptr<Request> &state) {
+    QNetworkReply *reply = state->reply;
+    bool ok = false;
+    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(&ok);
+    if (ok && status != 200) {
+        completeRequest(state, std::nullopt, Error::of(PollManagerError::publishFailure));
+    } else if (reply->error() == QNetworkReply::OperationCanceledError) {
+        // Only Qt cancels a reply we have not given up on ourselves: its transfer time-out.
+        completeRequest(state, std::nullopt, timeoutError(requestTimeout_));
+    } else if (reply->error() != QNetworkReply::NoError) {
+        completeRequest(state, std::nullopt, networkError(reply->error(), reply->errorString()));
+    } else if (!ok) {
+        completeRequest(state, std::nullopt,
+                        networkError(QNetworkReply::ProtocolFailure,
+                                     QStringLiteral("The reply carries no HTTP status")));
+    } else if (state->body.size() + reply->bytesAvailable() > maxReplyBytes_) {
+        completeRequest(state, std::nullopt, tooLargeError(maxReplyBytes_));
+    } else {
+        QByteArray body = std::move(state->body);
+        body += reply->readAll();
+        completeRequest(state, std::move(body), std::nullopt);
+    }
+}
+
+void PollManager::completeRequest(const std::shared_ptr<Request> &state,
+                                  std::optional<QByteArray> body, std::optional<Error> error) {
+    if (state->completed) {
+        return;
+    }
+    state->completed = true;
+    state->deadline->stop();
+    state->body.clear();
+    QNetworkReply *reply = state->reply;
+    // Nothing of this reply reaches us any more. It is aborted and dropped from the event loop,
+    // not from inside one of its own signals; a reply Qt has failed by itself (it does so for
+    // statuses of 400 and up) only needs dropping.
+    QObject::disconnect(reply, nullptr, this, nullptr);
+    QMetaObject::invokeMethod(
+        reply,
+        [reply] {
+            if (reply->isRunning() && reply->error() == QNetworkReply::NoError) {
+                reply->abort();
+            }
+            reply->deleteLater();
+        },
+        Qt::QueuedConnection);
+
+    ReplyCallback done = std::move(state->done);
+    state->done = nullptr;
+    if (done) {
+        done(std::move(body), std::move(error));
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Backend
+
+void PollManager::setUpTimer(double pingTimeLimit, std::function<void()> pingTimeout) {
+    if (!(pingTimeLimit > 0)) { // also NaN
+        if (timer_) {
+            timer_->stop();
+            delete timer_;
+            timer_ = nullptr;
+        }
+        pingTimeout_ = nullptr;
+        return;
+    }
+    const double intervalMs = pingTimeLimit * 1000.0 / pingTicksPerLimit;
+    const int interval =
+        intervalMs >= double(INT_MAX) ? INT_MAX : std::max(1, int(std::lround(intervalMs)));
+    if (!timer_) {
+        timer_ = new QTimer(this);
+        timer_->setTimerType(Qt::PreciseTimer);
+        connect(timer_, &QTimer::timeout, this, &PollManager::tick);
+    }
+    pingTimeout_ = std::move(pingTimeout);
+    timer_->start(interval);
+}
+
+void PollManager::tick() {
+    std::int64_t next = 0;
+    if (__builtin_add_overflow(pingCount, std::int64_t(1), &next)) {
+        next = std::numeric_limits<std::int64_t>::max();
+    }
+    pingCount = next;
+    if (pingCount >= pingTicksPerLimit) {
+        pingCount = 0;
+        if (pingTimeout_) {
+            const std::function<void()> timeout = pingTimeout_; // it may resubscribe
+            timeout();
+        }
+    }
+}
+
+void PollManager::acceptPeerKey(const std::string &key) {
+    try {
+        kes.setExternalPublicKey(key);
+    } catch (...) {
+        log("pem search parse error - reset: " + Error::fromCurrentException().description);
+        // A retrying runner starts a fresh backend, which prints a fresh key.
+        processManager_->terminateCurrentTask();
+        return;
+    }
+    emit peerKeyChanged();
+}
+
+runwarden::StandardOutputHandler
+PollManager::outputHandler(std::shared_ptr<Subscription> subscription) {
+    // Runs on the runner's reader thread. Only the caller's handler runs here; the PollManager's
+    // own state is touched on the main thread, in the order the chunks arrived, so that a
+    // request made on the main thread after a key line sees that key.
+    return [this, subscription = std::move(subscription)](const QString &chunk) {
+        runwarden::StandardOutputHandler standardOutput;
+        bool withPEMWatcher = false;
+        {
+            const std::lock_guard lock(subscription->mutex);
+            standardOutput = subscription->standardOutput;
+            withPEMWatcher = subscription->withPEMWatcher;
+        }
+        if (standardOutput) {
+            try {
+                standardOutput(chunk);
+            } catch (...) {
+                const std::string text = Error::fromCurrentException().description;
+                QMetaObject::invokeMethod(
+                    this, [this, text] { log("warning: " + text); }, Qt::QueuedConnection);
+            }
+        }
+        QMetaObject::invokeMethod(
+            this, [this] { pong(); }, Qt::QueuedConnection);
+        if (withPEMWatcher) {
+            std::optional<std::string> key;
+            try {
+                key = lumacrypt::PEMSearchString(chunk.toStdString());
+            } catch (...) {
+                key.reset(); // malformed output is no key
+            }
+            if (key) {
+                QMetaObject::invokeMethod(
+                    this, [this, key = std::move(*key)] { acceptPeerKey(key); },
+                    Qt::QueuedConnection);
+            }
+        }
+    };
+}
+
+runwarden::TaskExitHandler PollManager::exitHandler(std::shared_ptr<Subscription> subscription) {
+    return [subscription = std::move(subscription)](const std::optional<std::error_code> &error) {
+        runwarden::TaskExitHandler taskExitNotification;
+        {
+            const std::lock_guard lock(subscription->mutex);
+            taskExitNotification = subscription->taskExitNotification;
+        }
+        if (taskExitNotification) {
+            taskExitNotification(error);
+        }
+    };
+}
+
+namespace {
+
+std::optional<QString> executablePath(const QString &binURL) {
+    if (binURL.isEmpty()) {
+        return std::nullopt;
+    }
+    if (binURL.startsWith(QLatin1String("file:"))) {
+        const QString local = QUrl(binURL).toLocalFile();
+        return local.isEmpty() ? std::nullopt : std::optional<QString>(local);
+    }
+    return binURL;
+}
+
+} // namespace
+
+void PollManager::subscribeWithBinary(const QString &binURL, bool withRetry, bool withPEMWatcher,
+                                      double pingTimeLimit, std::function<void()> pingTimeout,
+                                      runwarden::StandardOutputHandler standardOutput,
+                                      runwarden::TaskExitHandler taskExitNotification) {
+    runwarden::ProcessManager *runner = processManager_;
+    const std::optional<QString> path = executablePath(binURL);
+
+    if (!runner->isCancelled() && runner->isLoopRunning()) {
+        // One loop per runner. A loop held after an exit takes the next launch itself.
+        if (runner->isHeld() && subscription_) {
+            subscription_->install(std::move(standardOutput), std::move(taskExitNotification),
+                                   withPEMWatcher);
+            setUpTimer(pingTimeLimit, std::move(pingTimeout));
+            if (!runner->relaunch(path)) {
+                log("warning: subscribeWithBinary: the held backend could not be relaunched");
+            }
+            return;
+        }
+        log("warning: subscribeWithBinary ignored: the backend is already running");
+        return;
+    }
+
+    if (runner->isCancelled()) {
+        // A cancelled runner never runs again: start over with a fresh one and the same
+        // arguments. The old one finishes winding down on its own.
+        auto *fresh = new runwarden::ProcessManager(runner->arguments(), this);
+        if (runner->isLoopRunning()) {
+            connect(runner, &runwarden::ProcessManager::loopFinished, runner,
+                    &QObject::deleteLater);
+        } else {
+            runner->deleteLater();
+        }
+        processManager_ = fresh;
+        runner = fresh;
+    }
+
+    auto subscription = std::make_shared<Subscription>();
+    subscription->install(std::move(standardOutput), std::move(taskExitNotification),
+                          withPEMWatcher);
+    subscription_ = subscription;
+    setUpTimer(pingTimeLimit, std::move(pingTimeout));
+    if (!runner->RunProces(path, withRetry, outputHandler(subscription),
+                           exitHandler(subscription))) {
+        log("warning: subscribeWithBinary ignored: the backend is already running");
+    }
+}
+
+void PollManager::stopBackend() {
+    processManager_->cancel();
+}
+
+bool PollManager::isBackendRunning() const {
+    return processManager_->currentTaskPid() != 0;
+}
+
+} // namespace tidepost
