@@ -2,6 +2,8 @@
 
 #include <array>
 #include <charconv>
+#include <cstdint>
+#include <cstring>
 
 namespace tarnwick::json {
 
@@ -73,46 +75,73 @@ int utf8Sequence(std::string_view text, std::size_t i) {
     return length;
 }
 
+// Length of the prefix of p[0..n) that is written as it is: printable ASCII other than '"' and
+// '\\'. Eight bytes at a time while no byte in the word needs attention.
+std::size_t plainRun(const char *p, std::size_t n) {
+    constexpr std::uint64_t ones = 0x0101010101010101ULL;
+    constexpr std::uint64_t highBits = 0x8080808080808080ULL;
+    // Non-zero exactly when some byte of v is zero.
+    const auto hasZeroByte = [](std::uint64_t v) { return (v - ones) & ~v & highBits; };
+    std::size_t i = 0;
+    while (i + 8 <= n) {
+        std::uint64_t word;
+        std::memcpy(&word, p + i, sizeof word);
+        const std::uint64_t belowSpace = (word - ones * 0x20) & ~word & highBits;
+        const std::uint64_t special = belowSpace | hasZeroByte(word ^ (ones * '"')) |
+                                      hasZeroByte(word ^ (ones * '\\')) | (word & highBits);
+        if (special != 0) {
+            break;
+        }
+        i += 8;
+    }
+    while (i < n) {
+        const auto c = static_cast<unsigned char>(p[i]);
+        if (c >= 0x80 || asciiEscapes[c] != 0) {
+            break;
+        }
+        ++i;
+    }
+    return i;
+}
+
 } // namespace
 
 void appendString(std::string &out, std::string_view text) {
+    // Room for the usual case (few escapes) up front; the string grows as usual beyond that.
+    out.reserve(out.size() + text.size() + text.size() / 8 + 2);
     out.push_back('"');
-    std::size_t runStart = 0;
-    std::size_t i = 0;
     const std::size_t n = text.size();
+    std::size_t i = 0;
     while (i < n) {
+        const std::size_t run = plainRun(text.data() + i, n - i);
+        out.append(text.data() + i, run);
+        i += run;
+        if (i == n) {
+            break;
+        }
         const auto c = static_cast<unsigned char>(text[i]);
         if (c < 0x80) {
             const char escape = asciiEscapes[c];
-            if (escape == 0) {
-                ++i;
-                continue;
-            }
-            out.append(text.data() + runStart, i - runStart);
-            out.push_back('\\');
             if (escape == 'u') {
                 static constexpr char hex[] = "0123456789abcdef";
-                out.append("u00");
-                out.push_back(hex[c >> 4]);
-                out.push_back(hex[c & 0xF]);
+                const char sequence[6] = {'\\', 'u', '0', '0', hex[c >> 4], hex[c & 0xF]};
+                out.append(sequence, sizeof sequence);
             } else {
-                out.push_back(escape);
+                const char sequence[2] = {'\\', escape};
+                out.append(sequence, sizeof sequence);
             }
             ++i;
-            runStart = i;
             continue;
         }
         const int length = utf8Sequence(text, i);
         if (length > 0) {
+            out.append(text.data() + i, static_cast<std::size_t>(length));
             i += static_cast<std::size_t>(length);
-            continue;
+        } else {
+            out.append(replacementCharacter);
+            i += static_cast<std::size_t>(-length);
         }
-        out.append(text.data() + runStart, i - runStart);
-        out.append(replacementCharacter);
-        i += static_cast<std::size_t>(-length);
-        runStart = i;
     }
-    out.append(text.data() + runStart, n - runStart);
     out.push_back('"');
 }
 
@@ -127,8 +156,10 @@ void ObjectWriter::key(std::string_view name) {
         out_.push_back(',');
     }
     first_ = false;
-    appendString(out_, name);
-    out_.push_back(':');
+    // Member names are the records' own plain-ASCII constants: nothing in them needs escaping.
+    out_.push_back('"');
+    out_.append(name);
+    out_.append("\":", 2);
 }
 
 void ObjectWriter::string(std::string_view name, std::string_view value) {

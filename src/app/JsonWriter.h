@@ -24,7 +24,8 @@ public:
     ObjectWriter(const ObjectWriter &) = delete;
     ObjectWriter &operator=(const ObjectWriter &) = delete;
 
-    // Starts a member; the caller then appends exactly one value to out().
+    // Member names must be plain printable ASCII without '"' or '\\' (they are written as they
+    // are). key() starts a member; the caller then appends exactly one value to out().
     void key(std::string_view name);
     void string(std::string_view name, std::string_view value);
     void integer(std::string_view name, std::int64_t value);
