@@ -1,0 +1,508 @@
+// Posting to the backend's local endpoint, against a small HTTP server on 127.0.0.1 that records
+// the raw requests it receives and answers with canned replies.
+
+#include <PollManager.h>
+
+#include <QElapsedTimer>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTimer>
+#include <QtTest>
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+using tidepost::Error;
+using tidepost::PollManager;
+using tidepost::PollManagerError;
+
+namespace {
+
+// One request as the server received it.
+struct Received {
+    QByteArray raw; // request line, headers and body exactly as sent
+    QByteArray method;
+    QByteArray target;
+    QList<QPair<QByteArray, QByteArray>> headers; // names lower-cased
+    QByteArray body;
+    int connection = 0; // which accepted connection carried it (1, 2, ...)
+
+    std::optional<QByteArray> header(const QByteArray &name) const {
+        for (const auto &[key, value] : headers) {
+            if (key == name.toLower()) {
+                return value;
+            }
+        }
+        return std::nullopt;
+    }
+    int headerCount(const QByteArray &name) const {
+        int n = 0;
+        for (const auto &entry : headers) {
+            n += entry.first == name.toLower() ? 1 : 0;
+        }
+        return n;
+    }
+};
+
+class CannedServer : public QObject {
+public:
+    // Called once a whole request has arrived; writes the answer (or nothing) to the socket.
+    using Responder = std::function<void(QTcpSocket *socket, const Received &request)>;
+
+    CannedServer() {
+        connect(&server, &QTcpServer::newConnection, this, [this] {
+            while (QTcpSocket *socket = server.nextPendingConnection()) {
+                const int id = ++connections;
+                auto buffer = std::make_shared<QByteArray>();
+                connect(socket, &QTcpSocket::readyRead, this, [this, socket, id, buffer] {
+                    *buffer += socket->readAll();
+                    parse(socket, id, *buffer);
+                });
+                connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+            }
+        });
+    }
+    bool listen() { return server.listen(QHostAddress::LocalHost, 0); }
+    int port() const { return server.serverPort(); }
+
+    Responder respond;
+    std::vector<Received> requests;
+    int connections = 0;
+
+private:
+    void parse(QTcpSocket *socket, int id, QByteArray &buffer) {
+        for (;;) {
+            const qsizetype end = buffer.indexOf("\r\n\r\n");
+            if (end < 0) {
+                return;
+            }
+            Received request;
+            request.connection = id;
+            const QList<QByteArray> lines = buffer.left(end).split('\n');
+            const QList<QByteArray> first = lines.front().trimmed().split(' ');
+            request.method = first.value(0);
+            request.target = first.value(1);
+            qsizetype length = 0;
+            for (qsizetype i = 1; i < lines.size(); ++i) {
+                const qsizetype colon = lines[i].indexOf(':');
+                if (colon < 0) {
+                    continue;
+                }
+                const QByteArray name = lines[i].left(colon).trimmed().toLower();
+                const QByteArray value = lines[i].mid(colon + 1).trimmed();
+                request.headers.append({name, value});
+                if (name == "content-length") {
+                    length = value.toLongLong();
+                }
+            }
+            if (buffer.size() < end + 4 + length) {
+                return;
+            }
+            request.body = buffer.mid(end + 4, length);
+            request.raw = buffer.left(end + 4 + length);
+            buffer.remove(0, end + 4 + length);
+            requests.push_back(request);
+            if (respond) {
+                respond(socket, requests.back());
+            }
+        }
+    }
+
+    QTcpServer server;
+};
+
+QByteArray answer(int status, const QByteArray &reason, const QByteArray &body) {
+    return "HTTP/1.1 " + QByteArray::number(status) + " " + reason +
+           "\r\nContent-Type: application/json\r\nContent-Length: " +
+           QByteArray::number(body.size()) + "\r\n\r\n" + body;
+}
+
+// The outcome of one publish, with a count of how often the callback ran.
+struct Outcome {
+    int calls = 0;
+    std::optional<QByteArray> body;
+    std::optional<Error> error;
+    PollManager::ReplyCallback callback() {
+        return [this](std::optional<QByteArray> b, std::optional<Error> e) {
+            ++calls;
+            body = std::move(b);
+            error = std::move(e);
+        };
+    }
+};
+
+const std::string kToken = "dGhpcyBpcyBhIDMyLWJ5dGUgdGVzdCBrZXkgdmFsdWU=";
+
+} // namespace
+
+class TestPublish : public QObject {
+    Q_OBJECT
+
+private slots:
+    void postsJSONWithBearerToken();
+    void emptyTokenSendsNoAuthorization();
+    void encodableValueIsSentAsItsJSON();
+    void connectionIsReused();
+    void statusOtherThan200IsPublishFailure();
+    void redirectIsNotFollowed();
+    void badURLIsUrlError();
+    void transportFailureIsNetworkError();
+    void silentServerTimesOut();
+    void tricklingServerTimesOut();
+    void hugeContentLengthIsRefused();
+    void streamedBodyOver64MiBIsRefused();
+    void bodyJustUnderTheCapIsAccepted();
+    void pendingRequestsAreDroppedWithTheClient();
+};
+
+void TestPublish::postsJSONWithBearerToken() {
+    CannedServer server;
+    QVERIFY(server.listen());
+    server.respond = [](QTcpSocket *socket, const Received &) {
+        socket->write(answer(200, "OK", R"({"KDFNonce":"a"})"));
+    };
+    PollManager pm(tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
+    Outcome outcome;
+    const std::string body = R"({"Type":"ping","ID":"","Data":""})";
+    pm.publishLocal(body, server.port(), QStringLiteral("/request"), kToken, outcome.callback());
+    QCOMPARE(outcome.calls, 0); // never before the call has returned
+    QTRY_COMPARE_WITH_TIMEOUT(outcome.calls, 1, 10000);
+    QVERIFY2(!outcome.error, outcome.error ? outcome.error->description.c_str() : "");
+    QCOMPARE(outcome.body, std::optional<QByteArray>(R"({"KDFNonce":"a"})"));
+
+    QCOMPARE(server.requests.size(), std::size_t(1));
+    const Received &request = server.requests.front();
+    QVERIFY2(request.raw.startsWith("POST /request HTTP/1.1\r\n"), request.raw.constData());
+    QCOMPARE(request.header("content-type"), std::optional<QByteArray>("application/json"));
+    QCOMPARE(request.header("authorization"),
+             std::optional<QByteArray>("Bearer " + QByteArray::fromStdString(kToken)));
+    QCOMPARE(request.headerCount("authorization"), 1);
+    QCOMPARE(request.header("host"),
+             std::optional<QByteArray>("127.0.0.1:" + QByteArray::number(server.port())));
+    QCOMPARE(request.body, QByteArray::fromStdString(body));
+    QTest::qWait(50);
+    QCOMPARE(outcome.calls, 1);
+}
+
+void TestPublish::emptyTokenSendsNoAuthorization() {
+    CannedServer server;
+    QVERIFY(server.listen());
+    server.respond = [](QTcpSocket *socket, const Received &) {
+        socket->write(answer(200, "OK", "{}"));
+    };
+    PollManager pm(tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
+    Outcome outcome;
+    pm.publishLocal("{}", server.port(), QStringLiteral("/request"), "", outcome.callback());
+    QTRY_COMPARE_WITH_TIMEOUT(outcome.calls, 1, 10000);
+    QVERIFY(!outcome.error);
+    QCOMPARE(server.requests.size(), std::size_t(1));
+    const Received &request = server.requests.front();
+    QVERIFY(!request.raw.toLower().contains("authorization"));
+    QCOMPARE(request.headerCount("authorization"), 0);
+    QCOMPARE(request.method, QByteArray("POST"));
+    QCOMPARE(request.header("content-type"), std::optional<QByteArray>("application/json"));
+
+    // The client's own token is what the app sends.
+    Outcome second;
+    pm.publishLocal("{}", server.port(), QStringLiteral("/request"), pm.bearerToken,
+                    second.callback());
+    QTRY_COMPARE_WITH_TIMEOUT(second.calls, 1, 10000);
+    QCOMPARE(server.requests.back().header("authorization"),
+             std::optional<QByteArray>("Bearer " + QByteArray::fromStdString(pm.bearerToken)));
+}
+
+void TestPublish::encodableValueIsSentAsItsJSON() {
+    CannedServer server;
+    QVERIFY(server.listen());
+    server.respond = [](QTcpSocket *socket, const Received &) {
+        socket->write(answer(200, "OK", "ok"));
+    };
+    PollManager pm(tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
+    lumacrypt::KeyExchangeStore backend = tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM();
+    pm.kes.setExternalPublicKey(backend.LocalPublicKey());
+    const lumacrypt::KeyExchangeAEADStore record = pm.kes.encodeJSONAndEncrypt(
+        "addWatchDir", "Personal", "/home/u/Docs", pm.keyExchangeCurrentTimestampData());
+    Outcome outcome;
+    pm.publishLocal(record, server.port(), QStringLiteral("/request"), pm.bearerToken,
+                    outcome.callback());
+    QTRY_COMPARE_WITH_TIMEOUT(outcome.calls, 1, 10000);
+    QCOMPARE(outcome.body, std::optional<QByteArray>("ok"));
+    const QByteArray sent = server.requests.front().body;
+    QCOMPARE(sent, QByteArray::fromStdString(record.toJSON()));
+    // ... and the backend opens what arrived.
+    backend.setExternalPublicKey(pm.bearerToken);
+    const lumacrypt::Bytes plain = backend.decryptAEADStore(
+        lumacrypt::KeyExchangeAEADStore::fromJSON(std::string_view(sent.constData(), sent.size())));
+    QCOMPARE(std::string(plain.begin(), plain.end()),
+             std::string(R"({"Type":"addWatchDir","ID":"Personal","Data":"/home/u/Docs"})"));
+}
+
+void TestPublish::connectionIsReused() {
+    CannedServer server;
+    QVERIFY(server.listen());
+    server.respond = [](QTcpSocket *socket, const Received &request) {
+        socket->write(answer(200, "OK", request.body));
+    };
+    PollManager pm(tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
+    for (int i = 0; i < 3; ++i) {
+        Outcome outcome;
+        const std::string body = "{\"n\":" + std::to_string(i) + "}";
+        pm.publishLocal(body, server.port(), QStringLiteral("/request"), kToken,
+                        outcome.callback());
+        QTRY_COMPARE_WITH_TIMEOUT(outcome.calls, 1, 10000);
+        QCOMPARE(outcome.body, std::optional<QByteArray>(QByteArray::fromStdString(body)));
+    }
+    QCOMPARE(server.requests.size(), std::size_t(3));
+    QCOMPARE(server.connections, 1);
+    for (const Received &request : server.requests) {
+        QCOMPARE(request.connection, 1);
+    }
+}
+
+void TestPublish::statusOtherThan200IsPublishFailure() {
+    for (const auto &[status, reason] :
+         std::vector<std::pair<int, QByteArray>>{{201, "Created"},
+                                                 {204, "No Content"},
+                                                 {401, "Unauthorized"},
+                                                 {404, "Not Found"},
+                                                 {500, "Internal Server Error"}}) {
+        CannedServer server;
+        QVERIFY(server.listen());
+        server.respond = [status = status, reason = reason](QTcpSocket *socket, const Received &) {
+            socket->write(answer(status, reason, status == 204 ? "" : R"({"status":"x"})"));
+        };
+        PollManager pm(tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
+        Outcome outcome;
+        pm.publishLocal("{}", server.port(), QStringLiteral("/request"), kToken,
+                        outcome.callback());
+        QTRY_COMPARE_WITH_TIMEOUT(outcome.calls, 1, 10000);
+        QVERIFY(!outcome.body);
+        QCOMPARE(outcome.error, std::optional(Error::of(PollManagerError::publishFailure)));
+        QTest::qWait(20);
+        QCOMPARE(outcome.calls, 1);
+    }
+}
+
+void TestPublish::redirectIsNotFollowed() {
+    CannedServer server;
+    QVERIFY(server.listen());
+    server.respond = [&server](QTcpSocket *socket, const Received &) {
+        socket->write("HTTP/1.1 307 Temporary Redirect\r\nLocation: http://127.0.0.1:" +
+                      QByteArray::number(server.port()) +
+                      "/elsewhere\r\nContent-Length: 0\r\n\r\n");
+    };
+    PollManager pm(tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
+    Outcome outcome;
+    pm.publishLocal("{}", server.port(), QStringLiteral("/request"), kToken, outcome.callback());
+    QTRY_COMPARE_WITH_TIMEOUT(outcome.calls, 1, 10000);
+    QCOMPARE(outcome.error, std::optional(Error::of(PollManagerError::publishFailure)));
+    QTest::qWait(100);
+    QCOMPARE(server.requests.size(), std::size_t(1));
+}
+
+void TestPublish::badURLIsUrlError() {
+    PollManager pm(tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
+    Outcome relative;
+    pm.publishLocal("{}", 8123, QStringLiteral("request"), kToken, relative.callback());
+    Outcome badPort;
+    pm.publishLocal("{}", 70000, QStringLiteral("/request"), kToken, badPort.callback());
+    Outcome negative;
+    pm.publishLocal("{}", -1, QStringLiteral("/request"), kToken, negative.callback());
+    Outcome noHost;
+    pm.publishWithURL("{}", QUrl(QStringLiteral("/request")), kToken, noHost.callback());
+    QCOMPARE(relative.calls + badPort.calls + negative.calls + noHost.calls, 0);
+    QTRY_COMPARE(relative.calls + badPort.calls + negative.calls + noHost.calls, 4);
+    for (const Outcome *o : {&relative, &badPort, &negative, &noHost}) {
+        QCOMPARE(o->calls, 1);
+        QCOMPARE(o->error, std::optional(Error::of(PollManagerError::urlError)));
+        QVERIFY(!o->body);
+    }
+}
+
+void TestPublish::transportFailureIsNetworkError() {
+    // A port nobody listens on: take one, then close it.
+    int port = 0;
+    {
+        QTcpServer probe;
+        QVERIFY(probe.listen(QHostAddress::LocalHost, 0));
+        port = probe.serverPort();
+    }
+    PollManager pm(tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
+    Outcome outcome;
+    pm.publishLocal("{}", port, QStringLiteral("/request"), kToken, outcome.callback());
+    QTRY_COMPARE_WITH_TIMEOUT(outcome.calls, 1, 10000);
+    QVERIFY(outcome.error);
+    QCOMPARE(outcome.error->domain, std::string("NetworkError"));
+    QCOMPARE(outcome.error->code, int(QNetworkReply::ConnectionRefusedError));
+    QVERIFY(!outcome.error->description.empty());
+
+    // A server that closes the connection without an answer.
+    CannedServer server;
+    QVERIFY(server.listen());
+    server.respond = [](QTcpSocket *socket, const Received &) { socket->close(); };
+    Outcome closed;
+    pm.publishLocal("{}", server.port(), QStringLiteral("/request"), kToken, closed.callback());
+    QTRY_COMPARE_WITH_TIMEOUT(closed.calls, 1, 10000);
+    QVERIFY(closed.error);
+    QCOMPARE(closed.error->domain, std::string("NetworkError"));
+}
+
+void TestPublish::silentServerTimesOut() {
+    CannedServer server;
+    QVERIFY(server.listen());
+    server.respond = [](QTcpSocket *, const Received &) {}; // never answers
+    PollManager pm(tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
+    QCOMPARE(pm.requestTimeout(), std::chrono::milliseconds(30000));
+    pm.setRequestTimeout(std::chrono::milliseconds(300));
+    Outcome outcome;
+    pm.publishLocal("{}", server.port(), QStringLiteral("/request"), kToken, outcome.callback());
+    QTRY_COMPARE_WITH_TIMEOUT(outcome.calls, 1, 10000);
+    QCOMPARE(server.requests.size(), std::size_t(1)); // it did arrive
+    QVERIFY(outcome.error);
+    QCOMPARE(outcome.error->domain, std::string("NetworkError"));
+    QCOMPARE(outcome.error->code, int(QNetworkReply::TimeoutError));
+    QVERIFY(QByteArray::fromStdString(outcome.error->description).contains("timed out"));
+    QTest::qWait(50);
+    QCOMPARE(outcome.calls, 1);
+}
+
+void TestPublish::tricklingServerTimesOut() {
+    // Headers, then a byte every 50 ms of a body that never completes: data keeps flowing, but
+    // the whole exchange is still bounded.
+    CannedServer server;
+    QVERIFY(server.listen());
+    QTimer trickle;
+    QList<QPointer<QTcpSocket>> sockets;
+    server.respond = [&](QTcpSocket *socket, const Received &) {
+        socket->write("HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n");
+        sockets.append(socket);
+    };
+    connect(&trickle, &QTimer::timeout, this, [&] {
+        for (const QPointer<QTcpSocket> &socket : sockets) {
+            if (socket) {
+                socket->write("x");
+            }
+        }
+    });
+    trickle.start(50);
+    PollManager pm(tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
+    pm.setRequestTimeout(std::chrono::milliseconds(600));
+    Outcome outcome;
+    QElapsedTimer clock;
+    clock.start();
+    pm.publishLocal("{}", server.port(), QStringLiteral("/request"), kToken, outcome.callback());
+    QTRY_COMPARE_WITH_TIMEOUT(outcome.calls, 1, 10000);
+    QVERIFY(outcome.error);
+    QCOMPARE(outcome.error->domain, std::string("NetworkError"));
+    QCOMPARE(outcome.error->code, int(QNetworkReply::TimeoutError));
+}
+
+void TestPublish::hugeContentLengthIsRefused() {
+    CannedServer server;
+    QVERIFY(server.listen());
+    int written = 0;
+    server.respond = [&](QTcpSocket *socket, const Received &) {
+        // Announces 100 GB, sends a little, and would go on for ever.
+        socket->write("HTTP/1.1 200 OK\r\nContent-Length: 100000000000\r\n\r\n" +
+                      QByteArray(1024, 'x'));
+        ++written;
+    };
+    PollManager pm(tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
+    QCOMPARE(pm.maxReplyBytes(), qint64(64) * 1024 * 1024);
+    Outcome outcome;
+    pm.publishLocal("{}", server.port(), QStringLiteral("/request"), kToken, outcome.callback());
+    QTRY_COMPARE_WITH_TIMEOUT(outcome.calls, 1, 10000);
+    QCOMPARE(written, 1);
+    QVERIFY(!outcome.body);
+    QVERIFY(outcome.error);
+    QCOMPARE(outcome.error->domain, std::string("NetworkError"));
+    QVERIFY2(QByteArray::fromStdString(outcome.error->description).contains("67108864"),
+             outcome.error->description.c_str());
+
+    // Just over the cap, announced: refused as well.
+    server.respond = [](QTcpSocket *socket, const Received &) {
+        socket->write("HTTP/1.1 200 OK\r\nContent-Length: 67108865\r\n\r\n");
+    };
+    Outcome over;
+    pm.publishLocal("{}", server.port(), QStringLiteral("/request"), kToken, over.callback());
+    QTRY_COMPARE_WITH_TIMEOUT(over.calls, 1, 10000);
+    QVERIFY(over.error);
+    QCOMPARE(over.error->domain, std::string("NetworkError"));
+}
+
+void TestPublish::streamedBodyOver64MiBIsRefused() {
+    // No Content-Length: the body runs until the server closes, and it never stops on its own.
+    CannedServer server;
+    QVERIFY(server.listen());
+    qint64 sent = 0;
+    bool refusedByClient = false;
+    const QByteArray block(1024 * 1024, 'y');
+    server.respond = [&](QTcpSocket *socket, const Received &) {
+        socket->write("HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n");
+        auto feed = [&, socket] {
+            while (socket->state() == QAbstractSocket::ConnectedState &&
+                   socket->bytesToWrite() < 4 * block.size() && sent < 200 * block.size()) {
+                socket->write(block);
+                sent += block.size();
+            }
+        };
+        connect(socket, &QTcpSocket::bytesWritten, socket, feed);
+        connect(socket, &QTcpSocket::disconnected, this, [&] { refusedByClient = true; });
+        feed();
+    };
+    PollManager pm(tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
+    Outcome outcome;
+    pm.publishLocal("{}", server.port(), QStringLiteral("/request"), kToken, outcome.callback());
+    QTRY_COMPARE_WITH_TIMEOUT(outcome.calls, 1, 60000);
+    QVERIFY(!outcome.body);
+    QVERIFY(outcome.error);
+    QCOMPARE(outcome.error->domain, std::string("NetworkError"));
+    QVERIFY2(QByteArray::fromStdString(outcome.error->description).contains("67108864"),
+             outcome.error->description.c_str());
+    QTRY_VERIFY_WITH_TIMEOUT(refusedByClient, 10000);
+    // The client stopped reading soon after the cap, far from the 200 MiB on offer.
+    QVERIFY2(sent < 100 * block.size(), QByteArray::number(sent).constData());
+}
+
+void TestPublish::bodyJustUnderTheCapIsAccepted() {
+    CannedServer server;
+    QVERIFY(server.listen());
+    const QByteArray big(1000, 'z');
+    server.respond = [&](QTcpSocket *socket, const Received &) {
+        socket->write(answer(200, "OK", big));
+    };
+    PollManager pm(tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
+    pm.setMaxReplyBytes(1000);
+    Outcome exact;
+    pm.publishLocal("{}", server.port(), QStringLiteral("/request"), kToken, exact.callback());
+    QTRY_COMPARE_WITH_TIMEOUT(exact.calls, 1, 10000);
+    QVERIFY(!exact.error);
+    QCOMPARE(exact.body, std::optional<QByteArray>(big));
+
+    pm.setMaxReplyBytes(999);
+    Outcome over;
+    pm.publishLocal("{}", server.port(), QStringLiteral("/request"), kToken, over.callback());
+    QTRY_COMPARE_WITH_TIMEOUT(over.calls, 1, 10000);
+    QVERIFY(over.error);
+    QCOMPARE(over.error->domain, std::string("NetworkError"));
+}
+
+void TestPublish::pendingRequestsAreDroppedWithTheClient() {
+    CannedServer server;
+    QVERIFY(server.listen());
+    server.respond = [](QTcpSocket *, const Received &) {};
+    Outcome outcome;
+    {
+        PollManager pm(tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
+        pm.publishLocal("{}", server.port(), QStringLiteral("/request"), kToken,
+                        outcome.callback());
+        QTRY_COMPARE_WITH_TIMEOUT(server.requests.size(), std::size_t(1), 10000);
+    }
+    QTest::qWait(100);
+    QCOMPARE(outcome.calls, 0);
+}
+
+QTEST_GUILESS_MAIN(TestPublish)
+#include "tst_publish.moc"
