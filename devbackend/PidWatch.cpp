@@ -15,10 +15,13 @@ bool processExists(pid_t pid) {
 }
 } // namespace
 
-PidWatch::PidWatch(pid_t pid, std::function<void()> gone, QObject *parent)
+PidWatch::PidWatch(pid_t pid, std::function<void()> gone, Method method, QObject *parent)
     : QObject(parent), pid_(pid), gone_(std::move(gone)) {
+    errno = 0;
 #ifdef SYS_pidfd_open
-    pidfd_ = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0));
+    if (method == Method::automatic) {
+        pidfd_ = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0));
+    }
 #endif
     if (pidfd_ >= 0) {
         notifier_ = std::make_unique<QSocketNotifier>(pidfd_, QSocketNotifier::Read);

@@ -17,9 +17,12 @@ namespace kovritdev {
 class PidWatch : public QObject {
     Q_OBJECT
 public:
+    enum class Method { automatic, polling };
+
     // `gone` is called once, on the main thread, when the process has ended (at once when it
-    // does not exist).
-    PidWatch(pid_t pid, std::function<void()> gone, QObject *parent = nullptr);
+    // does not exist). `automatic` uses a pidfd where the system has them.
+    PidWatch(pid_t pid, std::function<void()> gone, Method method = Method::automatic,
+             QObject *parent = nullptr);
     ~PidWatch() override;
 
     bool usesPidfd() const { return pidfd_ >= 0; }

@@ -536,8 +536,10 @@ bool moveToDeleted(const GroupVault &vault, const std::string &path, std::int64_
         target = base + "." + std::to_string(attempt);
     }
     if (::rename(path.c_str(), target.c_str()) != 0) {
-        if (errno == ENOENT) {
-            return true; // already moved (two folders of the group overlap)
+        if (errno == ENOENT || errno == ENOTDIR) {
+            // Already moved: with the folder that held it (now a file), or by another folder
+            // of the group that overlaps this one.
+            return true;
         }
         error = path + ": " + errnoText(errno);
         return false;
@@ -678,6 +680,13 @@ SyncPassResult runSyncPass(const SyncPassInput &input) {
         const std::lock_guard lock(*input.groupMutex);
         const std::int64_t deletedAt = nowMs();
         for (const auto &rel : deletions) {
+            struct stat st {};
+            if (::lstat((root + "/" + rel).c_str(), &st) != 0 || S_ISDIR(st.st_mode)) {
+                // Gone already, or a folder of that name took the file's place in this pass
+                // (the file went to the deleted area then).
+                ++result.deleted;
+                continue;
+            }
             if (moveToDeleted(input.vault, root + "/" + rel, deletedAt, error)) {
                 ++result.deleted;
             } else {

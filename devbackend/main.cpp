@@ -141,6 +141,8 @@ int main(int argc, char **argv) {
         pidWatch = std::make_unique<PidWatch>(pid, [&shutdown, pid] {
             shutdown(0, "client process " + std::to_string(pid) + " has ended");
         });
+        logLine("watching client process " + std::to_string(pid) +
+                (pidWatch->usesPidfd() ? " (pidfd)" : " (checked every 250 ms)"));
     }
     if (settings.faults.exitAfterSeconds) {
         QTimer::singleShot(static_cast<int>(*settings.faults.exitAfterSeconds * 1000),

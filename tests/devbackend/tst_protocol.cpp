@@ -1,0 +1,544 @@
+// The development backend over the real protocol: sign-in, the commands and their answers, every
+// refusal of the HTTP endpoint, the replay and freshness checks, strictly increasing answer
+// timestamps, persistence of the state and logging out.
+
+#include "BackendHarness.h"
+
+#include <Models.h>
+#include <lumacrypt/Base64.h>
+
+#include <QDir>
+#include <QFile>
+#include <QTcpSocket>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <nlohmann/json.hpp>
+
+using namespace devbackendtest;
+
+namespace {
+const std::string kAddress = "someone@example.org";
+}
+
+class ProtocolTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void cleanupTestCase();
+
+    void signedOutCommandsAskForAuthentication();
+    void requestCodeRefusesAddressesThatAreNoFileName();
+    void signInWithTheMailedCode();
+    void getGroupsListsTheTwoDefaultGroups();
+    void pingWithoutFoldersAnswersPing();
+    void unknownCommandIsAnError();
+    void openDirPathAnswersAnEmptySealedBody();
+    void openWebKnowsOnlyExistingGroups();
+    void updateGroupStoresRetention();
+    void addWatchDirRefusals();
+    void malformedEnvelopeIsAnError();
+
+    void wrongOrMissingBearerIs401();
+    void originHeaderIs403BeforeTheBearer();
+    void foreignHostIs403();
+    void localhostHostIsAccepted();
+    void bodyOver16MiBIs413();
+    void otherMethodsAndPaths();
+    void tamperedRecordIs400();
+    void notARecordIs400();
+    void replayedRecordIs400();
+    void staleOrFutureTimestampIs400();
+    void answerTimestampsStrictlyIncrease();
+    void listensOnLoopbackAddressOnly();
+
+    void stateSurvivesARestart();
+    void logoutAndExitEndsTheProcess();
+
+private:
+    QTemporaryDir stateRoot_;
+    QString stateDir_;
+    std::unique_ptr<Backend> backend_;
+};
+
+void ProtocolTest::initTestCase() {
+    QVERIFY(stateRoot_.isValid());
+    stateDir_ = stateRoot_.path() + QStringLiteral("/state");
+    backend_ = std::make_unique<Backend>();
+    QString error;
+    Backend::Options options;
+    options.stateDir = stateDir_;
+    QVERIFY2(backend_->start(options, &error), qPrintable(error));
+    QVERIFY(backend_->output().contains("starting, state in " + stateDir_.toUtf8()));
+}
+
+void ProtocolTest::cleanupTestCase() {
+    backend_.reset();
+}
+
+void ProtocolTest::signedOutCommandsAskForAuthentication() {
+    const std::vector<std::pair<std::string, std::string>> commands = {
+        {"getGroups", ""},           {"ping", ""},
+        {"addWatchDir", "Personal"}, {"stopWatching", "/"},
+        {"updateGroup", ""},         {"openWeb", "1"},
+        {"openDirPath", "/"},        {"no such command", ""},
+        {"logoutAndExit", ""},
+    };
+    for (const auto &[type, id] : commands) {
+        const auto answer = backend_->send(type, id);
+        QVERIFY2(answer.opened, answer.problem.c_str());
+        QCOMPARE(answer.plaintext, kAuthRequest);
+    }
+    QVERIFY(backend_->running()); // logoutAndExit while signed out does not end it
+}
+
+void ProtocolTest::requestCodeRefusesAddressesThatAreNoFileName() {
+    for (const char *address : {"../escape@example.org", "", "no-at-sign", "a/b@c.d"}) {
+        const auto answer = backend_->send("requestCode", address);
+        QVERIFY2(answer.opened, answer.problem.c_str());
+        QCOMPARE(answer.plaintext, errorJSON("Invalid e-mail address"));
+    }
+    QVERIFY(!QFile::exists(stateDir_ + QStringLiteral("/escape@example.org")));
+}
+
+void ProtocolTest::signInWithTheMailedCode() {
+    auto answer = backend_->send("requestCode", kAddress);
+    QVERIFY2(answer.opened, answer.problem.c_str());
+    QCOMPARE(answer.plaintext, kSuccess);
+
+    QFile outbox(stateDir_ + QStringLiteral("/outbox/") + QString::fromStdString(kAddress));
+    QVERIFY(outbox.open(QIODevice::ReadOnly));
+    const QByteArray code = outbox.readAll().trimmed();
+    QCOMPARE(code.size(), 6);
+    for (const char c : code) {
+        QVERIFY(c >= '0' && c <= '9');
+    }
+    QVERIFY(backend_->waitForOutput(
+        "sign-in code for " + QByteArray(kAddress.c_str()) + ": " + code + "\n", 5000));
+
+    const std::string wrong = code == "000000" ? "000001" : "000000";
+    answer = backend_->send("auth", kAddress, wrong);
+    QVERIFY2(answer.opened, answer.problem.c_str());
+    QCOMPARE(answer.plaintext, errorJSON("Invalid or expired code"));
+    // The right code for another address does not sign in either.
+    answer = backend_->send("auth", "other@example.org", code.toStdString());
+    QCOMPARE(answer.plaintext, errorJSON("Invalid or expired code"));
+    answer = backend_->send("getGroups");
+    QCOMPARE(answer.plaintext, kAuthRequest);
+
+    answer = backend_->send("auth", kAddress, code.toStdString());
+    QVERIFY2(answer.opened, answer.problem.c_str());
+    QCOMPARE(answer.plaintext, kSuccess);
+    // A code signs in once.
+    answer = backend_->send("auth", kAddress, code.toStdString());
+    QCOMPARE(answer.plaintext, errorJSON("Invalid or expired code"));
+}
+
+void ProtocolTest::getGroupsListsTheTwoDefaultGroups() {
+    const auto answer = backend_->send("getGroups");
+    QVERIFY2(answer.opened, answer.problem.c_str());
+    const auto groups = tarnwick::decodeGroupItems(answer.plaintext);
+    QCOMPARE(groups.size(), std::size_t(2));
+    QCOMPARE(groups[0].groupID, 1);
+    QCOMPARE(groups[0].name, std::string("Personal"));
+    QVERIFY(groups[0].walkPaths.empty());
+    QCOMPARE(groups[1].groupID, 2);
+    QCOMPARE(groups[1].name, std::string("Family"));
+    // The client tries the folder report first: a group list must not decode as one.
+    QVERIFY_THROWS_EXCEPTION(tarnwick::DecodingError, tarnwick::decodeDirItems(answer.plaintext));
+}
+
+void ProtocolTest::pingWithoutFoldersAnswersPing() {
+    const auto answer = backend_->send("ping", "", "[]");
+    QVERIFY2(answer.opened, answer.problem.c_str());
+    QCOMPARE(answer.plaintext, kPingMessage);
+}
+
+void ProtocolTest::unknownCommandIsAnError() {
+    const auto answer = backend_->send("frobnicate", "x", "y");
+    QVERIFY2(answer.opened, answer.problem.c_str());
+    QCOMPARE(answer.plaintext, errorJSON("Unknown request type: frobnicate"));
+}
+
+void ProtocolTest::openDirPathAnswersAnEmptySealedBody() {
+    for (const std::string &path :
+         std::vector<std::string>{QDir::tempPath().toStdString(), "/no/such/dir"}) {
+        const auto answer = backend_->send("openDirPath", path);
+        QVERIFY2(answer.opened, answer.problem.c_str());
+        QCOMPARE(answer.http.status, 200);
+        QVERIFY(answer.plaintext.empty());
+    }
+    QVERIFY(backend_->waitForOutput("openDirPath: would open", 5000));
+}
+
+void ProtocolTest::openWebKnowsOnlyExistingGroups() {
+    auto answer = backend_->send("openWeb", "1");
+    QVERIFY2(answer.opened, answer.problem.c_str());
+    QCOMPARE(answer.plaintext, kSuccess);
+    QVERIFY(backend_->waitForOutput("openWeb: would open file://", 5000));
+    answer = backend_->send("openWeb", "99");
+    QCOMPARE(answer.plaintext, errorJSON("Unknown group: 99"));
+    answer = backend_->send("openWeb", "one");
+    QCOMPARE(answer.plaintext, errorJSON("Unknown group: one"));
+}
+
+void ProtocolTest::updateGroupStoresRetention() {
+    tarnwick::GroupItem family{2, "Family", {}, tarnwick::RetentionSettings{}};
+    family.retentionSettings->retentionDays = 7;
+    auto answer = backend_->send("updateGroup", "", family.toJSON());
+    QVERIFY2(answer.opened, answer.problem.c_str());
+    QCOMPARE(answer.plaintext, kSuccess);
+
+    answer = backend_->send("getGroups");
+    const auto groups = tarnwick::decodeGroupItems(answer.plaintext);
+    QCOMPARE(groups.size(), std::size_t(2));
+    QVERIFY(groups[1].retentionSettings.has_value());
+    QCOMPARE(groups[1].retentionSettings->retentionDays, std::optional<std::int64_t>(7));
+    QVERIFY(!groups[0].retentionSettings || !groups[0].retentionSettings->isEnabled());
+
+    const tarnwick::GroupItem unknown{42, "Nobody", {}, std::nullopt};
+    answer = backend_->send("updateGroup", "", unknown.toJSON());
+    QCOMPARE(answer.plaintext, errorJSON("Unknown group: 42"));
+    answer = backend_->send("updateGroup", "", "{not json");
+    QCOMPARE(answer.plaintext, errorJSON("Malformed group"));
+    tarnwick::GroupItem negative{1, "Personal", {}, tarnwick::RetentionSettings{}};
+    negative.retentionSettings->retentionDays = -1;
+    answer = backend_->send("updateGroup", "", negative.toJSON());
+    QCOMPARE(answer.plaintext, errorJSON("retention_days must not be negative"));
+}
+
+void ProtocolTest::addWatchDirRefusals() {
+    QTemporaryDir folder;
+    QVERIFY(folder.isValid());
+    QFile file(folder.path() + QStringLiteral("/plain.txt"));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write("x");
+    file.close();
+    const std::string path = folder.path().toStdString();
+
+    auto answer = backend_->send("addWatchDir", "Work", path);
+    QCOMPARE(answer.plaintext, errorJSON("Unknown group: Work"));
+    answer = backend_->send("addWatchDir", "Personal", "relative/path");
+    QCOMPARE(answer.plaintext, errorJSON("Path is not absolute: relative/path"));
+    answer = backend_->send("addWatchDir", "Personal", path + "/missing");
+    QCOMPARE(answer.plaintext, errorJSON("Folder does not exist: " + path + "/missing"));
+    answer = backend_->send("addWatchDir", "Personal", path + "/plain.txt");
+    QCOMPARE(answer.plaintext, errorJSON("Not a folder: " + path + "/plain.txt"));
+    answer = backend_->send("addWatchDir", "Personal", "");
+    QCOMPARE(answer.plaintext, errorJSON("No folder given"));
+    answer = backend_->send("addWatchDir", "Personal", stateDir_.toStdString() + "/vault");
+    QCOMPARE(answer.plaintext, errorJSON("Folder is inside the backend's state folder: " +
+                                         stateDir_.toStdString() + "/vault"));
+
+    answer = backend_->send("getGroups");
+    for (const auto &group : tarnwick::decodeGroupItems(answer.plaintext)) {
+        QVERIFY(group.walkPaths.empty());
+    }
+}
+
+void ProtocolTest::malformedEnvelopeIsAnError() {
+    // A record that opens but does not hold an envelope.
+    const std::string timestamp = std::to_string(nowMs());
+    const std::string sealed =
+        backend_->store()
+            .encrypt(
+                std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t *>("[1,2,3]"), 7),
+                std::span<const std::uint8_t>(
+                    reinterpret_cast<const std::uint8_t *>(timestamp.data()), timestamp.size()))
+            .toJSON();
+    const auto reply =
+        httpExchange(backend_->port(), "POST", "/request", backend_->goodHeaders(), sealed);
+    QCOMPARE(reply.status, 200);
+    std::string plaintext;
+    std::int64_t answerTime = 0;
+    std::string problem;
+    QVERIFY2(backend_->open(reply.body, plaintext, answerTime, problem), problem.c_str());
+    QCOMPARE(plaintext, errorJSON("Malformed request"));
+}
+
+void ProtocolTest::wrongOrMissingBearerIs401() {
+    const std::string body = backend_->seal("getGroups", "", "", nowMs());
+    auto headers = backend_->goodHeaders();
+    headers["Authorization"] =
+        "Bearer " +
+        lumacrypt::KeyExchange_Curve25519_SHA256_HKDF_AESGCM_Store(std::string()).LocalPublicKey();
+    QCOMPARE(httpExchange(backend_->port(), "POST", "/request", headers, body).status, 401);
+    headers["Authorization"] = backend_->token(); // no "Bearer "
+    QCOMPARE(httpExchange(backend_->port(), "POST", "/request", headers, body).status, 401);
+    headers["Authorization"] = "Bearer " + backend_->token() + "x";
+    QCOMPARE(httpExchange(backend_->port(), "POST", "/request", headers, body).status, 401);
+    headers.erase("Authorization");
+    QCOMPARE(httpExchange(backend_->port(), "POST", "/request", headers, body).status, 401);
+    // The good token still works with the same body.
+    QCOMPARE(
+        httpExchange(backend_->port(), "POST", "/request", backend_->goodHeaders(), body).status,
+        200);
+}
+
+void ProtocolTest::originHeaderIs403BeforeTheBearer() {
+    auto headers = backend_->goodHeaders();
+    headers["Origin"] = "http://127.0.0.1:" + std::to_string(backend_->port());
+    QCOMPARE(httpExchange(backend_->port(), "POST", "/request", headers,
+                          backend_->seal("getGroups", "", "", nowMs()))
+                 .status,
+             403);
+    headers["Origin"] = "null";
+    headers["Authorization"] = "Bearer wrong";
+    QCOMPARE(httpExchange(backend_->port(), "POST", "/request", headers, "{}").status, 403);
+}
+
+void ProtocolTest::foreignHostIs403() {
+    const std::string port = std::to_string(backend_->port());
+    const std::vector<std::string> hosts = {"evil.example:" + port, "127.0.0.1:1", "127.0.0.1",
+                                            "localhost.evil.example:" + port, "0.0.0.0:" + port};
+    for (const auto &host : hosts) {
+        auto headers = backend_->goodHeaders();
+        headers["Host"] = host;
+        const auto reply = httpExchange(backend_->port(), "POST", "/request", headers,
+                                        backend_->seal("getGroups", "", "", nowMs()));
+        QVERIFY2(reply.status == 403, host.c_str());
+    }
+    // Wrong bearer and foreign host: the host check comes first.
+    auto headers = backend_->goodHeaders();
+    headers["Host"] = "evil.example:" + port;
+    headers["Authorization"] = "Bearer nope";
+    QCOMPARE(httpExchange(backend_->port(), "POST", "/request", headers, "{}").status, 403);
+}
+
+void ProtocolTest::localhostHostIsAccepted() {
+    auto headers = backend_->goodHeaders();
+    headers["Host"] = "localhost:" + std::to_string(backend_->port());
+    const auto reply = httpExchange(backend_->port(), "POST", "/request", headers,
+                                    backend_->seal("getGroups", "", "", nowMs()));
+    QCOMPARE(reply.status, 200);
+}
+
+void ProtocolTest::bodyOver16MiBIs413() {
+    // A request announcing one byte more than 16 MiB is refused without its body being read.
+    QTcpSocket socket;
+    socket.connectToHost(QHostAddress::LocalHost, static_cast<quint16>(backend_->port()));
+    QVERIFY(socket.waitForConnected(5000));
+    const QByteArray head =
+        "POST /request HTTP/1.1\r\nHost: 127.0.0.1:" + QByteArray::number(backend_->port()) +
+        "\r\nAuthorization: Bearer " + QByteArray(backend_->token().c_str()) +
+        "\r\nContent-Type: application/json\r\nContent-Length: " +
+        QByteArray::number(16 * 1024 * 1024 + 1) + "\r\n\r\n";
+    socket.write(head);
+    QVERIFY(socket.waitForBytesWritten(5000));
+    QByteArray response;
+    QDeadlineTimer deadline(10000);
+    while (!response.contains("\r\n") && !deadline.hasExpired()) {
+        if (socket.waitForReadyRead(100)) {
+            response += socket.readAll();
+        } else if (socket.state() != QAbstractSocket::ConnectedState) {
+            response += socket.readAll();
+            break;
+        }
+    }
+    QVERIFY2(response.startsWith("HTTP/1.1 413"), response.constData());
+
+    // A whole body of that size, sent as it is: 413 as well (or the connection is cut while
+    // sending, which is also a refusal; the backend must not accept it).
+    const std::string big(16 * 1024 * 1024 + 1, 'a');
+    const auto reply =
+        httpExchange(backend_->port(), "POST", "/request", backend_->goodHeaders(), big);
+    qInfo("a whole 16 MiB + 1 body: %s", reply.transportOk
+                                             ? ("HTTP " + std::to_string(reply.status)).c_str()
+                                             : ("cut: " + reply.transportError).c_str());
+    QVERIFY2(!reply.transportOk || reply.status == 413, std::to_string(reply.status).c_str());
+    QVERIFY(backend_->running());
+}
+
+void ProtocolTest::otherMethodsAndPaths() {
+    const auto headers = backend_->goodHeaders();
+    QCOMPARE(httpExchange(backend_->port(), "GET", "/request", headers, "").status, 405);
+    QCOMPARE(httpExchange(backend_->port(), "PUT", "/request", headers, "{}").status, 405);
+    QCOMPARE(httpExchange(backend_->port(), "DELETE", "/request", headers, "").status, 405);
+    QCOMPARE(httpExchange(backend_->port(), "GET", "/", headers, "").status, 404);
+    QCOMPARE(httpExchange(backend_->port(), "POST", "/other", headers,
+                          backend_->seal("getGroups", "", "", nowMs()))
+                 .status,
+             404);
+    QCOMPARE(httpExchange(backend_->port(), "POST", "/request/extra", headers,
+                          backend_->seal("getGroups", "", "", nowMs()))
+                 .status,
+             404);
+}
+
+void ProtocolTest::tamperedRecordIs400() {
+    const std::string sealed = backend_->seal("getGroups", "", "", nowMs());
+    const auto record = lumacrypt::KeyExchangeAEADStore::fromJSON(sealed);
+
+    auto box = *lumacrypt::base64Decode(record.ciphertext);
+    box[box.size() / 2] ^= 0x01;
+    auto tampered = record;
+    tampered.ciphertext = lumacrypt::base64Encode(box);
+    QCOMPARE(httpExchange(backend_->port(), "POST", "/request", backend_->goodHeaders(),
+                          tampered.toJSON())
+                 .status,
+             400);
+
+    tampered = record; // another timestamp in the additional data
+    tampered.additionalData = lumacrypt::base64Encode(std::to_string(nowMs() + 1));
+    QCOMPARE(httpExchange(backend_->port(), "POST", "/request", backend_->goodHeaders(),
+                          tampered.toJSON())
+                 .status,
+             400);
+
+    tampered = record;
+    auto salt = *lumacrypt::base64Decode(record.kdfNonce);
+    salt[0] ^= 0x80;
+    tampered.kdfNonce = lumacrypt::base64Encode(salt);
+    QCOMPARE(httpExchange(backend_->port(), "POST", "/request", backend_->goodHeaders(),
+                          tampered.toJSON())
+                 .status,
+             400);
+
+    tampered = record;
+    tampered.ciphertext = "not base64!";
+    QCOMPARE(httpExchange(backend_->port(), "POST", "/request", backend_->goodHeaders(),
+                          tampered.toJSON())
+                 .status,
+             400);
+
+    tampered = record; // a box too short to hold nonce and tag
+    tampered.ciphertext = lumacrypt::base64Encode(std::string_view("short"));
+    QCOMPARE(httpExchange(backend_->port(), "POST", "/request", backend_->goodHeaders(),
+                          tampered.toJSON())
+                 .status,
+             400);
+
+    // The untouched record still opens.
+    QCOMPARE(
+        httpExchange(backend_->port(), "POST", "/request", backend_->goodHeaders(), sealed).status,
+        200);
+    QVERIFY(backend_->running());
+}
+
+void ProtocolTest::notARecordIs400() {
+    const std::vector<std::string> bodies = {
+        std::string(),           "{}", "null", "[1,2]", "{\"KDFNonce\":1}", "\xff\xfe garbage",
+        std::string(100000, '[')};
+    for (const auto &body : bodies) {
+        QCOMPARE(httpExchange(backend_->port(), "POST", "/request", backend_->goodHeaders(), body)
+                     .status,
+                 400);
+    }
+    QVERIFY(backend_->running());
+}
+
+void ProtocolTest::replayedRecordIs400() {
+    const std::string sealed = backend_->seal("getGroups", "", "", nowMs());
+    QCOMPARE(
+        httpExchange(backend_->port(), "POST", "/request", backend_->goodHeaders(), sealed).status,
+        200);
+    QCOMPARE(
+        httpExchange(backend_->port(), "POST", "/request", backend_->goodHeaders(), sealed).status,
+        400);
+    // The same salt with another timestamp is another request.
+    const auto record = lumacrypt::KeyExchangeAEADStore::fromJSON(sealed);
+    const std::string timestamp = std::to_string(nowMs() + 3);
+    const auto again = backend_->store().encodeJSONAndEncryptWithNonces(
+        "getGroups", "", "", lumacrypt::base64Decode(record.kdfNonce), std::nullopt,
+        std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t *>(timestamp.data()),
+                                      timestamp.size()));
+    QCOMPARE(
+        httpExchange(backend_->port(), "POST", "/request", backend_->goodHeaders(), again.toJSON())
+            .status,
+        200);
+}
+
+void ProtocolTest::staleOrFutureTimestampIs400() {
+    auto answer = backend_->send("getGroups", "", "", nowMs() - 6000);
+    QCOMPARE(answer.http.status, 400);
+    answer = backend_->send("getGroups", "", "", nowMs() + 6000);
+    QCOMPARE(answer.http.status, 400);
+    // Within the window, either way.
+    answer = backend_->send("getGroups", "", "", nowMs() - 3000);
+    QCOMPARE(answer.http.status, 200);
+    answer = backend_->send("getGroups", "", "", nowMs() + 3000);
+    QCOMPARE(answer.http.status, 200);
+    // Additional data that is no decimal timestamp.
+    const std::string sealed =
+        backend_->store()
+            .encodeJSONAndEncrypt(
+                "getGroups", "", "",
+                std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t *>("soon"), 4))
+            .toJSON();
+    QCOMPARE(
+        httpExchange(backend_->port(), "POST", "/request", backend_->goodHeaders(), sealed).status,
+        400);
+}
+
+void ProtocolTest::answerTimestampsStrictlyIncrease() {
+    for (int i = 0; i < 50; ++i) {
+        const auto answer = backend_->send("ping");
+        QVERIFY2(answer.opened, answer.problem.c_str());
+        // The answer carries the backend's clock (the same clock as this process).
+        QVERIFY(std::llabs(answer.timestamp - nowMs()) < 1000);
+    }
+    const auto &timestamps = backend_->answerTimestamps();
+    QVERIFY(timestamps.size() > 50);
+    for (std::size_t i = 1; i < timestamps.size(); ++i) {
+        QVERIFY2(timestamps[i] > timestamps[i - 1],
+                 qPrintable(QStringLiteral("answer %1: %2 after %3")
+                                .arg(i)
+                                .arg(timestamps[i])
+                                .arg(timestamps[i - 1])));
+    }
+}
+
+void ProtocolTest::listensOnLoopbackAddressOnly() {
+    // 127.0.0.2 is a loopback address too, but not the one the backend is bound to.
+    QTcpSocket socket;
+    socket.connectToHost(QHostAddress(QStringLiteral("127.0.0.2")),
+                         static_cast<quint16>(backend_->port()));
+    QVERIFY(!socket.waitForConnected(2000));
+    QTcpSocket good;
+    good.connectToHost(QHostAddress(QStringLiteral("127.0.0.1")),
+                       static_cast<quint16>(backend_->port()));
+    QVERIFY(good.waitForConnected(2000));
+}
+
+void ProtocolTest::stateSurvivesARestart() {
+    backend_->terminate();
+    QVERIFY(!backend_->running());
+    QVERIFY(QFile::exists(stateDir_ + QStringLiteral("/state.json")));
+    // No temporary file of an interrupted write is left beside it.
+    const auto leftovers = QDir(stateDir_).entryList(QDir::Files | QDir::Hidden);
+    QCOMPARE(leftovers, QStringList{QStringLiteral("state.json")});
+
+    backend_ = std::make_unique<Backend>();
+    Backend::Options options;
+    options.stateDir = stateDir_;
+    QString error;
+    QVERIFY2(backend_->start(options, &error), qPrintable(error));
+    const auto answer = backend_->send("getGroups");
+    QVERIFY2(answer.opened, answer.problem.c_str());
+    const auto groups = tarnwick::decodeGroupItems(answer.plaintext); // still signed in
+    QCOMPARE(groups.size(), std::size_t(2));
+    QCOMPARE(groups[1].retentionSettings->retentionDays, std::optional<std::int64_t>(7));
+    QVERIFY(backend_->waitForOutput("signed in as " + QByteArray(kAddress.c_str()), 5000));
+}
+
+void ProtocolTest::logoutAndExitEndsTheProcess() {
+    const auto answer = backend_->send("logoutAndExit");
+    QVERIFY2(answer.opened, answer.problem.c_str());
+    QCOMPARE(answer.plaintext, kSuccess);
+    QVERIFY(backend_->waitForExit(3000));
+    QCOMPARE(backend_->process().exitStatus(), QProcess::NormalExit);
+    QCOMPARE(backend_->process().exitCode(), 0);
+
+    // Signed out for good: a new run asks for authentication.
+    backend_ = std::make_unique<Backend>();
+    Backend::Options options;
+    options.stateDir = stateDir_;
+    QString error;
+    QVERIFY2(backend_->start(options, &error), qPrintable(error));
+    const auto again = backend_->send("getGroups");
+    QCOMPARE(again.plaintext, kAuthRequest);
+}
+
+QTEST_GUILESS_MAIN(ProtocolTest)
+#include "tst_protocol.moc"
