@@ -24,32 +24,27 @@ constexpr std::array<std::int8_t, 256> kDecode = makeDecodeTable();
 } // namespace
 
 std::string base64Encode(std::span<const std::uint8_t> bytes) {
-    std::string out;
-    out.resize((bytes.size() + 2) / 3 * 4);
-    std::size_t o = 0;
-    std::size_t i = 0;
-    for (; i + 3 <= bytes.size(); i += 3) {
-        const std::uint32_t v =
-            (std::uint32_t{bytes[i]} << 16) | (std::uint32_t{bytes[i + 1]} << 8) | bytes[i + 2];
-        out[o++] = kAlphabet[(v >> 18) & 63];
-        out[o++] = kAlphabet[(v >> 12) & 63];
-        out[o++] = kAlphabet[(v >> 6) & 63];
-        out[o++] = kAlphabet[v & 63];
+    std::string out((bytes.size() + 2) / 3 * 4, '=');
+    char *o = out.data();
+    const std::uint8_t *in = bytes.data();
+    const std::size_t fullGroups = bytes.size() / 3;
+    for (std::size_t g = 0; g < fullGroups; ++g, in += 3, o += 4) {
+        const std::uint32_t v = (std::uint32_t{in[0]} << 16) | (std::uint32_t{in[1]} << 8) | in[2];
+        o[0] = kAlphabet[(v >> 18) & 63];
+        o[1] = kAlphabet[(v >> 12) & 63];
+        o[2] = kAlphabet[(v >> 6) & 63];
+        o[3] = kAlphabet[v & 63];
     }
-    const std::size_t rest = bytes.size() - i;
-    if (rest == 1) {
-        const std::uint32_t v = std::uint32_t{bytes[i]} << 16;
-        out[o++] = kAlphabet[(v >> 18) & 63];
-        out[o++] = kAlphabet[(v >> 12) & 63];
-        out[o++] = '=';
-        out[o++] = '=';
-    } else if (rest == 2) {
+    const std::size_t rest = bytes.size() - fullGroups * 3;
+    if (rest > 0) {
         const std::uint32_t v =
-            (std::uint32_t{bytes[i]} << 16) | (std::uint32_t{bytes[i + 1]} << 8);
-        out[o++] = kAlphabet[(v >> 18) & 63];
-        out[o++] = kAlphabet[(v >> 12) & 63];
-        out[o++] = kAlphabet[(v >> 6) & 63];
-        out[o++] = '=';
+            (std::uint32_t{in[0]} << 16) | (rest == 2 ? std::uint32_t{in[1]} << 8 : 0U);
+        o[0] = kAlphabet[(v >> 18) & 63];
+        o[1] = kAlphabet[(v >> 12) & 63];
+        if (rest == 2) {
+            o[2] = kAlphabet[(v >> 6) & 63];
+        }
+        // The remaining positions already hold the padding.
     }
     return out;
 }
@@ -68,8 +63,8 @@ std::optional<Bytes> base64Decode(std::string_view text) {
     Bytes out(text.size() / 4 * 3 - padding);
     const auto *in = reinterpret_cast<const unsigned char *>(text.data());
     const std::size_t fullGroups = (text.size() / 4) - (padding > 0 ? 1 : 0);
-    std::size_t o = 0;
-    for (std::size_t g = 0; g < fullGroups; ++g, in += 4) {
+    std::uint8_t *o = out.data();
+    for (std::size_t g = 0; g < fullGroups; ++g, in += 4, o += 3) {
         const int a = kDecode[in[0]];
         const int b = kDecode[in[1]];
         const int c = kDecode[in[2]];
@@ -79,9 +74,9 @@ std::optional<Bytes> base64Decode(std::string_view text) {
         }
         const std::uint32_t v = (std::uint32_t(a) << 18) | (std::uint32_t(b) << 12) |
                                 (std::uint32_t(c) << 6) | std::uint32_t(d);
-        out[o++] = static_cast<std::uint8_t>(v >> 16);
-        out[o++] = static_cast<std::uint8_t>(v >> 8);
-        out[o++] = static_cast<std::uint8_t>(v);
+        o[0] = static_cast<std::uint8_t>(v >> 16);
+        o[1] = static_cast<std::uint8_t>(v >> 8);
+        o[2] = static_cast<std::uint8_t>(v);
     }
     if (padding > 0) {
         // The last group: "xx==" or "xxx=".
@@ -93,9 +88,9 @@ std::optional<Bytes> base64Decode(std::string_view text) {
         }
         const std::uint32_t v =
             (std::uint32_t(a) << 18) | (std::uint32_t(b) << 12) | (std::uint32_t(c) << 6);
-        out[o++] = static_cast<std::uint8_t>(v >> 16);
+        o[0] = static_cast<std::uint8_t>(v >> 16);
         if (padding == 1) {
-            out[o++] = static_cast<std::uint8_t>(v >> 8);
+            o[1] = static_cast<std::uint8_t>(v >> 8);
         }
     }
     return out;
