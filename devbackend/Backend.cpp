@@ -3,7 +3,6 @@
 #include "Channel.h"
 #include "Log.h"
 
-#include <QDir>
 #include <QProcess>
 #include <QString>
 #include <QUrl>
@@ -12,7 +11,9 @@
 #include <openssl/rand.h>
 
 #include <chrono>
+#include <climits>
 #include <cmath>
+#include <cstdlib>
 #include <future>
 #include <limits>
 #include <memory>
@@ -46,8 +47,34 @@ bool sameText(const std::string &a, const std::string &b) {
     return a.size() == b.size() && CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
 }
 
+// An absolute path without ".", ".." or empty components and without a trailing slash; ".."
+// at the root stays at the root.
 std::string cleanPath(const std::string &path) {
-    return QDir::cleanPath(QString::fromStdString(path)).toStdString();
+    std::vector<std::string> parts;
+    std::size_t start = 0;
+    while (start <= path.size()) {
+        const auto slash = std::min(path.find('/', start), path.size());
+        const std::string part = path.substr(start, slash - start);
+        if (part == "..") {
+            if (!parts.empty()) {
+                parts.pop_back();
+            }
+        } else if (!part.empty() && part != ".") {
+            parts.push_back(part);
+        }
+        start = slash + 1;
+    }
+    std::string clean;
+    for (const auto &part : parts) {
+        clean += "/" + part;
+    }
+    return clean.empty() ? std::string("/") : clean;
+}
+
+// The path with every symbolic link resolved, or the path itself when that fails.
+std::string realPath(const std::string &path) {
+    char resolved[PATH_MAX];
+    return ::realpath(path.c_str(), resolved) != nullptr ? std::string(resolved) : path;
 }
 
 bool isInside(const std::string &path, const std::string &folder) {
@@ -295,7 +322,11 @@ std::string Backend::addWatchDir(const std::string &groupName, const std::string
     if (!S_ISDIR(st.st_mode)) {
         return refuse("Not a folder: " + path);
     }
-    if (isInside(path, cleanPath(store_.dir()))) {
+    const std::string real = realPath(path);
+    if (real == "/") {
+        return refuse("Refusing to sync the whole file system");
+    }
+    if (isInside(path, cleanPath(store_.dir())) || isInside(real, realPath(store_.dir()))) {
         return refuse("Folder is inside the backend's state folder: " + path);
     }
     for (const auto &other : store_.state().groups) {

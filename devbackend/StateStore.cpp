@@ -10,6 +10,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <filesystem>
 #include <sys/stat.h>
 
 namespace kovritdev {
@@ -93,7 +94,14 @@ GroupState *State::groupByName(std::string_view name) {
     return nullptr;
 }
 
-StateStore::StateStore(std::string dir) : dir_(std::move(dir)), state_(defaultState()) {}
+StateStore::StateStore(std::string dir) : state_(defaultState()) {
+    std::error_code ec;
+    const auto absolute = std::filesystem::absolute(dir, ec).lexically_normal().string();
+    dir_ = ec ? dir : absolute;
+    while (dir_.size() > 1 && dir_.back() == '/') {
+        dir_.pop_back();
+    }
+}
 
 bool StateStore::prepare(std::string &error) {
     for (const auto &path : {dir_, outboxDir(), vaultDir()}) {

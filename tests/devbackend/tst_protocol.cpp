@@ -9,9 +9,13 @@
 
 #include <QDir>
 #include <QFile>
+#include <QRandomGenerator>
 #include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QtTest>
+
+#include <set>
+#include <thread>
 
 #include <nlohmann/json.hpp>
 
@@ -52,6 +56,9 @@ private slots:
     void staleOrFutureTimestampIs400();
     void answerTimestampsStrictlyIncrease();
     void listensOnLoopbackAddressOnly();
+    void concurrentRequestsAllAnswer();
+    void nothingAClientSendsStopsTheBackend();
+    void openCommandsUseTheDesktopOpener();
 
     void stateSurvivesARestart();
     void logoutAndExitEndsTheProcess();
@@ -499,6 +506,145 @@ void ProtocolTest::listensOnLoopbackAddressOnly() {
     good.connectToHost(QHostAddress(QStringLiteral("127.0.0.1")),
                        static_cast<quint16>(backend_->port()));
     QVERIFY(good.waitForConnected(2000));
+}
+
+void ProtocolTest::concurrentRequestsAllAnswer() {
+    constexpr int kThreads = 8;
+    constexpr int kPerThread = 15;
+    std::vector<std::vector<std::string>> bodies(kThreads);
+    for (auto &list : bodies) {
+        for (int i = 0; i < kPerThread; ++i) {
+            list.push_back(backend_->seal("ping", "", "", nowMs()));
+        }
+    }
+    std::vector<std::vector<HttpReply>> replies(kThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (const auto &body : bodies[t]) {
+                replies[t].push_back(httpExchange(backend_->port(), "POST", "/request",
+                                                  backend_->goodHeaders(), body));
+            }
+        });
+    }
+    for (auto &thread : threads) {
+        thread.join();
+    }
+    std::set<std::int64_t> timestamps;
+    for (const auto &list : replies) {
+        for (const auto &reply : list) {
+            QCOMPARE(reply.status, 200);
+            std::string plaintext;
+            std::int64_t timestamp = 0;
+            std::string problem;
+            QVERIFY2(backend_->open(reply.body, plaintext, timestamp, problem), problem.c_str());
+            QCOMPARE(plaintext, kPingMessage);
+            QVERIFY(timestamps.insert(timestamp).second); // no two answers share a timestamp
+        }
+    }
+    QCOMPARE(timestamps.size(), std::size_t(kThreads * kPerThread));
+}
+
+void ProtocolTest::nothingAClientSendsStopsTheBackend() {
+    QRandomGenerator random(20240501);
+    // Mutated sealed records: flipped, cut and inserted bytes.
+    for (int i = 0; i < 300; ++i) {
+        std::string body = backend_->seal("getGroups", "", "", nowMs());
+        switch (i % 3) {
+        case 0:
+            body[random.bounded(static_cast<int>(body.size()))] ^=
+                static_cast<char>(1 + random.bounded(255));
+            break;
+        case 1:
+            body.resize(random.bounded(static_cast<int>(body.size())));
+            break;
+        default:
+            body.insert(random.bounded(static_cast<int>(body.size())),
+                        std::string(1 + random.bounded(8), static_cast<char>(random.bounded(256))));
+        }
+        const auto reply =
+            httpExchange(backend_->port(), "POST", "/request", backend_->goodHeaders(), body);
+        QVERIFY2(reply.transportOk, reply.transportError.c_str());
+        // A change only to the unused AEADNonce field still opens.
+        QVERIFY2(reply.status == 400 || reply.status == 200, std::to_string(reply.status).c_str());
+    }
+    // Envelopes with odd contents, sealed properly.
+    const std::vector<std::pair<std::string, std::string>> odd = {
+        {"addWatchDir", std::string("/tmp/\0nul", 9)},
+        {"addWatchDir", "/../../../../"},
+        {"stopWatching", ""},
+        {"updateGroup", "[]"},
+        {"updateGroup",
+         R"({"GroupID":1,"Name":"x","WalkPaths":[],"RetentionSettings":{"retention_days":9223372036854775807}})"},
+        {"openWeb", "-1"},
+        {"openWeb", "99999999999999999999999"},
+        {"openDirPath", "relative"},
+        {"auth", std::string(100000, 'x')},
+        {std::string("\xff\xfe", 2), ""},
+        {"", ""},
+    };
+    for (const auto &[type, data] : odd) {
+        const auto answer = backend_->send(type, "Personal", data);
+        QVERIFY2(answer.opened, answer.problem.c_str());
+    }
+    QCOMPARE(backend_->send("addWatchDir", "Personal", "/../..").plaintext,
+             errorJSON("Refusing to sync the whole file system"));
+    QCOMPARE(backend_->send("ping").plaintext, kPingMessage); // nothing got watched
+    // Odd headers.
+    auto headers = backend_->goodHeaders();
+    headers["Authorization"] = "Bearer " + std::string(4000, 'A');
+    QCOMPARE(httpExchange(backend_->port(), "POST", "/request", headers, "{}").status, 401);
+    // A header line longer than the server reads is a malformed request.
+    headers["Authorization"] = "Bearer " + std::string(10000, 'A');
+    QCOMPARE(httpExchange(backend_->port(), "POST", "/request", headers, "{}").status, 400);
+    headers = backend_->goodHeaders();
+    headers["Content-Length"] = "-5";
+    const auto reply = httpExchange(backend_->port(), "POST", "/request", headers, "{}");
+    QVERIFY(!reply.transportOk || reply.status >= 400);
+    // Still alive and well.
+    QVERIFY(backend_->running());
+    const auto answer = backend_->send("getGroups");
+    QVERIFY2(answer.opened, answer.problem.c_str());
+    QCOMPARE(tarnwick::decodeGroupItems(answer.plaintext).size(), std::size_t(2));
+}
+
+void ProtocolTest::openCommandsUseTheDesktopOpener() {
+    // A stand-in desktop opener records what it was asked to open.
+    QTemporaryDir bin;
+    QVERIFY(bin.isValid());
+    const QString record = bin.path() + QStringLiteral("/opened.txt");
+    QFile script(bin.path() + QStringLiteral("/xdg-open"));
+    QVERIFY(script.open(QIODevice::WriteOnly));
+    script.write("#!/bin/sh\necho \"$@\" >> '" + record.toUtf8() + "'\n");
+    script.close();
+    QVERIFY(script.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner |
+                                  QFileDevice::ExeOwner));
+
+    Backend backend;
+    Backend::Options options;
+    options.environment = {
+        {QStringLiteral("KOVRIT_DEV_OPEN"), QStringLiteral("1")},
+        {QStringLiteral("PATH"), bin.path() + QLatin1Char(':') + qEnvironmentVariable("PATH")}};
+    QString error;
+    QVERIFY2(backend.start(options, &error), qPrintable(error));
+    std::string signInError;
+    QVERIFY2(backend.signIn("opener@example.org", &signInError), signInError.c_str());
+
+    QTemporaryDir folder;
+    auto answer = backend.send("openDirPath", folder.path().toStdString());
+    QVERIFY2(answer.opened, answer.problem.c_str());
+    QVERIFY(answer.plaintext.empty());
+    answer = backend.send("openWeb", "2");
+    QCOMPARE(answer.plaintext, kSuccess);
+
+    const QByteArray expected = "file://" + folder.path().toUtf8() + "\nfile://" +
+                                backend.stateDir().toUtf8() + "/vault/2/files\n";
+    QTRY_COMPARE_WITH_TIMEOUT(
+        [&] {
+            QFile file(record);
+            return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+        }(),
+        expected, 5000);
 }
 
 void ProtocolTest::stateSurvivesARestart() {

@@ -90,6 +90,7 @@ private slots:
     void stateDecodeRefusesOtherFiles();
     void corruptStateFileIsMovedAside();
     void atomicWriteLeavesNoTemporaryFile();
+    void stateFolderIsMadeAbsolute();
 
     void channelOpensFreshRecordsOnce();
     void channelForgetsPairsOlderThanTheWindow();
@@ -322,6 +323,14 @@ void UnitsTest::atomicWriteLeavesNoTemporaryFile() {
     QVERIFY(!writeFileAtomically((dir.path() + QStringLiteral("/no/such/dir/f")).toStdString(), "x",
                                  error));
     QVERIFY(!error.empty());
+}
+
+void UnitsTest::stateFolderIsMadeAbsolute() {
+    const StateStore relative("some/state/");
+    QCOMPARE(QString::fromStdString(relative.dir()),
+             QDir::current().absoluteFilePath(QStringLiteral("some/state")));
+    QCOMPARE(StateStore("/a/./b//c/").dir(), std::string("/a/b/c"));
+    QCOMPARE(StateStore("/a/b/").vaultDir(), std::string("/a/b/vault"));
 }
 
 void UnitsTest::channelOpensFreshRecordsOnce() {
