@@ -156,16 +156,13 @@ std::optional<std::string> Backend::handleFromOtherThread(const std::string &env
                                                           const std::function<bool()> &stopping) {
     auto promise = std::make_shared<std::promise<std::string>>();
     auto future = promise->get_future();
-    QMetaObject::invokeMethod(
-        this,
-        [this, promise, envelope] {
-            try {
-                promise->set_value(handle(envelope));
-            } catch (...) {
-                promise->set_exception(std::current_exception());
-            }
-        },
-        Qt::QueuedConnection);
+    queue_.post([this, promise, envelope] {
+        try {
+            promise->set_value(handle(envelope));
+        } catch (...) {
+            promise->set_exception(std::current_exception());
+        }
+    });
     while (future.wait_for(std::chrono::milliseconds(50)) != std::future_status::ready) {
         if (stopping()) {
             return std::nullopt;

@@ -3,6 +3,7 @@
 // and logging out. Also schedules the retention passes.
 #pragma once
 
+#include "MainThreadQueue.h"
 #include "Options.h"
 #include "StateStore.h"
 #include "SyncEngine.h"
@@ -59,6 +60,7 @@ private:
 
     StateStore &store_;
     SyncEngine &engine_;
+    MainThreadQueue queue_;
     Settings settings_;
     std::function<void(int)> requestExit_;
     QTimer retentionTimer_;

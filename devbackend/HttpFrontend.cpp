@@ -14,7 +14,8 @@ namespace kovritdev {
 
 namespace {
 
-constexpr int kServerThreads = 8;
+// Idle keep-alive connections hold a thread each; the client keeps a few open.
+constexpr int kServerThreads = 16;
 constexpr const char *kGarbageBody = "this is not a sealed record\n";
 
 void refuse(httplib::Response &res, int status, const char *text) {

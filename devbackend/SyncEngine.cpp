@@ -42,7 +42,6 @@ struct SyncEngine::Folder {
 
 SyncEngine::SyncEngine(SyncSettings settings, QObject *parent)
     : QObject(parent), settings_(std::move(settings)) {
-    pool_.setMaxThreadCount(2);
     cleanTemporaryFiles();
     rescanTimer_.setInterval(static_cast<int>(settings_.rescanSeconds * 1000));
     connect(&rescanTimer_, &QTimer::timeout, this, [this] {
@@ -196,11 +195,9 @@ void SyncEngine::startPass(Folder &folder) {
     const std::uint64_t key = folder.key;
     const std::uint64_t passID = folder.passID;
     // The engine outlives every worker (its destructor waits for them), so the workers may
-    // post to it; events still queued when it goes are dropped with it.
+    // post to it; tasks still queued when it goes are dropped with it.
     input.reportStatus = [this, key, passID](const std::string &status) {
-        QMetaObject::invokeMethod(
-            this, [this, key, passID, status] { statusReported(key, passID, status); },
-            Qt::QueuedConnection);
+        queue_.post([this, key, passID, status] { statusReported(key, passID, status); });
     };
     pool_.start([this, key, input = std::move(input)] {
         SyncPassResult result;
@@ -209,9 +206,7 @@ void SyncEngine::startPass(Folder &folder) {
         } catch (const std::exception &e) {
             result.problems.push_back(std::string("sync pass (") + e.what() + ")");
         }
-        QMetaObject::invokeMethod(
-            this, [this, key, result = std::move(result)] { passFinished(key, result); },
-            Qt::QueuedConnection);
+        queue_.post([this, key, result = std::move(result)] { passFinished(key, result); });
     });
 }
 
@@ -298,8 +293,7 @@ void SyncEngine::runRetention(std::int64_t groupID, std::int64_t cutoffMs,
         } catch (const std::exception &e) {
             result.problems.push_back(std::string("retention pass (") + e.what() + ")");
         }
-        QMetaObject::invokeMethod(
-            this, [done, result] { done(result); }, Qt::QueuedConnection);
+        queue_.post([done, result] { done(result); });
     });
 }
 

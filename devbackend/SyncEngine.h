@@ -6,12 +6,13 @@
 // Lives on the main thread; workers report back through the event loop.
 #pragma once
 
+#include "MainThreadQueue.h"
 #include "SyncPass.h"
+#include "WorkerPool.h"
 
 #include <Models.h>
 
 #include <QObject>
-#include <QThreadPool>
 #include <QTimer>
 
 #include <atomic>
@@ -85,7 +86,8 @@ private:
     std::uint64_t nextPassID_ = 1;
     std::vector<std::unique_ptr<Folder>> folders_;
     std::map<std::int64_t, std::shared_ptr<std::mutex>> groupMutexes_;
-    QThreadPool pool_;
+    MainThreadQueue queue_;
+    WorkerPool pool_{2};
     QTimer rescanTimer_;
 };
 
