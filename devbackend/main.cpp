@@ -15,6 +15,7 @@
 #include <QCoreApplication>
 #include <QTimer>
 
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <memory>
@@ -75,8 +76,25 @@ int main(int argc, char **argv) {
 
     QCoreApplication app(argc, argv);
 
-    StateStore store(settings.stateDir);
+    // The port comes first: a backend that cannot listen ends before it touches its state.
+    std::atomic<Backend *> backendForRequests{nullptr};
+    std::unique_ptr<HttpFrontend> http;
+    http = std::make_unique<HttpFrontend>(
+        options.port, options.token, settings.faults, *channel,
+        [&backendForRequests, &http](const std::string &envelope) -> std::optional<std::string> {
+            Backend *backend = backendForRequests.load();
+            if (backend == nullptr) {
+                return std::nullopt;
+            }
+            return backend->handleFromOtherThread(envelope, [&http] { return http->stopping(); });
+        });
     std::string error;
+    if (!http->bind(error)) {
+        errorLine(program + ": " + error);
+        return 1;
+    }
+
+    StateStore store(settings.stateDir);
     if (!store.prepare(error)) {
         errorLine(program + ": " + error);
         return 1;
@@ -92,7 +110,6 @@ int main(int argc, char **argv) {
     SyncEngine engine(SyncSettings{store.vaultDir(), store.dir(), settings.stepMs,
                                    settings.rescanSeconds, settings.faults.unreadableNames});
 
-    std::unique_ptr<HttpFrontend> http;
     bool exiting = false;
     const auto shutdown = [&](int code, const std::string &reason) {
         if (exiting) {
@@ -105,25 +122,14 @@ int main(int argc, char **argv) {
             std::this_thread::sleep_for(std::chrono::milliseconds(kExitGraceMs));
             ::_exit(code);
         }).detach();
-        if (http) {
-            http->stop();
-        }
+        http->stop();
         engine.shutdown(kExitGraceMs / 2);
         store.save();
         QCoreApplication::exit(code);
     };
 
     Backend backend(store, engine, settings, [&](int code) { shutdown(code, "logged out"); });
-
-    http = std::make_unique<HttpFrontend>(options.port, options.token, settings.faults, *channel,
-                                          [&backend, &http](const std::string &envelope) {
-                                              return backend.handleFromOtherThread(
-                                                  envelope, [&http] { return http->stopping(); });
-                                          });
-    if (!http->bind(error)) {
-        errorLine(program + ": " + error);
-        return 1;
-    }
+    backendForRequests = &backend;
     logLine("listening on 127.0.0.1:" + std::to_string(options.port));
 
     // The key is printed only once the port is bound, in one write, so a client that sees it can
@@ -151,9 +157,8 @@ int main(int argc, char **argv) {
     QTimer::singleShot(0, &backend, [&backend] { backend.start(); });
 
     const int code = app.exec();
-    if (http) {
-        http->stop();
-    }
+    http->stop();
+    backendForRequests = nullptr;
     engine.shutdown(kExitGraceMs / 2);
     return code;
 }

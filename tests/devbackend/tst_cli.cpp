@@ -4,8 +4,10 @@
 #include "BackendHarness.h"
 
 #include <QElapsedTimer>
+#include <QFileInfo>
 #include <QHostAddress>
 #include <QTcpServer>
+#include <QTemporaryDir>
 #include <QtTest>
 
 using namespace devbackendtest;
@@ -99,7 +101,12 @@ void CliTest::argumentFormsAreAccepted() {
 void CliTest::portInUseExitsWith1() {
     QTcpServer occupant;
     QVERIFY(occupant.listen(QHostAddress::LocalHost, 0));
+    QTemporaryDir dir;
+    const QString state = dir.path() + QStringLiteral("/state");
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("KOVRIT_DEV_STATE"), state);
     QProcess process;
+    process.setProcessEnvironment(environment);
     process.start(backendBinary(),
                   {QStringLiteral("-token=") + token(),
                    QStringLiteral("-port=") + QString::number(occupant.serverPort())});
@@ -111,6 +118,8 @@ void CliTest::portInUseExitsWith1() {
         error.contains("cannot listen on 127.0.0.1:" + QByteArray::number(occupant.serverPort())),
         error.constData());
     QVERIFY(!process.readAllStandardOutput().contains("BEGIN PUBLIC KEY"));
+    // It ended before touching its state folder.
+    QVERIFY(!QFileInfo::exists(state));
 }
 
 void CliTest::exitsWithin2sOfTheWatchedProcess() {
