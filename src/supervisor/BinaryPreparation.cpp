@@ -1,6 +1,7 @@
 #include "BinaryPreparation.h"
 
-#include <QCoreApplication>
+#include <runwarden/Resources.h>
+
 #include <QDir>
 #include <QFileInfo>
 #include <QStandardPaths>
@@ -106,18 +107,7 @@ BinaryPreparation::BinaryPreparation(LogFunction log, ResourceLookup resources,
       dataDirectory_(std::move(dataDirectory)) {}
 
 BinaryPreparation::ResourceLookup BinaryPreparation::defaultResourceLookup() {
-    return [](const QString &name) -> std::optional<QString> {
-        QString directory = qEnvironmentVariable("TARNWICK_RESOURCES_DIR");
-        if (directory.isEmpty()) {
-            directory =
-                QCoreApplication::applicationDirPath() + QStringLiteral("/../libexec/tarnwick");
-        }
-        const QString path = QDir::cleanPath(directory + QLatin1Char('/') + name);
-        if (!QFileInfo::exists(path)) {
-            return std::nullopt;
-        }
-        return path;
-    };
+    return [](const QString &name) { return runwarden::bundleResourcePath(name); };
 }
 
 BinaryPreparation::DataDirectoryLookup BinaryPreparation::defaultDataDirectoryLookup() {
@@ -232,8 +222,22 @@ std::optional<std::string> BinaryPreparation::sha256OfFile(const QString &path) 
     return text;
 }
 
+std::optional<QString> BinaryPreparation::shippedFile(const QString &name) const {
+    // Only a regular file with a plain name is a shipped backend: never a
+    // directory, and never something outside the resources directory.
+    if (name.isEmpty() || name.contains(QLatin1Char('/')) || name == QLatin1String(".") ||
+        name == QLatin1String("..")) {
+        return std::nullopt;
+    }
+    std::optional<QString> path = resources_(name);
+    if (path && !QFileInfo(*path).isFile()) {
+        return std::nullopt;
+    }
+    return path;
+}
+
 std::optional<QString> BinaryPreparation::getWritableBinaryURL(const QString &name) const {
-    const std::optional<QString> shipped = resources_(name);
+    const std::optional<QString> shipped = shippedFile(name);
     if (!shipped) {
         log_(QStringLiteral("Error: Bundled binary not found: %1").arg(name));
         return std::nullopt;
@@ -303,7 +307,7 @@ std::optional<QString> BinaryPreparation::getWritableBinaryURL(const QString &na
 }
 
 std::optional<QString> BinaryPreparation::forceReplaceBinaryFromBundle(const QString &name) const {
-    const std::optional<QString> shipped = resources_(name);
+    const std::optional<QString> shipped = shippedFile(name);
     if (!shipped) {
         log_(QStringLiteral("Error: Bundled binary not found: %1").arg(name));
         return std::nullopt;

@@ -38,10 +38,14 @@ public:
     // Lower-case hex SHA-256 of the whole file, or empty when it cannot be read.
     static std::optional<std::string> sha256OfFile(const QString &path);
 
+    const ResourceLookup &resources() const { return resources_; }
+
     // The copy's directory below the data directory.
     static QString binDirectory(const QString &dataDirectory);
 
 private:
+    std::optional<QString> shippedFile(const QString &name) const;
+
     LogFunction log_;
     ResourceLookup resources_;
     DataDirectoryLookup dataDirectory_;

@@ -287,6 +287,18 @@ private slots:
         QCOMPARE(log_.last(), QString("Error: Could not access Application Support directory"));
     }
 
+    void onlyARegularFileIsAShippedBackend() {
+        QVERIFY(QDir().mkpath(shippedPath("folder")));
+        QVERIFY(QDir().mkpath(data_ + "/tarnwick/bin"));
+        for (const QString &name : {QString(), QString("folder"), QString("."), QString("..")}) {
+            QVERIFY(!preparation().getWritableBinaryURL(name).has_value());
+            QCOMPARE(log_.last(), "Error: Bundled binary not found: " + name);
+            QVERIFY(!preparation().forceReplaceBinaryFromBundle(name).has_value());
+            QCOMPARE(log_.last(), "Error: Bundled binary not found: " + name);
+        }
+        QVERIFY(QFileInfo(data_ + "/tarnwick/bin").isDir()); // nothing was removed
+    }
+
     void binDirectoryThatCannotBeCreated() {
         writeFile(shippedPath("k"), elfImage(5000), kPlain);
         writeFile(data_ + "/tarnwick", "a file where a folder belongs", kPlain);

@@ -1,0 +1,235 @@
+#include "BackendLauncher.h"
+
+#include "PollManager.h"
+
+#include <runwarden/ProcessManager.h>
+
+#include <QLocale>
+#include <QPointer>
+#include <QThread>
+#include <QTimer>
+
+#include <cmath>
+
+namespace tarnwick::supervisor {
+
+BackendLauncher::BackendLauncher(tidepost::PollManager &pm, BinaryPreparation preparation,
+                                 Hooks hooks, bool withRetry, QObject *parent)
+    : QObject(parent), pm_(pm), preparation_(std::move(preparation)), hooks_(std::move(hooks)),
+      withRetry_(withRetry), clock_([] { return std::chrono::steady_clock::now(); }) {}
+
+QString BackendLauncher::secondsText(double seconds) {
+    QString text = QString::number(seconds, 'g', QLocale::FloatingPointShortest);
+    if (std::isfinite(seconds) && !text.contains(u'.') && !text.contains(u'e')) {
+        text += QStringLiteral(".0");
+    }
+    return text;
+}
+
+BackendLauncher::Choice
+BackendLauncher::chooseBinaryName(const QString &architecture,
+                                  const BinaryPreparation::ResourceLookup &resources) {
+#ifdef Q_OS_MACOS
+    const QString os = QStringLiteral("darwin");
+#else
+    const QString os = QStringLiteral("linux");
+#endif
+    const bool arm =
+        architecture == QLatin1String("arm64") || architecture == QLatin1String("aarch64");
+    const QString release = QStringLiteral("kovrit-%1-%2")
+                                .arg(os, arm ? QStringLiteral("arm64") : QStringLiteral("amd64"));
+    const QString beta = release + QStringLiteral("-beta");
+    if (resources && resources(beta)) {
+        return {beta, true};
+    }
+    return {release, false};
+}
+
+void BackendLauncher::setState(State state) {
+    if (state_ != state) {
+        state_ = state;
+        emit stateChanged(state);
+    }
+}
+
+void BackendLauncher::prepareAndLaunch(const QString &architecture) {
+    const Choice choice = chooseBinaryName(architecture, preparation_.resources());
+    if (choice.beta) {
+        hooks_.log(QStringLiteral("run beta: %1").arg(choice.name));
+    } else {
+        hooks_.log(QStringLiteral("run release %1:").arg(choice.name));
+    }
+    currentBinaryName_ = choice.name;
+    const std::optional<QString> url = preparation_.getWritableBinaryURL(choice.name);
+    if (!url) {
+        hooks_.log(QStringLiteral("Fatal: Could not prepare writable binary"));
+        setState(State::stopped);
+        return;
+    }
+    currentBinaryURL_ = url;
+    launchBinary(*url, choice.name);
+}
+
+void BackendLauncher::launchBinary(const QString &binURL, const QString &binName) {
+    binaryLaunchTime_ = clock_();
+    setCurrentBinary(binURL, binName);
+    setState(State::running);
+
+    QPointer<BackendLauncher> self(this);
+    const auto log = hooks_.log;
+    pm_.subscribeWithBinary(
+        binURL, withRetry_, /*withPEMWatcher=*/true, /*pingTimeLimit=*/0.0,
+        [log] { log(QStringLiteral("ping timeout")); },
+        // Runs on the runner's thread: everything else happens on ours.
+        [self, pm = &pm_](const QString &chunk) {
+            QMetaObject::invokeMethod(
+                pm,
+                [self, chunk] {
+                    if (self) {
+                        self->handleOutput(chunk);
+                    }
+                },
+                Qt::QueuedConnection);
+        },
+        // Normal exits arrive on our thread; a failed start arrives on the
+        // runner's thread, where only the request client (which owns the
+        // runner and so outlives its threads) may be touched.
+        [self, pm = &pm_, home = thread()](const std::optional<std::error_code> &error) {
+            if (error) {
+                // A retrying runner would try a failed start again at once:
+                // keep it waiting until recovery decides, as after any short run.
+                pm->processManager().holdForRelaunch();
+            }
+            if (QThread::currentThread() == home) {
+                if (self) {
+                    self->handleExit(error);
+                }
+                return;
+            }
+            QMetaObject::invokeMethod(
+                pm,
+                [self, error] {
+                    if (self) {
+                        self->handleExit(error);
+                    }
+                },
+                Qt::QueuedConnection);
+        });
+    // Every start of the child counts as a launch, also the runner's own
+    // re-runs after a normal exit: a backend that starts dying young after a
+    // long run is then recognised as crashing instead of being restarted in a
+    // tight loop.
+    connect(&pm_.processManager(), &runwarden::ProcessManager::taskStarted, this,
+            &BackendLauncher::markLaunched, Qt::UniqueConnection);
+}
+
+void BackendLauncher::setCurrentBinary(const QString &binURL, const QString &binName) {
+    currentBinaryURL_ = binURL;
+    currentBinaryName_ = binName;
+}
+
+void BackendLauncher::markLaunched() {
+    binaryLaunchTime_ = clock_();
+    if (state_ != State::failed) {
+        setState(State::running);
+    }
+}
+
+void BackendLauncher::handleOutput(const QString &chunk) {
+    hooks_.log(QStringLiteral("o: ") + chunk);
+    if (isFirstRun_) {
+        isFirstRun_ = false;
+        schedulePing();
+    }
+}
+
+void BackendLauncher::schedulePing() {
+    QTimer::singleShot(pingInterval, this, &BackendLauncher::pingTick);
+}
+
+void BackendLauncher::pingTick() {
+    // Idle while no backend runs or its key is not known yet: a ping then
+    // could only fail.
+    if (state_ != State::running || !pm_.isBackendRunning() || !pm_.kes.hasSharedSecret()) {
+        schedulePing();
+        return;
+    }
+    QPointer<BackendLauncher> self(this);
+    hooks_.sendPing(hooks_.pingPayload(), [self] {
+        if (self) {
+            self->schedulePing();
+        }
+    });
+}
+
+void BackendLauncher::handleExit(const std::optional<std::error_code> &error) {
+    hooks_.log(QStringLiteral("task exited"));
+    if (error) {
+        hooks_.log(runwarden::errorText(*error));
+    }
+    if (!binaryLaunchTime_) {
+        return;
+    }
+    const auto now = clock_();
+    if (error) {
+        // The child never ran.
+        binaryLaunchTime_ = now;
+    }
+    const double uptime = std::chrono::duration<double>(now - *binaryLaunchTime_).count();
+    const QString name = currentBinaryName_.value_or(QString());
+
+    if (uptime < crashThresholdSeconds) {
+        hooks_.log(QStringLiteral("Binary crashed after only %1 seconds - attempting recovery")
+                       .arg(secondsText(uptime)));
+        ++binaryCrashCount_;
+        if (binaryCrashCount_ > maxCrashRetries) {
+            hooks_.log(QStringLiteral("Fatal: Maximum crash recovery attempts (%1) exceeded")
+                           .arg(maxCrashRetries));
+            // Nothing relaunches from here: the runner stops until the user
+            // asks for a restart.
+            pm_.stopBackend();
+            setState(State::failed);
+            hooks_.setError(QStringLiteral("Binary crashed repeatedly. Please reinstall the app."));
+            return;
+        }
+        hooks_.log(QStringLiteral("Crash recovery attempt %1 of %2")
+                       .arg(binaryCrashCount_)
+                       .arg(maxCrashRetries));
+        // The relaunch after recovery is the runner's next run.
+        pm_.processManager().holdForRelaunch();
+        setState(State::recovering);
+        QTimer::singleShot(0, this, [this, name] { recover(name); });
+        return;
+    }
+    binaryCrashCount_ = 0;
+    hooks_.log(QStringLiteral("Binary exited normally after running for %1 seconds")
+                   .arg(secondsText(uptime)));
+    setState(State::exitedNormally);
+}
+
+void BackendLauncher::recover(const QString &binName) {
+    const std::optional<QString> url = preparation_.forceReplaceBinaryFromBundle(binName);
+    if (!url) {
+        hooks_.log(QStringLiteral("Fatal: Binary recovery failed"));
+        pm_.stopBackend();
+        setState(State::stopped);
+        return;
+    }
+    hooks_.log(QStringLiteral("Binary replaced successfully, relaunching..."));
+    QTimer::singleShot(relaunchDelay_, this, [this, url = *url, binName] {
+        if (state_ == State::recovering) {
+            launchBinary(url, binName);
+        }
+    });
+}
+
+void BackendLauncher::restartBackend(const QString &architecture) {
+    if (state_ == State::running || state_ == State::recovering) {
+        hooks_.log(QStringLiteral("Backend is running; restart ignored"));
+        return;
+    }
+    binaryCrashCount_ = 0;
+    prepareAndLaunch(architecture);
+}
+
+} // namespace tarnwick::supervisor

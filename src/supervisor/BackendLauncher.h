@@ -1,0 +1,121 @@
+#pragma once
+
+#include "BinaryPreparation.h"
+
+#include <QObject>
+#include <QString>
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <system_error>
+
+namespace tidepost {
+class PollManager;
+}
+
+namespace tarnwick::supervisor {
+
+// Chooses the shipped backend, launches it through the request client, starts
+// the ping loop on its first output, and tells crashes from normal exits by
+// how long the process lived: a run shorter than 5 s is a crash, and the copy
+// is replaced and relaunched at most three times in a row before the user is
+// told. The failed state stops the backend; restartBackend() starts over.
+//
+// Lives on the main thread; every handler it installs hops there.
+class BackendLauncher : public QObject {
+    Q_OBJECT
+
+public:
+    using Clock = std::function<std::chrono::steady_clock::time_point()>;
+
+    struct Hooks {
+        std::function<void(const QString &line)> log;
+        // The JSON text of the current folder list, sent with each ping.
+        std::function<std::string()> pingPayload;
+        // Sends one "ping" (retried as every command is) and calls done after.
+        std::function<void(const std::string &payload, std::function<void()> done)> sendPing;
+        // Shows a message to the user (the model's error text).
+        std::function<void(const QString &message)> setError;
+    };
+
+    enum class State { notPrepared, running, recovering, exitedNormally, failed, stopped };
+    Q_ENUM(State)
+
+    static constexpr int maxCrashRetries = 3;
+    static constexpr double crashThresholdSeconds = 5.0;
+    static constexpr std::chrono::milliseconds relaunchDelay{1000};
+    static constexpr std::chrono::milliseconds pingInterval{100};
+
+    BackendLauncher(tidepost::PollManager &pm, BinaryPreparation preparation, Hooks hooks,
+                    bool withRetry, QObject *parent = nullptr);
+
+    void setClock(Clock clock) { clock_ = std::move(clock); }
+    // Shorter delays for tests.
+    void setRelaunchDelay(std::chrono::milliseconds delay) { relaunchDelay_ = delay; }
+
+    // The backend name for a processor and what the resources directory ships:
+    // the beta build wins whenever it is present.
+    struct Choice {
+        QString name;
+        bool beta = false;
+    };
+    static Choice chooseBinaryName(const QString &architecture,
+                                   const BinaryPreparation::ResourceLookup &resources);
+
+    // Start-up: choose, prepare the writable copy, launch.
+    void prepareAndLaunch(const QString &architecture);
+    void launchBinary(const QString &binURL, const QString &binName);
+    // The user's restart after the failed (or stopped) state: resets the
+    // crash count, prepares the copy again and launches it.
+    void restartBackend(const QString &architecture);
+
+    // Records a launch now (what every start of the child does).
+    void markLaunched();
+    // The copy and name in use (set by every launch).
+    void setCurrentBinary(const QString &binURL, const QString &binName);
+
+    // Handlers given to the request client (public for tests).
+    void handleOutput(const QString &chunk);
+    void handleExit(const std::optional<std::error_code> &error);
+
+    bool isFirstRun() const { return isFirstRun_; }
+    std::optional<std::chrono::steady_clock::time_point> binaryLaunchTime() const {
+        return binaryLaunchTime_;
+    }
+    int binaryCrashCount() const { return binaryCrashCount_; }
+    std::optional<QString> currentBinaryURL() const { return currentBinaryURL_; }
+    std::optional<QString> currentBinaryName() const { return currentBinaryName_; }
+    State state() const { return state_; }
+    const BinaryPreparation &preparation() const { return preparation_; }
+
+    // Seconds in the shortest form that reads back as the same double, with
+    // ".0" on whole numbers ("4.9", "5.0", "10.25").
+    static QString secondsText(double seconds);
+
+signals:
+    void stateChanged(tarnwick::supervisor::BackendLauncher::State state);
+
+private:
+    void setState(State state);
+    void schedulePing();
+    void pingTick();
+    void recover(const QString &binName);
+
+    tidepost::PollManager &pm_;
+    BinaryPreparation preparation_;
+    Hooks hooks_;
+    bool withRetry_;
+    Clock clock_;
+    std::chrono::milliseconds relaunchDelay_ = relaunchDelay;
+
+    bool isFirstRun_ = true;
+    std::optional<std::chrono::steady_clock::time_point> binaryLaunchTime_;
+    int binaryCrashCount_ = 0;
+    std::optional<QString> currentBinaryURL_;
+    std::optional<QString> currentBinaryName_;
+    State state_ = State::notPrepared;
+    bool pingInFlight_ = false;
+};
+
+} // namespace tarnwick::supervisor
