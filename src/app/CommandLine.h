@@ -1,0 +1,36 @@
+#pragma once
+
+#include <QStringList>
+
+#include <functional>
+
+namespace tarnwick::cli {
+
+// What the command line asks for.
+struct Invocation {
+    enum class Kind {
+        runClient, // start the client (the window, or headless)
+        control,   // talk to the running client
+        exit,      // help, version or a usage error: print and exit
+    };
+    Kind kind = Kind::runClient;
+    bool headless = false;
+    QString command;       // the control command
+    QStringList arguments; // its arguments, options included
+    int exitCode = 0;      // for Kind::exit
+    QString output;        // for Kind::exit: what to print
+    bool toStandardError = false;
+};
+
+Invocation parse(const QStringList &arguments);
+
+// Runs a control command against the running client; returns the exit code.
+int runControl(const Invocation &invocation);
+
+// Runs the client without any window until it quits; returns the exit code.
+int runHeadless(int &argc, char **argv);
+
+// The client's name, organisation and version for Qt.
+void setApplicationIdentity();
+
+} // namespace tarnwick::cli

@@ -1,0 +1,409 @@
+#include "ControlServer.h"
+
+#include "BackendLauncher.h"
+#include "FileSystemUtils.h"
+#include "ItemsProvider.h"
+#include "SettingsActions.h"
+
+#include <runwarden/ExitAppIfAlreadyOpen.h>
+
+#include <nlohmann/json.hpp>
+
+#include <QDir>
+#include <QFileInfo>
+#include <QJsonObject>
+#include <QPointer>
+#include <QTimer>
+
+#include <algorithm>
+#include <memory>
+
+namespace tarnwick {
+namespace {
+
+using runwarden::GuardConnection;
+
+std::string json(const QString &text) {
+    return nlohmann::json(text.toStdString()).dump();
+}
+
+void reply(GuardConnection *connection, const QJsonObject &line) {
+    if (connection->isOpen()) {
+        connection->sendLine(line);
+        connection->finish();
+    }
+}
+
+void fail(GuardConnection *connection, const QString &message) {
+    if (connection->isOpen()) {
+        connection->sendError(message);
+        connection->finish();
+    }
+}
+
+QJsonObject ok(const QString &message = {}) {
+    QJsonObject line{{QStringLiteral("ok"), true}};
+    if (!message.isEmpty()) {
+        line.insert(QStringLiteral("message"), message);
+    }
+    return line;
+}
+
+const GroupItem *groupNamed(const ItemsProvider &model, const QString &name) {
+    const auto &groups = model.groups();
+    const auto found = std::find_if(groups.begin(), groups.end(), [&](const GroupItem &g) {
+        return QString::fromStdString(g.name) == name;
+    });
+    return found == groups.end() ? nullptr : &*found;
+}
+
+bool groupHasPath(const ItemsProvider &model, const QString &group, const QString &path) {
+    const GroupItem *g = groupNamed(model, group);
+    return g && std::find(g->walkPaths.begin(), g->walkPaths.end(), path.toStdString()) !=
+                    g->walkPaths.end();
+}
+
+bool anyGroupHasPath(const ItemsProvider &model, const QString &path) {
+    const std::string key = path.toStdString();
+    return std::any_of(model.groups().begin(), model.groups().end(), [&](const GroupItem &g) {
+        return std::find(g.walkPaths.begin(), g.walkPaths.end(), key) != g.walkPaths.end();
+    });
+}
+
+} // namespace
+
+ControlServer::ControlServer(ItemsProvider &model, SettingsActions &actions,
+                             runwarden::InstanceGuard &guard, QObject *parent)
+    : QObject(parent), model_(model), actions_(actions) {
+    const std::pair<const char *, void (ControlServer::*)(GuardConnection *)> commands[] = {
+        {"status", &ControlServer::status},
+        {"groups", &ControlServer::groups},
+        {"login", &ControlServer::login},
+        {"auth", &ControlServer::auth},
+        {"add", &ControlServer::add},
+        {"remove", &ControlServer::remove},
+        {"retention", &ControlServer::retention},
+        {"open", &ControlServer::open},
+        {"logout", &ControlServer::logout},
+        {"quit", &ControlServer::quit},
+        {"restart-backend", &ControlServer::restartBackend},
+    };
+    for (const auto &[name, handler] : commands) {
+        guard.setCommandHandler(QString::fromLatin1(name),
+                                [this, handler](GuardConnection *c) { (this->*handler)(c); });
+    }
+    connect(&model_, &ItemsProvider::quitRequested, this, &ControlServer::modelQuit);
+}
+
+QByteArray ControlServer::statusJSON(const ItemsProvider &model) {
+    std::string text = "{\"isLoggedIn\":";
+    text += model.isLoggedIn() ? "true" : "false";
+    text += ",\"userName\":" + json(model.userName());
+    text += ",\"error\":" + json(model.error());
+    text += std::string(",\"isLoading\":") + (model.isLoading() ? "true" : "false");
+    text += std::string(",\"isWaiting\":") + (model.isWaiting() ? "true" : "false");
+    text += ",\"menuBarString\":" + json(model.menuBarString());
+    text += ",\"dirItems\":" + encodeDirItems(model.dirItems());
+    text += ",\"groups\":" + encodeGroupItems(model.groups());
+    text += "}";
+    return QByteArray::fromStdString(text);
+}
+
+void ControlServer::status(GuardConnection *connection) {
+    QJsonObject line = ok();
+    line.insert(QStringLiteral("json"), QString::fromUtf8(statusJSON(model_)));
+    line.insert(QStringLiteral("backendFailed"), model_.backendFailed());
+    reply(connection, line);
+}
+
+void ControlServer::groups(GuardConnection *connection) {
+    // A fresh list first, so the answer is the backend's current one.
+    QPointer<GuardConnection> guard(connection);
+    model_.publishAndWait(QStringLiteral("getGroups"), QString(), QString(), [this, guard] {
+        if (!guard) {
+            return;
+        }
+        QJsonObject line = ok();
+        line.insert(QStringLiteral("json"),
+                    QString::fromStdString(encodeGroupItems(model_.groups())));
+        reply(guard, line);
+    });
+}
+
+void ControlServer::login(GuardConnection *connection) {
+    const QString email = connection->request().value(QStringLiteral("email")).toString();
+    if (email.isEmpty()) {
+        fail(connection, QStringLiteral("An e-mail address is needed."));
+        return;
+    }
+    // What the login screen does: the address goes into the model, then the
+    // code is requested.
+    model_.setUserName(email);
+    QPointer<GuardConnection> guard(connection);
+    model_.requestCodeViaEmail(email, [this, guard] {
+        if (guard) {
+            reply(guard, ok(model_.error()));
+        }
+    });
+}
+
+void ControlServer::auth(GuardConnection *connection) {
+    const QString code = connection->request().value(QStringLiteral("code")).toString();
+    QPointer<GuardConnection> guard(connection);
+    whenIdle(connection, [this, guard, code] {
+        if (!guard) {
+            return;
+        }
+        // Success is the next reply that says a user is signed in after the
+        // code was sent; failure is the login screen's 5-second text.
+        auto sent = std::make_shared<bool>(false);
+        auto connections = std::make_shared<std::vector<QMetaObject::Connection>>();
+        const auto finish = [guard, connections](const QJsonObject &line) {
+            for (const auto &c : *connections) {
+                QObject::disconnect(c);
+            }
+            if (guard) {
+                reply(guard, line);
+            }
+        };
+        connections->push_back(connect(
+            &model_, &ItemsProvider::loginStateReported, this, [this, sent, finish](bool loggedIn) {
+                if (*sent && loggedIn) {
+                    finish(ok(QStringLiteral("Signed in as %1").arg(model_.userName())));
+                }
+            }));
+        connections->push_back(connect(&model_, &ItemsProvider::errorChanged, this, [this, finish] {
+            if (model_.error() == QLatin1String("Authentication failed. Please retry ...")) {
+                QJsonObject line;
+                line.insert(QStringLiteral("error"), model_.error());
+                finish(line);
+            }
+        }));
+        connections->push_back(connect(guard.data(), &GuardConnection::closed, this, [connections] {
+            for (const auto &c : *connections) {
+                QObject::disconnect(c);
+            }
+        }));
+        model_.performLogin(code, [sent] { *sent = true; });
+    });
+}
+
+void ControlServer::add(GuardConnection *connection) {
+    const QJsonObject request = connection->request();
+    const QString group = request.value(QStringLiteral("group")).toString();
+    const QString path = QDir::cleanPath(request.value(QStringLiteral("path")).toString());
+    const bool force = request.value(QStringLiteral("force")).toBool();
+    if (group.isEmpty() || !QDir::isAbsolutePath(path)) {
+        fail(connection, QStringLiteral("A group name and an absolute path are needed."));
+        return;
+    }
+    QPointer<GuardConnection> guard(connection);
+    // The groups as the backend has them now, to check the name against.
+    model_.publishAndWait(QStringLiteral("getGroups"), QString(), QString(), [=, this] {
+        if (!guard) {
+            return;
+        }
+        if (!groupNamed(model_, group)) {
+            QStringList names;
+            for (const GroupItem &g : model_.groups()) {
+                names << QString::fromStdString(g.name);
+            }
+            fail(guard, QStringLiteral("No group named \"%1\" (groups: %2).")
+                            .arg(group, names.isEmpty() ? QStringLiteral("none")
+                                                        : names.join(QStringLiteral(", "))));
+            return;
+        }
+        SettingsActions::AddCheck check;
+        if (pathcheck::FileSystemUtils::isPhotosLibrary(path)) {
+            check = SettingsActions::checkPhotoLibrary(path);
+        } else if (!QFileInfo(path).isDir()) {
+            check.message = QFileInfo::exists(path)
+                                ? QStringLiteral("The selected path is not a folder.")
+                                : QStringLiteral("The selected path does not exist.");
+        } else {
+            check = SettingsActions::checkFolder(path);
+        }
+        if (check.verdict == SettingsActions::AddCheck::Verdict::invalid) {
+            fail(guard, check.message);
+            return;
+        }
+        if (check.verdict == SettingsActions::AddCheck::Verdict::needsConfirmation && !force) {
+            QJsonObject line;
+            line.insert(QStringLiteral("error"), QStringLiteral("iCloud Sync Detected"));
+            line.insert(QStringLiteral("warning"), check.message);
+            line.insert(QStringLiteral("needsForce"), true);
+            reply(guard, line);
+            return;
+        }
+        const QString watched = check.path;
+        whenIdle(guard, [=, this] {
+            if (!guard) {
+                return;
+            }
+            actions_.addFolderToSync(watched, group);
+            waitForGroups(
+                guard, [=, this] { return groupHasPath(model_, group, watched); },
+                [=] {
+                    QJsonObject line = ok(QStringLiteral("Added %1 to %2").arg(watched, group));
+                    line.insert(QStringLiteral("path"), watched);
+                    if (!check.message.isEmpty()) {
+                        line.insert(QStringLiteral("warning"), check.message);
+                    }
+                    reply(guard, line);
+                },
+                QStringLiteral("The backend did not confirm the new folder."));
+        });
+    });
+}
+
+void ControlServer::remove(GuardConnection *connection) {
+    const QString path =
+        QDir::cleanPath(connection->request().value(QStringLiteral("path")).toString());
+    if (!anyGroupHasPath(model_, path) && model_.dirItemsModel()->indexOf(path.toStdString()) < 0) {
+        fail(connection, QStringLiteral("Not a watched folder: %1").arg(path));
+        return;
+    }
+    QPointer<GuardConnection> guard(connection);
+    whenIdle(connection, [=, this] {
+        if (!guard) {
+            return;
+        }
+        actions_.removeFolder(path);
+        waitForGroups(
+            guard, [=, this] { return !anyGroupHasPath(model_, path); },
+            [=] { reply(guard, ok(QStringLiteral("Stopped watching %1").arg(path))); },
+            QStringLiteral("The backend did not confirm the removal."));
+    });
+}
+
+void ControlServer::retention(GuardConnection *connection) {
+    const QJsonObject request = connection->request();
+    const qint64 groupID = request.value(QStringLiteral("groupID")).toInteger(-1);
+    const qint64 days = request.value(QStringLiteral("days")).toInteger(-1);
+    if (days < 0) {
+        fail(connection, QStringLiteral("Days must be 0 (keep forever) or more."));
+        return;
+    }
+    const int row = model_.groupsModel()->indexOf(groupID);
+    if (row < 0) {
+        fail(connection, QStringLiteral("No group with ID %1.").arg(groupID));
+        return;
+    }
+    GroupItem edited = model_.groups()[static_cast<std::size_t>(row)];
+    RetentionSettings settings =
+        edited.retentionSettings.value_or(RetentionSettings::defaultSettings());
+    settings.retentionDays = days;
+    edited.retentionSettings = settings;
+    QPointer<GuardConnection> guard(connection);
+    actions_.saveRetention(edited, [guard, groupID, days](std::optional<QString> error) {
+        if (!guard) {
+            return;
+        }
+        if (error) {
+            fail(guard, QStringLiteral("Error updating retention settings: %1").arg(*error));
+            return;
+        }
+        reply(guard, ok(QStringLiteral("Group %1 keeps deleted files %2")
+                            .arg(groupID)
+                            .arg(days == 0 ? QStringLiteral("forever")
+                                           : QStringLiteral("for %1 days").arg(days))));
+    });
+}
+
+void ControlServer::open(GuardConnection *connection) {
+    const QString path =
+        QDir::cleanPath(connection->request().value(QStringLiteral("path")).toString());
+    QPointer<GuardConnection> guard(connection);
+    whenIdle(connection, [=, this] {
+        if (!guard) {
+            return;
+        }
+        model_.publish(QStringLiteral("openDirPath"), path, QString(),
+                       [guard] { reply(guard, ok()); });
+    });
+}
+
+void ControlServer::logout(GuardConnection *connection) {
+    QPointer<GuardConnection> guard(connection);
+    whenIdle(connection, [this, guard] {
+        if (!guard) {
+            return;
+        }
+        if (!model_.logout()) {
+            fail(guard, QStringLiteral("Another request is under way; try again."));
+            return;
+        }
+        pendingLogout_ = guard;
+    });
+}
+
+void ControlServer::modelQuit() {
+    // A command-line logout hears its answer before the client ends.
+    if (pendingLogout_ && pendingLogout_->isOpen()) {
+        endAfter(pendingLogout_, ok(QStringLiteral("Signed out")));
+        return;
+    }
+    emit quitRequested();
+}
+
+void ControlServer::endAfter(GuardConnection *connection, const QJsonObject &line) {
+    connect(connection, &GuardConnection::closed, this, &ControlServer::quitRequested,
+            Qt::QueuedConnection);
+    reply(connection, line);
+}
+
+void ControlServer::quit(GuardConnection *connection) {
+    endAfter(connection, ok());
+}
+
+void ControlServer::restartBackend(GuardConnection *connection) {
+    using State = supervisor::BackendLauncher::State;
+    const State state = model_.launcher().state();
+    if (state == State::running || state == State::recovering) {
+        fail(connection, QStringLiteral("The backend is running."));
+        return;
+    }
+    model_.restartBackend();
+    reply(connection, ok(QStringLiteral("Backend restarted")));
+}
+
+void ControlServer::whenIdle(GuardConnection *connection, std::function<void()> action) {
+    if (!model_.isWaiting()) {
+        action();
+        return;
+    }
+    auto link = std::make_shared<QMetaObject::Connection>();
+    *link = connect(&model_, &ItemsProvider::isWaitingChanged, connection,
+                    [this, link, action = std::move(action)] {
+                        if (!model_.isWaiting()) {
+                            QObject::disconnect(*link);
+                            action();
+                        }
+                    });
+}
+
+void ControlServer::waitForGroups(GuardConnection *connection, std::function<bool()> check,
+                                  std::function<void()> success, const QString &timeoutMessage) {
+    auto done = std::make_shared<bool>(false);
+    auto link = std::make_shared<QMetaObject::Connection>();
+    *link =
+        connect(&model_, &ItemsProvider::groupsReplaced, connection, [done, link, check, success] {
+            if (!*done && check()) {
+                *done = true;
+                QObject::disconnect(*link);
+                success();
+            }
+        });
+    QPointer<GuardConnection> guard(connection);
+    QTimer::singleShot(confirmTimeoutMs_, connection, [done, link, guard, timeoutMessage] {
+        if (!*done) {
+            *done = true;
+            QObject::disconnect(*link);
+            if (guard) {
+                fail(guard, timeoutMessage);
+            }
+        }
+    });
+}
+
+} // namespace tarnwick

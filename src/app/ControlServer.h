@@ -1,0 +1,70 @@
+#pragma once
+
+#include <QJsonObject>
+#include <QObject>
+#include <QPointer>
+
+#include <functional>
+
+#include <runwarden/ExitAppIfAlreadyOpen.h>
+
+namespace tarnwick {
+
+class ItemsProvider;
+class SettingsActions;
+
+// Answers the command-line tools ("tarnwick status", "tarnwick add", ...) on
+// the per-user socket of the single-instance guard. Each command does what the
+// matching control of the window does, and answers once the model shows its
+// outcome.
+class ControlServer : public QObject {
+    Q_OBJECT
+
+public:
+    ControlServer(ItemsProvider &model, SettingsActions &actions, runwarden::InstanceGuard &guard,
+                  QObject *parent = nullptr);
+
+    // How long a command waits for the backend to confirm a change.
+    void setConfirmTimeout(int milliseconds) { confirmTimeoutMs_ = milliseconds; }
+
+    // The status document: the model's state with folders and groups exactly
+    // as they travel on the wire.
+    static QByteArray statusJSON(const ItemsProvider &model);
+
+signals:
+    // The client should end: "quit", or a logout (from here or the window)
+    // has been answered.
+    void quitRequested();
+
+private:
+    void status(runwarden::GuardConnection *connection);
+    void groups(runwarden::GuardConnection *connection);
+    void login(runwarden::GuardConnection *connection);
+    void auth(runwarden::GuardConnection *connection);
+    void add(runwarden::GuardConnection *connection);
+    void remove(runwarden::GuardConnection *connection);
+    void retention(runwarden::GuardConnection *connection);
+    void open(runwarden::GuardConnection *connection);
+    void logout(runwarden::GuardConnection *connection);
+    void quit(runwarden::GuardConnection *connection);
+    void restartBackend(runwarden::GuardConnection *connection);
+
+    // Runs `action` once no user request is in flight (requests are one at a
+    // time, and a request sent meanwhile would be dropped).
+    void whenIdle(runwarden::GuardConnection *connection, std::function<void()> action);
+    // Calls `check` after each group list until it holds (then `success`) or
+    // the confirmation time runs out (then an error line).
+    void waitForGroups(runwarden::GuardConnection *connection, std::function<bool()> check,
+                       std::function<void()> success, const QString &timeoutMessage);
+
+    void modelQuit();
+    // Sends the last line, and asks for the end once it is out.
+    void endAfter(runwarden::GuardConnection *connection, const QJsonObject &line);
+
+    ItemsProvider &model_;
+    SettingsActions &actions_;
+    QPointer<runwarden::GuardConnection> pendingLogout_;
+    int confirmTimeoutMs_ = 15000;
+};
+
+} // namespace tarnwick

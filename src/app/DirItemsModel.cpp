@@ -1,0 +1,160 @@
+#include "DirItemsModel.h"
+
+#include <algorithm>
+
+namespace tarnwick {
+namespace {
+
+constexpr std::string_view kUploadStep = "2 of 6 - ";
+constexpr std::string_view kUploadLine = "2 of 6 - Uploading file (";
+
+QString text(const std::string &value) {
+    return QString::fromUtf8(value.data(), static_cast<qsizetype>(value.size()));
+}
+
+} // namespace
+
+DirItemsModel::DirItemsModel(QObject *parent) : QAbstractListModel(parent) {}
+
+int DirItemsModel::indexOf(const std::string &path) const {
+    const auto found = rowOfPath_.find(path);
+    return found == rowOfPath_.end() ? -1 : found->second;
+}
+
+bool DirItemsModel::isUploadProgress(const std::string &existing, const std::string &incoming) {
+    return existing.starts_with(kUploadStep) && incoming.starts_with(kUploadLine);
+}
+
+DirItem DirItemsModel::merged(const DirItem &existing, const DirItem &incoming) {
+    if (!isUploadProgress(existing.status, incoming.status)) {
+        return incoming;
+    }
+    // While the backend uploads, its step headline stays on the first line and
+    // the upload progress shows under it instead of replacing it.
+    DirItem result = existing;
+    result.status = existing.status.substr(0, existing.status.find('\n'));
+    result.status.push_back('\n');
+    result.status.append(incoming.status, kUploadStep.size());
+    return result;
+}
+
+bool DirItemsModel::sameRecord(const DirItem &a, const DirItem &b) {
+    return a.path == b.path && a.status == b.status && a.name == b.name && a.groupID == b.groupID &&
+           a.enabled == b.enabled && a.error == b.error;
+}
+
+void DirItemsModel::merge(const std::vector<DirItem> &report) {
+    std::vector<bool> changed(items_.size(), false);
+    std::vector<DirItem> appended;
+    std::unordered_map<std::string, std::size_t> appendedIndex;
+
+    for (const DirItem &incoming : report) {
+        if (const auto row = rowOfPath_.find(incoming.path); row != rowOfPath_.end()) {
+            DirItem &existing = items_[static_cast<std::size_t>(row->second)];
+            DirItem next = merged(existing, incoming);
+            if (!sameRecord(existing, next)) {
+                existing = std::move(next);
+                changed[static_cast<std::size_t>(row->second)] = true;
+            }
+        } else if (const auto pending = appendedIndex.find(incoming.path);
+                   pending != appendedIndex.end()) {
+            // The same path twice in one report: the later entry merges into
+            // the one appended a moment ago.
+            DirItem &existing = appended[pending->second];
+            existing = merged(existing, incoming);
+        } else {
+            appendedIndex.emplace(incoming.path, appended.size());
+            appended.push_back(incoming);
+        }
+    }
+
+    // One dataChanged per run of adjacent changed rows.
+    for (std::size_t row = 0; row < changed.size();) {
+        if (!changed[row]) {
+            ++row;
+            continue;
+        }
+        std::size_t last = row;
+        while (last + 1 < changed.size() && changed[last + 1]) {
+            ++last;
+        }
+        emit dataChanged(index(static_cast<int>(row)), index(static_cast<int>(last)));
+        row = last + 1;
+    }
+
+    if (!appended.empty()) {
+        const int first = count();
+        beginInsertRows({}, first, first + static_cast<int>(appended.size()) - 1);
+        for (DirItem &item : appended) {
+            rowOfPath_.emplace(item.path, count());
+            items_.push_back(std::move(item));
+        }
+        endInsertRows();
+        emit countChanged();
+    }
+}
+
+void DirItemsModel::removePath(const std::string &path) {
+    bool removed = false;
+    for (int row = count() - 1; row >= 0; --row) {
+        if (items_[static_cast<std::size_t>(row)].path == path) {
+            beginRemoveRows({}, row, row);
+            items_.erase(items_.begin() + row);
+            endRemoveRows();
+            removed = true;
+        }
+    }
+    if (removed) {
+        rebuildIndex();
+        emit countChanged();
+    }
+}
+
+void DirItemsModel::rebuildIndex() {
+    rowOfPath_.clear();
+    for (std::size_t row = 0; row < items_.size(); ++row) {
+        rowOfPath_.emplace(items_[row].path, static_cast<int>(row));
+    }
+}
+
+int DirItemsModel::rowCount(const QModelIndex &parent) const {
+    return parent.isValid() ? 0 : count();
+}
+
+QVariant DirItemsModel::data(const QModelIndex &index, int role) const {
+    if (!index.isValid() || index.row() < 0 || index.row() >= count()) {
+        return {};
+    }
+    const DirItem &item = items_[static_cast<std::size_t>(index.row())];
+    switch (role) {
+    case Qt::DisplayRole:
+    case NameRole:
+        return text(item.name);
+    case PathRole:
+        return text(item.path);
+    case GroupIDRole:
+        return static_cast<qlonglong>(item.groupID);
+    case StatusRole:
+        return text(item.status);
+    case ErrorRole:
+        return item.error ? QVariant(text(*item.error)) : QVariant();
+    case EnabledRole:
+        return item.enabled;
+    case ProgressRole:
+        return item.progress();
+    case IconRole:
+        return QString::fromLatin1(item.icon());
+    default:
+        return {};
+    }
+}
+
+QHash<int, QByteArray> DirItemsModel::roleNames() const {
+    return {
+        {PathRole, "path"},         {NameRole, "name"},   {GroupIDRole, "groupID"},
+        {StatusRole, "status"},     {ErrorRole, "error"}, {EnabledRole, "enabled"},
+        {ProgressRole, "progress"}, {IconRole, "icon"},
+    };
+}
+
+} // namespace tarnwick

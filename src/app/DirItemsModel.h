@@ -1,0 +1,66 @@
+#pragma once
+
+#include "Models.h"
+
+#include <QAbstractListModel>
+
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace tarnwick {
+
+// The watched folders in the order first reported, as a list model. A status
+// report changes only the rows whose records changed: views of a 10,000-folder
+// list redraw the one folder whose status moved, not the whole list.
+class DirItemsModel : public QAbstractListModel {
+    Q_OBJECT
+    Q_PROPERTY(int count READ count NOTIFY countChanged)
+
+public:
+    enum Role {
+        PathRole = Qt::UserRole + 1,
+        NameRole,
+        GroupIDRole,
+        StatusRole,
+        ErrorRole,
+        EnabledRole,
+        ProgressRole,
+        IconRole,
+    };
+    Q_ENUM(Role)
+
+    explicit DirItemsModel(QObject *parent = nullptr);
+
+    const std::vector<DirItem> &items() const { return items_; }
+    int count() const { return static_cast<int>(items_.size()); }
+    // Row of the folder with this path, or -1.
+    int indexOf(const std::string &path) const;
+
+    // Merges a status report: a known path is updated in place (keeping the
+    // step-2 headline above an upload line), a new one is appended, and
+    // folders missing from the report stay.
+    void merge(const std::vector<DirItem> &report);
+    // Drops every row with this path.
+    void removePath(const std::string &path);
+
+    int rowCount(const QModelIndex &parent = {}) const override;
+    QVariant data(const QModelIndex &index, int role) const override;
+    QHash<int, QByteArray> roleNames() const override;
+
+    // A known folder after an incoming record for the same path.
+    static DirItem merged(const DirItem &existing, const DirItem &incoming);
+    static bool isUploadProgress(const std::string &existing, const std::string &incoming);
+    static bool sameRecord(const DirItem &a, const DirItem &b);
+
+signals:
+    void countChanged();
+
+private:
+    void rebuildIndex();
+
+    std::vector<DirItem> items_;
+    std::unordered_map<std::string, int> rowOfPath_;
+};
+
+} // namespace tarnwick

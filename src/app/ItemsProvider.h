@@ -1,0 +1,201 @@
+#pragma once
+
+#include "DirItemsModel.h"
+#include "GroupsModel.h"
+#include "Models.h"
+
+#include <QObject>
+#include <QSet>
+#include <QString>
+#include <QUrl>
+
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <optional>
+
+namespace tidepost {
+class PollManager;
+struct Error;
+} // namespace tidepost
+
+namespace tarnwick {
+namespace supervisor {
+class BackendLauncher;
+class BinaryPreparation;
+} // namespace supervisor
+
+// The client's one model object. It owns the request client and through it the
+// backend; it holds every piece of state the screens and the command line
+// observe, and it is the only place where the backend's replies change that
+// state. Everything here lives on the main thread.
+class ItemsProvider : public QObject {
+    Q_OBJECT
+    Q_PROPERTY(QString error READ error WRITE setError NOTIFY errorChanged)
+    Q_PROPERTY(bool isWaiting READ isWaiting NOTIFY isWaitingChanged)
+    Q_PROPERTY(bool isLoggedIn READ isLoggedIn NOTIFY isLoggedInChanged)
+    Q_PROPERTY(QString userName READ userName WRITE setUserName NOTIFY userNameChanged)
+    Q_PROPERTY(tarnwick::DirItemsModel *dirItems READ dirItemsModel CONSTANT)
+    Q_PROPERTY(tarnwick::GroupsModel *groups READ groupsModel CONSTANT)
+    Q_PROPERTY(QUrl loginURL READ loginURL CONSTANT)
+    Q_PROPERTY(bool isLoading READ isLoading NOTIFY isLoadingChanged)
+    Q_PROPERTY(QString menuBarString READ menuBarString NOTIFY menuBarStringChanged)
+    Q_PROPERTY(bool backendFailed READ backendFailed NOTIFY backendFailedChanged)
+
+public:
+    using Completion = std::function<void(const std::optional<tidepost::Error> &error)>;
+    using Clock = std::function<std::chrono::steady_clock::time_point()>;
+
+    // How the client starts. The defaults are the product; tests choose.
+    struct Options {
+        // Modern behaviour: -pid, runner retry, launch at login on first
+        // launch. False selects the older-system paths.
+        bool isMacOS13 = true;
+        // Whether a second running instance ends this one.
+        bool singleInstance = true;
+        // Whether construction queues the backend launch.
+        bool launchBackend = true;
+        // Where lines of the log go (default: standard output).
+        std::function<void(const QString &)> log;
+        // Shipped resources and the per-user data directory.
+        std::function<std::optional<QString>(const QString &)> resources;
+        std::function<std::optional<QString>()> dataDirectory;
+        // The processor name; default: the kernel's.
+        std::optional<QString> architecture;
+        // Ends the application (older systems end themselves after a while).
+        std::function<void()> terminate;
+        std::chrono::milliseconds olderSystemLifetime{600'000};
+        Clock clock;
+        std::chrono::milliseconds relaunchDelay{1000};
+        // The service's web site (the logout page is its /users/logout).
+        QString serviceURL;
+    };
+
+    ItemsProvider();
+    explicit ItemsProvider(Options options, QObject *parent = nullptr);
+    ~ItemsProvider() override;
+
+    // Observable state.
+    QString error() const { return error_; }
+    void setError(const QString &error);
+    bool isWaiting() const { return isWaiting_; }
+    bool isLoggedIn() const { return isLoggedIn_; }
+    QString userName() const { return userName_; }
+    void setUserName(const QString &userName);
+    const std::vector<DirItem> &dirItems() const { return dirItems_->items(); }
+    DirItemsModel *dirItemsModel() const { return dirItems_; }
+    const std::vector<GroupItem> &groups() const { return groups_->items(); }
+    GroupsModel *groupsModel() const { return groups_; }
+    QUrl loginURL() const { return loginURL_; }
+    bool isLoading() const { return isLoading_; }
+    QString menuBarString() const { return menuBarString_; }
+    bool backendFailed() const;
+
+    // Plain state.
+    bool isMacOS13() const { return options_.isMacOS13; }
+    tidepost::PollManager &pm() { return *pm_; }
+    supervisor::BackendLauncher &launcher() { return *launcher_; }
+    int port() const { return port_; }
+    const QSet<qint64> &pendingRetentionUpdates() const { return pendingRetentionUpdates_; }
+    static constexpr int maxCrashRetries = 3;
+
+    // Merges a backend status report into the folder list.
+    void update(const std::vector<DirItem> &dirItems);
+    // Drops a folder from the local state at once, and again 0.5 s later.
+    Q_INVOKABLE void deleteItem(const QString &path);
+    Q_INVOKABLE QString walkDirIcon(const QString &path) const;
+    void setMenuBarString();
+    void markRetentionUpdatePending(qint64 groupID);
+    void clearRetentionUpdatePending(qint64 groupID);
+
+    // Commands. publishAndWaitThrows reports failures; publishAndWait retries
+    // (six attempts) and never fails; publish is the gated fire-and-forget
+    // form the screens use.
+    void publishAndWaitThrows(const QString &type, const QString &id, const QString &data,
+                              Completion done);
+    void publishAndWait(const QString &type, const QString &id, const QString &data,
+                        std::function<void()> done = {});
+    Q_INVOKABLE void publish(const QString &type, const QString &id, const QString &data);
+    // The same, telling whether the request was accepted, and calling done
+    // when an accepted one has ended.
+    bool publish(const QString &type, const QString &id, const QString &data,
+                 std::function<void()> done);
+    Q_INVOKABLE void requestCodeViaEmail(const QString &email);
+    void requestCodeViaEmail(const QString &email, std::function<void()> done);
+
+    // The login screen's action: sends the code with "auth", shows
+    // "Authenticating ..." and, when no sign-in has arrived 5 s later,
+    // "Authentication failed. Please retry ...".
+    Q_INVOKABLE void performLogin(const QString &code);
+    void performLogin(const QString &code, std::function<void()> sent);
+    void setLoginFailureDelay(std::chrono::milliseconds delay) { loginFailureDelay_ = delay; }
+    // The footer's "Logout": 0.1 s later "logoutAndExit" goes to the backend;
+    // when it has answered, quitRequested() asks the application to end.
+    // False when another request is under way.
+    Q_INVOKABLE bool logout();
+    void updateGroupRetentionSettings(const GroupItem &group, Completion done);
+
+    // Starts the backend again after it failed or stopped (the count of
+    // crashes starts over).
+    Q_INVOKABLE void restartBackend();
+
+    // The log line writer every part of the model uses.
+    void log(const QString &line) const;
+
+signals:
+    void errorChanged();
+    void isWaitingChanged();
+    void isLoggedInChanged();
+    void userNameChanged();
+    void isLoadingChanged();
+    void menuBarStringChanged();
+    void backendFailedChanged();
+    // A group list from the backend has been applied.
+    void groupsReplaced();
+    // A reply told whether a user is signed in (a folder or group list or a
+    // "ping" says yes, "auth request" says no).
+    void loginStateReported(bool loggedIn);
+    // The application should end (after a logout).
+    void quitRequested();
+
+private:
+    void startUp();
+    void launchTask();
+    void setIsWaiting(bool value);
+    void setIsLoggedIn(bool value);
+    void setIsLoading(bool value);
+    void applyReply(const QString &type, const QByteArray &body, const Completion &done);
+    void replaceGroups(std::vector<GroupItem> incoming);
+    void sendNextRequest();
+    void publishAttempt(const QString &type, const QString &id, const QString &data, int attempt,
+                        std::function<void()> done);
+    QString architecture() const;
+
+    Options options_;
+    QString error_;
+    bool isWaiting_ = false;
+    bool isLoggedIn_ = true;
+    QString userName_;
+    DirItemsModel *dirItems_;
+    GroupsModel *groups_;
+    QUrl loginURL_;
+    bool isLoading_ = true;
+    QString menuBarString_ = QStringLiteral("arrow.clockwise");
+    QSet<qint64> pendingRetentionUpdates_;
+    int port_ = 0;
+    bool destroying_ = false;
+    struct PendingRequest {
+        QString type;
+        QString id;
+        QString data;
+        Completion done;
+    };
+    std::deque<PendingRequest> requests_;
+    bool requestInFlight_ = false;
+    std::chrono::milliseconds loginFailureDelay_{5000};
+    std::unique_ptr<tidepost::PollManager> pm_;
+    std::unique_ptr<supervisor::BackendLauncher> launcher_;
+};
+
+} // namespace tarnwick

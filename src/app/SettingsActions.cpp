@@ -1,0 +1,97 @@
+#include "SettingsActions.h"
+
+#include "FileSystemUtils.h"
+#include "ItemsProvider.h"
+#include "PollManager.h"
+
+#include <QDir>
+#include <QTimer>
+
+namespace tarnwick {
+
+using pathcheck::FileSystemUtils;
+
+SettingsActions::SettingsActions(ItemsProvider &model, QObject *parent)
+    : QObject(parent), model_(model) {}
+
+SettingsActions::AddCheck SettingsActions::checkFolder(const QString &path) {
+    if (FileSystemUtils::isICloudSyncedPath(path)) {
+        return {AddCheck::Verdict::needsConfirmation, path,
+                FileSystemUtils::getICloudStatusMessage(path).value_or(QStringLiteral(
+                    "This folder appears to be synced with iCloud Drive. Files may not sync "
+                    "properly as they could be stored only in iCloud and not downloaded locally. "
+                    "This may cause conflicts with tarnwick sync."))};
+    }
+    return {AddCheck::Verdict::add, path, QString()};
+}
+
+SettingsActions::AddCheck SettingsActions::checkPhotoLibrary(const QString &libraryPath) {
+    const QString originals = QDir::cleanPath(libraryPath) + QStringLiteral("/originals");
+    const auto validation = FileSystemUtils::validatePhotosLibrary(libraryPath);
+    if (!validation.isValid) {
+        return {AddCheck::Verdict::invalid, originals, validation.message.value_or(QString())};
+    }
+    if (FileSystemUtils::isICloudSyncedPath(originals)) {
+        return {AddCheck::Verdict::needsConfirmation, originals,
+                FileSystemUtils::getICloudStatusMessage(originals).value_or(QStringLiteral(
+                    "This Photos library appears to be synced with iCloud. This may cause sync "
+                    "conflicts with tarnwick."))};
+    }
+    return {AddCheck::Verdict::add, originals, QString()};
+}
+
+void SettingsActions::refreshGroupsTwice() {
+    model_.publish(QStringLiteral("getGroups"), QString(), QString());
+    // The backend applies changes asynchronously: ask again shortly after.
+    QTimer::singleShot(refreshDelayMs, this, [this] {
+        model_.publish(QStringLiteral("getGroups"), QString(), QString());
+    });
+}
+
+void SettingsActions::addFolderToSync(const QString &path, const QString &groupName) {
+    const QString absolute = QDir(path).absolutePath();
+    model_.log(absolute);
+    model_.publish(QStringLiteral("addWatchDir"), groupName, absolute);
+    refreshGroupsTwice();
+}
+
+void SettingsActions::removeFolder(const QString &path) {
+    model_.publish(QStringLiteral("stopWatching"), path, QString());
+    model_.deleteItem(path);
+    refreshGroupsTwice();
+}
+
+void SettingsActions::saveRetention(const GroupItem &edited,
+                                    std::function<void(std::optional<QString> error)> done) {
+    if (model_.groupsModel()->indexOf(edited.groupID) < 0) {
+        model_.log(QStringLiteral("Error: Group not found in ip.groups"));
+        if (done) {
+            done(QStringLiteral("Group not found"));
+        }
+        return;
+    }
+    const std::int64_t days = edited.retentionSettings && edited.retentionSettings->retentionDays
+                                  ? *edited.retentionSettings->retentionDays
+                                  : 0;
+    model_.log(
+        QStringLiteral("Updating retention for group %1: %2 days").arg(edited.groupID).arg(days));
+    model_.groupsModel()->setRetentionSettings(edited.groupID, edited.retentionSettings);
+    model_.markRetentionUpdatePending(edited.groupID);
+    emit retentionUpdateStarted(edited.groupID);
+    const qint64 id = edited.groupID;
+    model_.updateGroupRetentionSettings(
+        edited, [this, id, done = std::move(done)](const std::optional<tidepost::Error> &error) {
+            std::optional<QString> failure;
+            if (error) {
+                failure = QString::fromStdString(error->description);
+                model_.log(QStringLiteral("Error updating retention settings: %1").arg(*failure));
+            }
+            model_.clearRetentionUpdatePending(id);
+            emit retentionUpdateFinished(id);
+            if (done) {
+                done(failure);
+            }
+        });
+}
+
+} // namespace tarnwick

@@ -1,0 +1,482 @@
+// The client's model: start-up, status merging, the reply shapes and every
+// command, against a scripted backend endpoint on loopback.
+#include "FakeBackend.h"
+#include "ItemsProvider.h"
+#include "LaunchAtLogin.h"
+#include "PollManager.h"
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QSettings>
+#include <QSignalSpy>
+#include <QTest>
+
+#include <atomic>
+#include <thread>
+
+#include <unistd.h>
+
+using namespace tarnwick;
+
+namespace {
+
+DirItem folder(const std::string &path, const std::string &status, std::int64_t group = 1) {
+    DirItem item;
+    item.path = path;
+    item.name = path.substr(path.rfind('/') + 1);
+    item.status = status;
+    item.groupID = group;
+    item.enabled = true;
+    return item;
+}
+
+GroupItem group(std::int64_t id, const std::string &name, std::vector<std::string> paths,
+                std::optional<std::int64_t> days = std::nullopt) {
+    GroupItem g;
+    g.groupID = id;
+    g.name = name;
+    g.walkPaths = std::move(paths);
+    if (days) {
+        RetentionSettings settings;
+        settings.retentionDays = days;
+        g.retentionSettings = settings;
+    }
+    return g;
+}
+
+// One model with a scripted backend listening on its port.
+struct Fixture {
+    QStringList log;
+    std::unique_ptr<ItemsProvider> provider;
+    std::unique_ptr<FakeBackend> backend;
+
+    explicit Fixture(bool listen = true, bool modern = true) {
+        ItemsProvider::Options options;
+        options.launchBackend = false;
+        options.singleInstance = false;
+        options.isMacOS13 = modern;
+        options.log = [this](const QString &line) { log << line; };
+        provider = std::make_unique<ItemsProvider>(options);
+        backend = std::make_unique<FakeBackend>(provider->pm().kes.LocalPublicKey());
+        provider->pm().kes.setExternalPublicKey(backend->publicKey());
+        if (listen && !backend->listen(provider->port())) {
+            qFatal("could not listen on the model's port");
+        }
+    }
+
+    ~Fixture() {
+        // The client goes first, closing its kept-alive connection, so the
+        // server stops at once.
+        provider.reset();
+        backend.reset();
+    }
+
+    // Runs one publishAndWaitThrows to its end.
+    std::optional<tidepost::Error> call(const QString &type, const QString &id = {},
+                                        const QString &data = {}) {
+        std::optional<std::optional<tidepost::Error>> result;
+        provider->publishAndWaitThrows(
+            type, id, data, [&](const std::optional<tidepost::Error> &error) { result = error; });
+        if (!QTest::qWaitFor([&] { return result.has_value(); }, 10000)) {
+            qFatal("request did not end");
+        }
+        return *result;
+    }
+    void answer(const std::string &plaintext) {
+        backend->setHandler(
+            [plaintext](const FakeRequest &) { return FakeReply::sealed(plaintext); });
+    }
+    int count(const QString &line) const { return int(log.count(line)); }
+};
+
+} // namespace
+
+class ItemsProviderTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void initialState() {
+        Fixture f(false);
+        ItemsProvider &p = *f.provider;
+        QCOMPARE(p.error(), QString());
+        QVERIFY(!p.isWaiting());
+        QVERIFY(p.isLoggedIn());
+        QVERIFY(p.isLoading());
+        QCOMPARE(p.menuBarString(), "arrow.clockwise");
+        QCOMPARE(p.loginURL().path(), "/users/logout");
+        QVERIFY(p.port() >= 8001 && p.port() < 9000);
+        QVERIFY(p.dirItems().empty());
+        QVERIFY(p.groups().empty());
+    }
+
+    void commandLineOrder() {
+        Fixture modern(false, true);
+        const QStringList args = modern.provider->pm().processManager().arguments();
+        QCOMPARE(args.size(), 3);
+        QCOMPARE(args[0], QStringLiteral("-pid=%1").arg(::getpid()));
+        QCOMPARE(args[1],
+                 "-token=" + QString::fromStdString(modern.provider->pm().kes.LocalPublicKey()));
+        QCOMPARE(args[2], QStringLiteral("-port=%1").arg(modern.provider->port()));
+
+        Fixture older(false, false);
+        const QStringList olderArgs = older.provider->pm().processManager().arguments();
+        QCOMPARE(olderArgs.size(), 2);
+        QVERIFY(olderArgs[0].startsWith("-token="));
+    }
+
+    void firstLaunchSwitchesLaunchAtLoginOnOnce() {
+        QSettings(QStringLiteral("tarnwick"), QStringLiteral("tarnwick")).clear();
+        QFile::remove(LaunchAtLogin::entryPath());
+        { Fixture f(false, true); }
+        QVERIFY(LaunchAtLogin::isEnabled());
+        QVERIFY(QSettings(QStringLiteral("tarnwick"), QStringLiteral("tarnwick"))
+                    .value("hasLaunchedBefore")
+                    .toBool());
+        // The user switches it off; later launches leave it off.
+        LaunchAtLogin::setEnabled(false);
+        { Fixture f(false, true); }
+        QVERIFY(!LaunchAtLogin::isEnabled());
+    }
+
+    void olderSystemsEndAfterTheirLifetime() {
+        QSettings(QStringLiteral("tarnwick"), QStringLiteral("tarnwick")).clear();
+        QFile::remove(LaunchAtLogin::entryPath());
+        bool terminated = false;
+        ItemsProvider::Options options;
+        options.isMacOS13 = false;
+        options.launchBackend = false;
+        options.singleInstance = false;
+        options.log = [](const QString &) {};
+        options.olderSystemLifetime = std::chrono::milliseconds(50);
+        options.terminate = [&] { terminated = true; };
+        ItemsProvider provider(options);
+        QVERIFY(QTest::qWaitFor([&] { return terminated; }, 5000));
+        QVERIFY(!LaunchAtLogin::isEnabled()); // no first-launch switch on older systems
+    }
+
+    void uploadLineShowsUnderTheStepHeadline() {
+        Fixture f(false);
+        f.provider->update({folder("/a", "2 of 6 - Uploading files (3)\n(older upload line)")});
+        f.provider->update({folder("/a", "2 of 6 - Uploading file (report.pdf) 40%")});
+        QCOMPARE(f.provider->dirItems().size(), 1u);
+        QCOMPARE(f.provider->dirItems()[0].status,
+                 std::string("2 of 6 - Uploading files (3)\nUploading file (report.pdf) 40%"));
+    }
+
+    void uploadLineForAnUnknownPathIsAppendedAsIs() {
+        Fixture f(false);
+        f.provider->update({folder("/known", "Up to date")});
+        f.provider->update({folder("/new", "2 of 6 - Uploading file (a.txt)")});
+        QCOMPARE(f.provider->dirItems().size(), 2u);
+        QCOMPARE(f.provider->dirItems()[1].status, std::string("2 of 6 - Uploading file (a.txt)"));
+    }
+
+    void otherStatusesReplaceWholeRecords() {
+        Fixture f(false);
+        f.provider->update({folder("/a", "2 of 6 - Uploading files", 1)});
+        f.provider->update({folder("/a", "3 of 6 - Checking", 2)});
+        QCOMPARE(f.provider->dirItems()[0].status, std::string("3 of 6 - Checking"));
+        QCOMPARE(f.provider->dirItems()[0].groupID, 2);
+        // Entries missing from a report stay.
+        f.provider->update({folder("/b", "Up to date")});
+        QCOMPARE(f.provider->dirItems().size(), 2u);
+    }
+
+    void loadingSettlesWhenEverythingIsUpToDate() {
+        Fixture f(false);
+        QSignalSpy icon(f.provider.get(), &ItemsProvider::menuBarStringChanged);
+        f.provider->update({folder("/a", "3 of 6 - Checking"), folder("/b", "Up to date")});
+        QVERIFY(f.provider->isLoading());
+        QCOMPARE(icon.count(), 0);
+        f.provider->update({folder("/a", "Up to date"), folder("/b", "Server status check ...")});
+        QVERIFY(!f.provider->isLoading());
+        QCOMPARE(f.provider->menuBarString(), "internaldrive");
+        QCOMPARE(icon.count(), 1);
+        f.provider->update({folder("/a", "Up to date"), folder("/b", "Server status check ...")});
+        QCOMPARE(icon.count(), 1); // nothing changed, nothing announced
+        f.provider->update({folder("/a", "1 of 6 - Scanning files (10)")});
+        QVERIFY(f.provider->isLoading());
+        QCOMPARE(f.provider->menuBarString(), "arrow.clockwise");
+    }
+
+    void walkDirIcon() {
+        Fixture f(false);
+        QCOMPARE(f.provider->walkDirIcon("/unknown"), "internaldrive");
+        f.provider->update({folder("/a", "4 of 6 - Indexing")});
+        QCOMPARE(f.provider->walkDirIcon("/a"), "arrow.clockwise");
+        f.provider->update({folder("/a", "Up to date")});
+        QCOMPARE(f.provider->walkDirIcon("/a"), "internaldrive");
+    }
+
+    void bigReportChangingOneStatusSignalsOneRow() {
+        Fixture f(false);
+        std::vector<DirItem> report;
+        for (int i = 0; i < 10000; ++i) {
+            report.push_back(folder("/data/folder" + std::to_string(i), "Up to date"));
+        }
+        f.provider->update(report);
+        QCOMPARE(f.provider->dirItemsModel()->rowCount(), 10000);
+        QSignalSpy changed(f.provider->dirItemsModel(), &QAbstractItemModel::dataChanged);
+        QSignalSpy reset(f.provider->dirItemsModel(), &QAbstractItemModel::modelReset);
+        QSignalSpy inserted(f.provider->dirItemsModel(), &QAbstractItemModel::rowsInserted);
+        report[4321].status = "1 of 6 - Scanning files (2)";
+        f.provider->update(report);
+        QCOMPARE(reset.count(), 0);
+        QCOMPARE(inserted.count(), 0);
+        QCOMPARE(changed.count(), 1);
+        QCOMPARE(changed[0][0].value<QModelIndex>().row(), 4321);
+        QCOMPARE(changed[0][1].value<QModelIndex>().row(), 4321);
+        QCOMPARE(f.provider->dirItemsModel()
+                     ->data(f.provider->dirItemsModel()->index(4321), DirItemsModel::ProgressRole)
+                     .toDouble(),
+                 0.15);
+    }
+
+    void deleteItemRemovesFromEveryGroupAndAgainLater() {
+        Fixture f;
+        f.answer(encodeGroupItems(
+            {group(1, "Personal", {"/shared", "/mine"}), group(2, "Family", {"/shared"})}));
+        QVERIFY(!f.call("getGroups"));
+        f.provider->update({folder("/shared", "Up to date"), folder("/mine", "Up to date")});
+
+        f.provider->deleteItem("/shared");
+        QCOMPARE(f.provider->groups()[0].walkPaths, std::vector<std::string>{"/mine"});
+        QVERIFY(f.provider->groups()[1].walkPaths.empty());
+        QCOMPARE(f.provider->dirItems().size(), 1u);
+        // A report already in flight brings it back; the repeat drops it again.
+        f.provider->update({folder("/shared", "Up to date")});
+        QCOMPARE(f.provider->dirItems().size(), 2u);
+        QTRY_COMPARE_WITH_TIMEOUT(f.provider->dirItems().size(), 1u, 2000);
+        QCOMPARE(f.provider->dirItems()[0].path, std::string("/mine"));
+    }
+
+    void folderReportLogsIn() {
+        Fixture f;
+        f.answer(R"({"Type":"auth request","ID":"","Data":""})");
+        QVERIFY(!f.call("getGroups"));
+        QVERIFY(!f.provider->isLoggedIn());
+        // An empty array is an empty folder report: nothing changes, but the
+        // user is signed in again.
+        f.answer("[]");
+        QVERIFY(!f.call("ping", {}, "[]"));
+        QVERIFY(f.provider->isLoggedIn());
+        QVERIFY(f.provider->dirItems().empty());
+    }
+
+    void pingWithNoFoldersSettlesLoading() {
+        Fixture f;
+        f.answer(R"({"Type":"auth request","ID":"","Data":""})");
+        QVERIFY(!f.call("ping"));
+        f.answer(R"({"Type":"ping","ID":"","Data":""})");
+        QVERIFY(!f.call("ping"));
+        QVERIFY(f.provider->isLoggedIn());
+        QVERIFY(!f.provider->isLoading());
+        QCOMPARE(f.provider->menuBarString(), "internaldrive");
+    }
+
+    void unknownBackendMessage() {
+        Fixture f;
+        f.answer(R"({"Type":"surprise","ID":"","Data":""})");
+        const auto error = f.call("getGroups");
+        QVERIFY(error);
+        QCOMPARE(error->domain, std::string("TarnwickError"));
+        QCOMPARE(error->description, std::string("unknownRequestType"));
+    }
+
+    void successStatusChangesNothing() {
+        Fixture f;
+        f.provider->update({folder("/a", "Up to date")});
+        f.answer(R"({"status":"success"})");
+        QVERIFY(!f.call("addWatchDir", "Personal", "/tmp"));
+        QCOMPARE(f.provider->dirItems().size(), 1u);
+        QVERIFY(f.provider->isLoggedIn());
+        QCOMPARE(f.backend->requests().back().id, std::string("Personal"));
+        QCOMPARE(f.backend->requests().back().data, std::string("/tmp"));
+    }
+
+    void serverErrorIsReported() {
+        Fixture f;
+        f.answer(R"({"status":"error","error":"Unknown group"})");
+        const auto error = f.call("addWatchDir", "Nope", "/tmp");
+        QVERIFY(error);
+        QCOMPARE(error->domain, std::string("ServerError"));
+        QCOMPARE(error->code, 1);
+        QCOMPARE(error->description, std::string("Unknown group"));
+        QCOMPARE(f.count("Server error for type 'addWatchDir': Unknown group"), 1);
+        // A failure without a reason is a reply that matches nothing.
+        f.answer(R"({"status":"error"})");
+        QCOMPARE(f.call("getGroups")->description, std::string("decodeError"));
+        f.answer(R"({"Status":"success"})");
+        QCOMPARE(f.call("getGroups")->description, std::string("decodeError"));
+    }
+
+    void openDirPathAcceptsAnEmptyReply() {
+        Fixture f;
+        f.backend->setHandler([](const FakeRequest &) { return FakeReply::raw(""); });
+        QVERIFY(!f.call("openDirPath", "/a"));
+        QCOMPARE(f.call("getGroups")->description, std::string("decodeError"));
+        f.answer("not json at all");
+        QVERIFY(!f.call("openDirPath", "/a"));
+        QCOMPARE(f.call("getGroups")->description, std::string("decodeError"));
+    }
+
+    void repliesWithAStaleTimestampAreRefused() {
+        Fixture f;
+        f.backend->setHandler([](const FakeRequest &) {
+            FakeReply reply = FakeReply::sealed(R"({"Type":"auth request","ID":"","Data":""})");
+            reply.timestampOffsetMs = -1000;
+            return reply;
+        });
+        QCOMPARE(f.call("getGroups")->description, std::string("decodeError"));
+        QVERIFY(f.provider->isLoggedIn());
+        QVERIFY(f.log.filter("authTimestamp error:").size() >= 1);
+    }
+
+    void httpFailureIsATransportError() {
+        Fixture f;
+        f.backend->setHandler([](const FakeRequest &) { return FakeReply::raw("", 500); });
+        const auto error = f.call("getGroups");
+        QVERIFY(error);
+        QCOMPARE(error->description, std::string("publishFailure"));
+    }
+
+    void publishIsSingleFlight() {
+        Fixture f;
+        f.answer(R"({"status":"success"})");
+        QSignalSpy waiting(f.provider.get(), &ItemsProvider::isWaitingChanged);
+        f.provider->publish("getGroups", {}, {});
+        QVERIFY(f.provider->isWaiting());
+        f.provider->publish("openWeb", "2", {});
+        QCOMPARE(f.count("Publish request ignored.  Waiting for previous request to finish ..."),
+                 1);
+        QTRY_VERIFY_WITH_TIMEOUT(!f.provider->isWaiting(), 10000);
+        QCOMPARE(f.backend->requestCount("getGroups"), 1);
+        QCOMPARE(f.backend->requestCount("openWeb"), 0);
+        QCOMPARE(waiting.count(), 2);
+    }
+
+    void publishAndWaitTriesSixTimesAndWarnsOnce() {
+        Fixture f;
+        f.backend->setHandler([](const FakeRequest &) { return FakeReply::raw("", 503); });
+        bool done = false;
+        f.provider->publishAndWait("getGroups", {}, {}, [&] { done = true; });
+        QVERIFY(QTest::qWaitFor([&] { return done; }, 10000));
+        QCOMPARE(f.backend->requestCount("getGroups"), 6);
+        QCOMPARE(f.log.filter("warning:").size(), 1);
+        QCOMPARE(f.log.filter("warning:").first(), QString("warning: publishFailure"));
+    }
+
+    void codeRequestEndsWithTheSentMessageEvenWhenUnreachable() {
+        Fixture f(false); // nothing listens on the port
+        QSignalSpy errors(f.provider.get(), &ItemsProvider::errorChanged);
+        f.provider->requestCodeViaEmail("ana@example.org");
+        QCOMPARE(f.provider->error(), "Sending 6-digit code to ana@example.org ...");
+        QTRY_COMPARE_WITH_TIMEOUT(f.provider->error(),
+                                  "6-digit code sent to ana@example.org. Check your email.", 10000);
+        QCOMPARE(f.log.filter("warning:").size(), 1);
+        QCOMPARE(errors.count(), 2);
+    }
+
+    void codeRequestCarriesTheAddress() {
+        Fixture f;
+        f.answer(R"({"status":"success"})");
+        f.provider->requestCodeViaEmail("ana@example.org");
+        QTRY_COMPARE_WITH_TIMEOUT(f.provider->error(),
+                                  "6-digit code sent to ana@example.org. Check your email.", 10000);
+        QCOMPARE(f.backend->requests().back().type, std::string("requestCode"));
+        QCOMPARE(f.backend->requests().back().id, std::string("ana@example.org"));
+        QCOMPARE(f.backend->requests().back().data, std::string());
+        QCOMPARE(f.backend->requests().back().authorization,
+                 "Bearer " + f.provider->pm().kes.LocalPublicKey());
+    }
+
+    void pendingRetentionEditSurvivesAGroupList() {
+        Fixture f;
+        f.answer(encodeGroupItems({group(7, "Work", {"/w"}, 30), group(8, "Home", {}, 5)}));
+        QVERIFY(!f.call("getGroups"));
+
+        // The user edits group 7 to 90 days; the request is still open.
+        GroupItem edited = f.provider->groups()[0];
+        edited.retentionSettings->retentionDays = 90;
+        f.provider->markRetentionUpdatePending(7);
+        f.provider->groupsModel()->setRetentionSettings(7, edited.retentionSettings);
+
+        // A list with the old value arrives meanwhile.
+        f.answer(encodeGroupItems({group(7, "Work", {"/w", "/x"}, 30), group(8, "Home", {}, 6)}));
+        QVERIFY(!f.call("getGroups"));
+        QCOMPARE(*f.provider->groups()[0].retentionSettings->retentionDays, 90);
+        QCOMPARE(f.provider->groups()[0].walkPaths.size(), 2u); // the rest is the server's
+        QCOMPARE(*f.provider->groups()[1].retentionSettings->retentionDays, 6);
+        QCOMPARE(f.count("Preserving optimistic retention update for group 7"), 1);
+
+        f.provider->clearRetentionUpdatePending(7);
+        QVERIFY(!f.call("getGroups"));
+        QCOMPARE(*f.provider->groups()[0].retentionSettings->retentionDays, 30);
+    }
+
+    void requestsGoOutOneAtATime() {
+        Fixture f;
+        std::atomic<int> inFlight = 0;
+        std::atomic<int> most = 0;
+        f.backend->setHandler([&](const FakeRequest &) {
+            const int now = ++inFlight;
+            most = std::max(most.load(), now);
+            std::this_thread::sleep_for(std::chrono::milliseconds(30));
+            --inFlight;
+            return FakeReply::sealed(R"({"status":"success"})");
+        });
+        QStringList finished;
+        for (const char *type : {"getGroups", "openWeb", "addWatchDir", "stopWatching"}) {
+            f.provider->publishAndWaitThrows(
+                type, {}, {}, [&finished, type](const std::optional<tidepost::Error> &e) {
+                    finished << (e ? QString("failed") : QString(type));
+                });
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(finished.size(), 4, 10000);
+        QCOMPARE(finished, (QStringList{"getGroups", "openWeb", "addWatchDir", "stopWatching"}));
+        QCOMPARE(most.load(), 1);
+        std::vector<std::string> order;
+        for (const auto &request : f.backend->requests()) {
+            order.push_back(request.type);
+        }
+        QCOMPARE(order,
+                 (std::vector<std::string>{"getGroups", "openWeb", "addWatchDir", "stopWatching"}));
+    }
+
+    void noBackendKeyYet() {
+        Fixture f;
+        f.provider->pm().kes.clearExternalPublicKey();
+        const auto error = f.call("getGroups");
+        QVERIFY(error);
+        QCOMPARE(error->description, std::string("publicKeyNotSet"));
+        QCOMPARE(f.backend->requests().size(), 0u);
+    }
+
+    void updateGroupSendsTheWholeGroup() {
+        Fixture f;
+        f.answer(R"({"status":"success"})");
+        const GroupItem g = group(7, "Work", {"/home/ana/Documents"}, 30);
+        std::optional<std::optional<tidepost::Error>> result;
+        f.provider->updateGroupRetentionSettings(
+            g, [&](const std::optional<tidepost::Error> &error) { result = error; });
+        QVERIFY(QTest::qWaitFor([&] { return result.has_value(); }, 10000));
+        QVERIFY(!*result);
+        QCOMPARE(f.backend->requests().back().type, std::string("updateGroup"));
+        QCOMPARE(f.backend->requests().back().data, g.toJSON());
+        QCOMPARE(f.count("Sending updateGroup request for group 7, retention: 30 days"), 1);
+        QCOMPARE(f.count("updateGroup request completed successfully"), 1);
+
+        f.answer(R"({"status":"error","error":"nope"})");
+        result.reset();
+        f.provider->updateGroupRetentionSettings(
+            group(8, "Home", {}),
+            [&](const std::optional<tidepost::Error> &error) { result = error; });
+        QVERIFY(QTest::qWaitFor([&] { return result.has_value(); }, 10000));
+        QVERIFY(*result);
+        QCOMPARE(f.count("Sending updateGroup request for group 8, retention: 0 days"), 1);
+        QCOMPARE(f.count("updateGroup request completed successfully"), 1);
+    }
+};
+
+QTEST_GUILESS_MAIN(ItemsProviderTest)
+#include "tst_items_provider.moc"
