@@ -1,0 +1,318 @@
+// The tarnwick executable as a user runs it: a headless client over the
+// development backend, driven only through the command line.
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QTest>
+
+namespace {
+
+const QString kTarnwick = QStringLiteral(TARNWICK_EXECUTABLE);
+
+struct Result {
+    int exitCode = -1;
+    QString out;
+    QString err;
+};
+
+// One user's machine: its own home and XDG folders.
+struct Home {
+    QTemporaryDir dir;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+
+    Home() {
+        for (const char *name : {"data", "config", "state", "cache", "runtime"}) {
+            QDir().mkpath(dir.filePath(name));
+        }
+        QFile::setPermissions(dir.filePath("runtime"),
+                              QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        env.insert("HOME", dir.path());
+        env.insert("XDG_DATA_HOME", dir.filePath("data"));
+        env.insert("XDG_CONFIG_HOME", dir.filePath("config"));
+        env.insert("XDG_STATE_HOME", dir.filePath("state"));
+        env.insert("XDG_CACHE_HOME", dir.filePath("cache"));
+        env.insert("XDG_RUNTIME_DIR", dir.filePath("runtime"));
+        env.remove("KOVRIT_DEV_STATE");
+        env.remove("KOVRIT_DEV_CODE");
+        env.remove("KOVRIT_DEV_FAULT");
+        env.remove("TARNWICK_RESOURCES_DIR");
+    }
+    QString path(const QString &relative) const { return dir.filePath(relative); }
+    QString outbox(const QString &address) const {
+        return dir.filePath("state/kovrit-dev/outbox/" + address);
+    }
+    QString backendCopy() const { return dir.filePath("data/tarnwick/bin/kovrit-linux-amd64"); }
+};
+
+Result run(const Home &home, const QStringList &arguments, const QByteArray &input = {},
+           int timeoutMs = 120000) {
+    QProcess process;
+    process.setProcessEnvironment(home.env);
+    process.start(kTarnwick, arguments);
+    if (!process.waitForStarted()) {
+        return {};
+    }
+    if (!input.isEmpty()) {
+        process.write(input);
+    }
+    process.closeWriteChannel();
+    process.waitForFinished(timeoutMs);
+    return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
+            QString::fromUtf8(process.readAllStandardOutput()),
+            QString::fromUtf8(process.readAllStandardError())};
+}
+
+QJsonObject statusOf(const Home &home) {
+    const Result result = run(home, {"status", "--json"});
+    return QJsonDocument::fromJson(result.out.toUtf8()).object();
+}
+
+QJsonArray groupsOf(const Home &home) {
+    const Result result = run(home, {"groups", "--json"});
+    return QJsonDocument::fromJson(result.out.toUtf8()).array();
+}
+
+QJsonObject groupNamed(const QJsonArray &groups, const QString &name) {
+    for (const auto &group : groups) {
+        if (group.toObject().value("Name").toString() == name) {
+            return group.toObject();
+        }
+    }
+    return {};
+}
+
+QString folderStatus(const Home &home, const QString &path) {
+    for (const auto &item : statusOf(home).value("dirItems").toArray()) {
+        if (item.toObject().value("Path").toString() == path) {
+            return item.toObject().value("Status").toString();
+        }
+    }
+    return {};
+}
+
+// Process ids whose command line starts with `program`.
+QList<qint64> processesRunning(const QString &program) {
+    QList<qint64> pids;
+    QDirIterator it("/proc", QDir::Dirs | QDir::NoDotAndDotDot);
+    while (it.hasNext()) {
+        const QString entry = it.next();
+        bool numeric = false;
+        const qint64 pid = QFileInfo(entry).fileName().toLongLong(&numeric);
+        if (!numeric) {
+            continue;
+        }
+        QFile cmdline(entry + "/cmdline");
+        if (cmdline.open(QIODevice::ReadOnly) &&
+            cmdline.readAll().startsWith(program.toUtf8() + '\0')) {
+            pids << pid;
+        }
+    }
+    return pids;
+}
+
+// A running headless client.
+struct Client {
+    QProcess process;
+    explicit Client(const Home &home) {
+        process.setProcessEnvironment(home.env);
+        process.setProcessChannelMode(QProcess::SeparateChannels);
+        process.start(kTarnwick, {"--headless"});
+    }
+    ~Client() {
+        if (process.state() != QProcess::NotRunning) {
+            process.terminate();
+            if (!process.waitForFinished(10000)) {
+                process.kill();
+                process.waitForFinished();
+            }
+        }
+    }
+    QString output() { return log += QString::fromUtf8(process.readAllStandardOutput()); }
+    QString log;
+};
+
+bool signIn(const Home &home, const QString &address) {
+    QFile::remove(home.outbox(address));
+    QProcess login;
+    login.setProcessEnvironment(home.env);
+    login.start(kTarnwick, {"login", address});
+    if (!QTest::qWaitFor([&] { return QFile::exists(home.outbox(address)); }, 60000)) {
+        return false;
+    }
+    QFile code(home.outbox(address));
+    code.open(QIODevice::ReadOnly);
+    login.write(code.readAll().trimmed() + "\n");
+    login.closeWriteChannel();
+    login.waitForFinished(60000);
+    const QString out = QString::fromUtf8(login.readAllStandardOutput());
+    return login.exitCode() == 0 && out.contains("Signed in as " + address);
+}
+
+} // namespace
+
+class CliTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void helpVersionAndUsage() {
+        Home home;
+        Result result = run(home, {"--help"});
+        QCOMPARE(result.exitCode, 0);
+        QVERIFY(result.out.contains("status [--json]"));
+        QVERIFY(result.out.contains("--headless"));
+        result = run(home, {"--version"});
+        QCOMPARE(result.exitCode, 0);
+        QVERIFY(result.out.startsWith("tarnwick "));
+        for (const QStringList &bad :
+             {QStringList{"frobnicate"}, QStringList{"add", "Personal"},
+              QStringList{"retention", "one", "7"}, QStringList{"retention", "1", "-3"},
+              QStringList{"status", "--bogus"}, QStringList{"--nope"},
+              QStringList{"--headless", "status"}}) {
+            result = run(home, bad);
+            QVERIFY2(result.exitCode == 2, qPrintable(bad.join(' ')));
+            QVERIFY(result.err.contains("Usage:"));
+        }
+    }
+
+    void noRunningClient() {
+        Home home;
+        const Result result = run(home, {"status"});
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY(result.err.contains("not running"));
+        QVERIFY(result.out.isEmpty());
+    }
+
+    void aUsersSession() {
+        Home home;
+        Client client(home);
+        QVERIFY(client.process.waitForStarted());
+
+        // The backend is up and asks for a sign-in.
+        QVERIFY(
+            QTest::qWaitFor([&] { return statusOf(home).value("isLoggedIn") == false; }, 30000));
+        const Result raw = run(home, {"status", "--json"});
+        QCOMPARE(raw.exitCode, 0);
+        QVERIFY2(raw.out.startsWith(
+                     "{\"isLoggedIn\":false,\"userName\":\"\",\"error\":\"\",\"isLoading\":"),
+                 qPrintable(raw.out));
+        const QJsonObject status = QJsonDocument::fromJson(raw.out.toUtf8()).object();
+        QCOMPARE(status.keys().size(), 8);
+        for (const char *key : {"isLoggedIn", "userName", "error", "isLoading", "isWaiting",
+                                "menuBarString", "dirItems", "groups"}) {
+            QVERIFY2(status.contains(key), key);
+        }
+        QVERIFY(run(home, {"status"}).out.contains("Not signed in"));
+
+        // A second start finds this one and leaves.
+        const Result second = run(home, {"--headless"}, {}, 30000);
+        QCOMPARE(second.exitCode, 0);
+        QVERIFY(second.out.contains("Application already opened.  Exiting ..."));
+
+        // Sign in with the code the backend "mailed".
+        QVERIFY(signIn(home, "ana@example.org"));
+        QCOMPARE(statusOf(home).value("userName").toString(), "ana@example.org");
+        QVERIFY(QTest::qWaitFor([&] { return statusOf(home).value("isLoggedIn") == true; }, 10000));
+
+        // Groups of a new account.
+        QJsonArray groups = groupsOf(home);
+        QCOMPARE(groups.size(), 2);
+        QCOMPARE(groupNamed(groups, "Personal").value("GroupID").toInt(), 1);
+        QCOMPARE(groupNamed(groups, "Family").value("GroupID").toInt(), 2);
+
+        // Add a folder; it syncs to "Up to date".
+        const QString folder = home.path("Documents");
+        QDir().mkpath(folder + "/sub");
+        QFile file(folder + "/sub/report.txt");
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write("quarterly");
+        file.close();
+        Result result = run(home, {"add", "Personal", folder});
+        QVERIFY2(result.exitCode == 0, qPrintable(result.err));
+        QVERIFY(
+            groupNamed(groupsOf(home), "Personal").value("WalkPaths").toArray().contains(folder));
+        QVERIFY(QTest::qWaitFor([&] { return folderStatus(home, folder) == "Up to date"; }, 30000));
+        QVERIFY(run(home, {"status"}).out.contains("Synced"));
+
+        // An unknown group is refused by name.
+        result = run(home, {"add", "Nope", folder});
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY(result.err.contains("No group named"));
+
+        // iCloud needs --force.
+        const QString cloud = home.path("Library/Mobile Documents/com~apple~CloudDocs/Work");
+        QDir().mkpath(cloud);
+        result = run(home, {"add", "Family", cloud});
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY(result.err.contains("iCloud Sync Detected"));
+        QVERIFY(
+            result.err.contains("This folder is in iCloud Drive and may cause sync conflicts."));
+        QVERIFY(!groupNamed(groupsOf(home), "Family").value("WalkPaths").toArray().contains(cloud));
+        result = run(home, {"add", "Family", cloud, "--force"});
+        QVERIFY2(result.exitCode == 0, qPrintable(result.err));
+        QVERIFY(groupNamed(groupsOf(home), "Family").value("WalkPaths").toArray().contains(cloud));
+
+        // Retention shows in the group list.
+        result = run(home, {"retention", "2", "30"});
+        QVERIFY2(result.exitCode == 0, qPrintable(result.err));
+        QCOMPARE(groupNamed(groupsOf(home), "Family")
+                     .value("RetentionSettings")
+                     .toObject()
+                     .value("retention_days")
+                     .toInt(),
+                 30);
+
+        // Remove updates the group list.
+        result = run(home, {"remove", cloud});
+        QVERIFY2(result.exitCode == 0, qPrintable(result.err));
+        QVERIFY(!groupNamed(groupsOf(home), "Family").value("WalkPaths").toArray().contains(cloud));
+        QVERIFY(
+            groupNamed(groupsOf(home), "Personal").value("WalkPaths").toArray().contains(folder));
+
+        // Logout ends the client and its backend.
+        QVERIFY(!processesRunning(home.backendCopy()).isEmpty());
+        result = run(home, {"logout"});
+        QVERIFY2(result.exitCode == 0, qPrintable(result.err));
+        QVERIFY(client.process.waitForFinished(15000));
+        QCOMPARE(client.process.exitCode(), 0);
+        QVERIFY(
+            QTest::qWaitFor([&] { return processesRunning(home.backendCopy()).isEmpty(); }, 5000));
+        QVERIFY(client.output().contains("handled logoutAndExit"));
+        QCOMPARE(run(home, {"status"}).exitCode, 1);
+    }
+
+    void restartAfterTheFailedState() {
+        Home home;
+        home.env.insert("KOVRIT_DEV_FAULT", "exit-after=1");
+        Client client(home);
+        QVERIFY(QTest::qWaitFor(
+            [&] {
+                return statusOf(home).value("error").toString() ==
+                       "Binary crashed repeatedly. Please reinstall the app.";
+            },
+            60000));
+        Result result = run(home, {"status"});
+        QVERIFY(result.out.contains("tarnwick restart-backend"));
+        QVERIFY(processesRunning(home.backendCopy()).isEmpty());
+        QCOMPARE(client.output().count("Crash recovery attempt 1 of 3"), 1);
+
+        result = run(home, {"restart-backend"});
+        QVERIFY2(result.exitCode == 0, qPrintable(result.err));
+        QCOMPARE(statusOf(home).value("error").toString(), QString());
+        // The count starts over: the (still faulty) backend is recovered again.
+        QVERIFY(QTest::qWaitFor(
+            [&] { return client.output().count("Crash recovery attempt 1 of 3") == 2; }, 30000));
+
+        result = run(home, {"quit"});
+        QCOMPARE(result.exitCode, 0);
+        QVERIFY(client.process.waitForFinished(15000));
+    }
+};
+
+QTEST_GUILESS_MAIN(CliTest)
+#include "tst_cli.moc"
