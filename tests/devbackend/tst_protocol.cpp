@@ -14,6 +14,7 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <algorithm>
 #include <set>
 #include <thread>
 
@@ -637,14 +638,19 @@ void ProtocolTest::openCommandsUseTheDesktopOpener() {
     answer = backend.send("openWeb", "2");
     QCOMPARE(answer.plaintext, kSuccess);
 
-    const QByteArray expected = "file://" + folder.path().toUtf8() + "\nfile://" +
-                                backend.stateDir().toUtf8() + "/vault/2/files\n";
-    QTRY_COMPARE_WITH_TIMEOUT(
-        [&] {
-            QFile file(record);
-            return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-        }(),
-        expected, 5000);
+    // The two openers run side by side, so their lines may come in either order.
+    QByteArrayList expected = {"file://" + folder.path().toUtf8(),
+                               "file://" + backend.stateDir().toUtf8() + "/vault/2/files"};
+    std::sort(expected.begin(), expected.end());
+    const auto opened = [&record] {
+        QFile file(record);
+        QByteArrayList lines =
+            file.open(QIODevice::ReadOnly) ? file.readAll().split('\n') : QByteArrayList();
+        lines.removeAll(QByteArray());
+        std::sort(lines.begin(), lines.end());
+        return lines;
+    };
+    QTRY_COMPARE_WITH_TIMEOUT(opened(), expected, 5000);
 }
 
 void ProtocolTest::stateSurvivesARestart() {
