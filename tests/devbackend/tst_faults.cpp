@@ -117,8 +117,9 @@ void FaultsTest::slowDelaysEachAnswer() {
         QVERIFY2(elapsed >= 700, qPrintable(QString::number(elapsed)));
         QVERIFY2(answer.opened, answer.problem.c_str());
         QCOMPARE(answer.plaintext, kAuthRequest);
-        // Late, but sealed at the moment it is sent.
-        QVERIFY(std::llabs(nowMs() - answer.timestamp) < 300);
+        // Late, but sealed at the moment it is sent (not 700 ms before).
+        const std::int64_t age = nowMs() - answer.timestamp;
+        QVERIFY2(age > -50 && age < 500, qPrintable(QString::number(age)));
     }
 }
 
@@ -129,7 +130,8 @@ void FaultsTest::staleTimestampSignsOneSecondInThePast() {
         const auto answer = backend->send("ping");
         QVERIFY2(answer.opened, answer.problem.c_str());
         const std::int64_t age = nowMs() - answer.timestamp;
-        QVERIFY2(age >= 950 && age < 1500, qPrintable(QString::number(age)));
+        // One second plus the time the answer took to arrive.
+        QVERIFY2(age >= 950 && age < 3000, qPrintable(QString::number(age)));
     }
     const auto &timestamps = backend->answerTimestamps();
     for (std::size_t i = 1; i < timestamps.size(); ++i) {
