@@ -35,6 +35,8 @@ struct SyncEngine::Folder {
     bool running = false;
     bool rerun = false;
     std::uint64_t passID = 0;
+    qint64 lastPassEndMs = 0;
+    qint64 lastScanMs = 0;
     std::shared_ptr<std::atomic<bool>> cancelled;
     std::unique_ptr<QFileSystemWatcher> watcher;
     std::unique_ptr<QTimer> debounce;
@@ -45,12 +47,16 @@ SyncEngine::SyncEngine(SyncSettings settings, QObject *parent)
     cleanTemporaryFiles();
     rescanTimer_.setInterval(static_cast<int>(settings_.rescanSeconds * 1000));
     connect(&rescanTimer_, &QTimer::timeout, this, [this] {
+        // A folder whose scan takes long is rescanned less often (at most about 5% of the time
+        // goes to rescanning it); notifications still start a pass at once.
+        const qint64 now = clock_.elapsed();
         for (auto &folder : folders_) {
-            if (!folder->running) {
+            if (!folder->running && now - folder->lastPassEndMs >= 20 * folder->lastScanMs) {
                 schedule(*folder);
             }
         }
     });
+    clock_.start();
     rescanTimer_.start();
 }
 
@@ -225,6 +231,8 @@ void SyncEngine::passFinished(std::uint64_t key, const SyncPassResult &result) {
         return; // no longer watched
     }
     folder->running = false;
+    folder->lastPassEndMs = clock_.elapsed();
+    folder->lastScanMs = result.scanMs;
     if (!result.cancelled) {
         folder->firstPassDone = true;
         folder->failures = result.failures;

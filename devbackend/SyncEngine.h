@@ -12,6 +12,7 @@
 
 #include <Models.h>
 
+#include <QElapsedTimer>
 #include <QObject>
 #include <QTimer>
 
@@ -89,6 +90,7 @@ private:
     MainThreadQueue queue_;
     WorkerPool pool_{2};
     QTimer rescanTimer_;
+    QElapsedTimer clock_;
 };
 
 } // namespace kovritdev

@@ -568,6 +568,7 @@ std::string SyncPassResult::errorText(const std::string &folder) const {
 
 SyncPassResult runSyncPass(const SyncPassInput &input) {
     SyncPassResult result;
+    const auto scanStart = std::chrono::steady_clock::now();
     const Pacer quiet(input, input.firstPass);
     const ScanResult scan = scanFolder(input, quiet);
     if (quiet.cancelled()) {
@@ -608,6 +609,9 @@ SyncPassResult runSyncPass(const SyncPassInput &input) {
         }
     }
     newWork = newWork || !deletions.empty();
+    result.scanMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+                        std::chrono::steady_clock::now() - scanStart)
+                        .count();
     if (!newWork && uploads.empty()) {
         return result;
     }

@@ -59,6 +59,7 @@ struct SyncPassResult {
     std::size_t fileCount = 0;
     std::size_t uploaded = 0;
     std::size_t deleted = 0;
+    std::int64_t scanMs = 0;           // time spent looking at the folder and its copy
     std::vector<std::string> problems; // "<relative path> (<reason>)"
     std::set<std::string> failures;    // as SyncPassInput::previousFailures
     std::vector<std::string> folders;  // the sub-folders seen, relative
