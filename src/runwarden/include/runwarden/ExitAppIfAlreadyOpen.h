@@ -23,6 +23,7 @@
 //   - a request line longer than maxRequestLineBytes: {"error":"request too long"}.
 // Replies use "error" for failures; everything else in a line belongs to the command.
 
+#include <QByteArray>
 #include <QJsonObject>
 #include <QList>
 #include <QObject>
@@ -73,9 +74,11 @@ private:
     void onDisconnected();
 
     QLocalSocket *m_socket = nullptr;
+    QByteArray m_buffer;
     QJsonObject m_request;
     bool m_dispatched = false;
     bool m_open = true;
+    bool m_closed = false;
     std::function<void(GuardConnection *)> m_dispatch;
 };
 

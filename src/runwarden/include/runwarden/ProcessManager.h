@@ -180,7 +180,7 @@ private:
                  const StandardOutputHandler &standardOutput,
                  const TaskExitHandler &taskExitNotification);
     void runTask(const std::optional<QString> &binURL, const StandardOutputHandler &standardOutput,
-                 const TaskExitHandler &taskExitNotification, bool waitForExitHandler);
+                 const TaskExitHandler &taskExitNotification);
 
     struct Private;
     std::unique_ptr<Private> d;
