@@ -16,6 +16,8 @@ namespace {
 
 // Idle keep-alive connections hold a thread each; the client keeps a few open.
 constexpr int kServerThreads = 16;
+constexpr std::uint64_t kMaxDrainedBytes = 64u * 1024u * 1024u;
+constexpr auto kMaxDrainTime = std::chrono::seconds(3);
 constexpr const char *kGarbageBody = "this is not a sealed record\n";
 
 void refuse(httplib::Response &res, int status, const char *text) {
@@ -113,8 +115,54 @@ void HttpFrontend::install() {
         return httplib::Server::HandlerResponse::Unhandled;
     });
 
-    server_->Post("/request", [this](const httplib::Request &req, httplib::Response &res) {
-        auto opened = channel_.open(req.body, currentTimeMs());
+    // The body is read here, piece by piece, so that the size limit holds for every transfer
+    // coding (the server library enforces it for a declared length only).
+    server_->Post("/request", [this](const httplib::Request &req, httplib::Response &res,
+                                     const httplib::ContentReader &read) {
+        const auto tooLargeAnswer = [&res] {
+            logLine("refused request: 413 (body over 16 MiB)");
+            res.set_header("Connection", "close");
+            refuse(res, 413, "payload too large\n");
+        };
+        // A declared length over the limit is refused before anything is read.
+        if (req.has_header("Content-Length")) {
+            const auto declared = parseInteger(req.get_header_value("Content-Length"));
+            if (!declared || *declared < 0) {
+                refuse(res, 400, "bad request\n");
+                return;
+            }
+            if (static_cast<std::uint64_t>(*declared) > kMaxBodyBytes) {
+                // A body of moderate size is read and dropped so that the client, which sends it
+                // before it reads, gets to see the answer; a larger one is cut off.
+                if (static_cast<std::uint64_t>(*declared) <= kMaxDrainedBytes) {
+                    const auto start = std::chrono::steady_clock::now();
+                    read([&start](const char *, std::size_t) {
+                        return std::chrono::steady_clock::now() - start < kMaxDrainTime;
+                    });
+                }
+                tooLargeAnswer();
+                return;
+            }
+        }
+        std::string body;
+        bool tooLarge = false;
+        const bool complete = read([&](const char *data, std::size_t length) {
+            if (length > kMaxBodyBytes - body.size()) {
+                tooLarge = true;
+                return false;
+            }
+            body.append(data, length);
+            return true;
+        });
+        if (tooLarge) {
+            tooLargeAnswer();
+            return;
+        }
+        if (!complete) {
+            refuse(res, 400, "bad request\n");
+            return;
+        }
+        auto opened = channel_.open(body, currentTimeMs());
         if (const auto *refused = std::get_if<Channel::Refused>(&opened)) {
             logLine("refused request: 400 (" + refused->reason + ")");
             refuse(res, 400, "bad request\n");
