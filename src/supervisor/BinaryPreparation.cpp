@@ -18,6 +18,7 @@
 #include <system_error>
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -183,28 +184,46 @@ std::optional<std::string> BinaryPreparation::sha256OfFile(const QString &path) 
     if (!file.valid()) {
         return std::nullopt;
     }
+    struct stat attributes {};
+    if (::fstat(file.get(), &attributes) != 0) {
+        return std::nullopt;
+    }
     const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(),
                                                                           &EVP_MD_CTX_free);
     if (!context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {
         return std::nullopt;
     }
-    // Streamed in large blocks: the same digest as hashing the whole file at
-    // once, without holding a backend of tens of megabytes in memory.
-    constexpr std::size_t kBlock = 1 << 20;
-    const auto buffer = std::make_unique<unsigned char[]>(kBlock);
-    for (;;) {
-        const ssize_t n = readFully(file.get(), buffer.get(), kBlock);
-        if (n < 0) {
-            return std::nullopt;
+    bool hashed = false;
+    if (S_ISREG(attributes.st_mode) && attributes.st_size > 0) {
+        // Hashed straight from the page cache: a backend of tens of megabytes
+        // is neither copied nor held in memory of our own.
+        const auto size = static_cast<std::size_t>(attributes.st_size);
+        void *mapped = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_POPULATE, file.get(), 0);
+        if (mapped != MAP_FAILED) {
+            ::madvise(mapped, size, MADV_SEQUENTIAL);
+            const bool ok = EVP_DigestUpdate(context.get(), mapped, size) == 1;
+            ::munmap(mapped, size);
+            if (!ok) {
+                return std::nullopt;
+            }
+            hashed = true;
         }
-        if (n == 0) {
-            break;
-        }
-        if (EVP_DigestUpdate(context.get(), buffer.get(), static_cast<std::size_t>(n)) != 1) {
-            return std::nullopt;
-        }
-        if (static_cast<std::size_t>(n) < kBlock) {
-            break;
+    }
+    if (!hashed) {
+        // Not mappable (empty, special or on an odd file system): read it.
+        constexpr std::size_t kBlock = 1 << 20;
+        const auto buffer = std::make_unique<unsigned char[]>(kBlock);
+        for (;;) {
+            const ssize_t n = readFully(file.get(), buffer.get(), kBlock);
+            if (n < 0) {
+                return std::nullopt;
+            }
+            if (n == 0) {
+                break;
+            }
+            if (EVP_DigestUpdate(context.get(), buffer.get(), static_cast<std::size_t>(n)) != 1) {
+                return std::nullopt;
+            }
         }
     }
     std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
