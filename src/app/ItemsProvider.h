@@ -91,6 +91,11 @@ public:
     bool isLoading() const { return isLoading_; }
     QString menuBarString() const { return menuBarString_; }
     bool backendFailed() const;
+    // The backend's replies drive these; screens' tests and previews set
+    // them directly to show the model in a known state.
+    void setIsLoggedIn(bool value);
+    void setIsLoading(bool value);
+    void setIsWaiting(bool value);
 
     // Plain state.
     bool isMacOS13() const { return options_.isMacOS13; }
@@ -162,9 +167,6 @@ signals:
 private:
     void startUp();
     void launchTask();
-    void setIsWaiting(bool value);
-    void setIsLoggedIn(bool value);
-    void setIsLoading(bool value);
     void applyReply(const QString &type, const QByteArray &body, const Completion &done);
     void replaceGroups(std::vector<GroupItem> incoming);
     void sendNextRequest();
