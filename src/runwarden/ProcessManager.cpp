@@ -2,8 +2,8 @@
 #include <runwarden/Resources.h>
 
 #include <QCoreApplication>
+#include <QEvent>
 #include <QFile>
-#include <QMetaObject>
 #include <QStringDecoder>
 
 #include <array>
@@ -124,6 +124,24 @@ void printLine(const std::string &line) {
     ::execv(file, argv);
     reportExecFailure(errorPipe);
 }
+
+// A call carried to the main thread. The event loop owns and deletes it there, so once posted
+// nothing on the posting thread touches it again.
+class MainThreadCall final : public QEvent {
+public:
+    explicit MainThreadCall(std::function<void()> call) : QEvent(type()), m_call(std::move(call)) {}
+    static QEvent::Type type() {
+        static const auto registered = static_cast<QEvent::Type>(QEvent::registerEventType());
+        return registered;
+    }
+    void run() const {
+        if (m_call)
+            m_call();
+    }
+
+private:
+    std::function<void()> m_call;
+};
 
 } // namespace
 
@@ -312,6 +330,18 @@ ProcessManager::~ProcessManager() {
         loop.join();
 }
 
+bool ProcessManager::event(QEvent *event) {
+    if (event->type() == MainThreadCall::type()) {
+        static_cast<MainThreadCall *>(event)->run();
+        return true;
+    }
+    return QObject::event(event);
+}
+
+void ProcessManager::postToMainThread(std::function<void()> call) {
+    QCoreApplication::postEvent(this, new MainThreadCall(std::move(call)));
+}
+
 QStringList ProcessManager::arguments() const {
     std::lock_guard lock(d->mutex);
     return d->arguments;
@@ -452,15 +482,16 @@ void ProcessManager::runLoop(std::optional<QString> binURL, bool withRetry,
             if (!withRetry)
                 done = true; // this is the last run
             runTask(binURL, standardOutput, taskExitNotification);
-            if (done)
-                break;
 
             // Let the exit handler run on the main thread and return before deciding what
-            // comes next: it may ask to hold the loop for a relaunch.
+            // comes next: it may ask to hold the loop for a relaunch. The last run waits too,
+            // so the loop is alive exactly until its last exit has been reported.
             std::unique_lock lock(d->mutex);
             d->changed.wait(lock, [this] {
                 return d->cancelled || d->exitReportsDone >= d->exitReportsPosted;
             });
+            if (done)
+                break;
             d->changed.wait(lock, [this] { return d->cancelled || !d->held; });
             if (d->relaunchRequested) {
                 binURL = std::move(d->relaunchURL);
@@ -480,8 +511,7 @@ void ProcessManager::runLoop(std::optional<QString> binURL, bool withRetry,
         d->relaunchRequested = false;
         d->relaunchURL.reset();
     }
-    QMetaObject::invokeMethod(
-        this, [this] { emit loopFinished(); }, Qt::QueuedConnection);
+    postToMainThread([this] { emit loopFinished(); });
 }
 
 void ProcessManager::runTask(const std::optional<QString> &binURL,
@@ -622,8 +652,7 @@ void ProcessManager::runTask(const std::optional<QString> &binURL,
         return;
     }
 
-    QMetaObject::invokeMethod(
-        this, [this, child] { emit taskStarted(child); }, Qt::QueuedConnection);
+    postToMainThread([this, child] { emit taskStarted(child); });
 
     d->waitForExit(child);
 
@@ -640,22 +669,19 @@ void ProcessManager::runTask(const std::optional<QString> &binURL,
         std::lock_guard lock(d->mutex);
         report = ++d->exitReportsPosted;
     }
-    QMetaObject::invokeMethod(
-        this,
-        [this, report, taskExitNotification] {
-            struct MarkDone {
-                Private *d;
-                quint64 report;
-                ~MarkDone() {
-                    std::lock_guard lock(d->mutex);
-                    d->exitReportsDone = std::max(d->exitReportsDone, report);
-                    d->changed.notify_all();
-                }
-            } markDone{d.get(), report};
-            if (taskExitNotification)
-                taskExitNotification(std::nullopt);
-        },
-        Qt::QueuedConnection);
+    postToMainThread([this, report, taskExitNotification] {
+        struct MarkDone {
+            Private *d;
+            quint64 report;
+            ~MarkDone() {
+                std::lock_guard lock(d->mutex);
+                d->exitReportsDone = std::max(d->exitReportsDone, report);
+                d->changed.notify_all();
+            }
+        } markDone{d.get(), report};
+        if (taskExitNotification)
+            taskExitNotification(std::nullopt);
+    });
 }
 
 } // namespace runwarden

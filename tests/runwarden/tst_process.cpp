@@ -434,6 +434,31 @@ private slots:
         QVERIFY(finished.wait(10000));
     }
 
+    void nextLoopStartsFromLoopFinishedNotFromExitHandler() {
+        ProcessManager runner;
+        runner.addArgument("again");
+        Recorder record;
+        bool startedInsideHandler = true;
+        bool loopAliveInsideHandler = false;
+        QVERIFY(runner.RunProces(path(exitHelper), false, record.output(), record.exit([&](int) {
+            loopAliveInsideHandler = runner.isLoopRunning();
+            startedInsideHandler = runner.RunProces(path(echoHelper));
+        })));
+        bool startedOnFinished = false;
+        const auto connection = connect(&runner, &ProcessManager::loopFinished, this, [&] {
+            if (!startedOnFinished)
+                startedOnFinished =
+                    runner.RunProces(path(echoHelper), false, record.output(), record.exit());
+        });
+        QTRY_COMPARE_WITH_TIMEOUT(record.exitCount(), 2, 10000);
+        disconnect(connection);
+        QVERIFY(loopAliveInsideHandler);
+        QVERIFY(!startedInsideHandler); // refused every time, not depending on timing
+        QVERIFY(startedOnFinished);
+        QCOMPARE(record.outputOf(1), QStringLiteral("again\n"));
+        QTRY_VERIFY_WITH_TIMEOUT(!runner.isLoopRunning(), 10000);
+    }
+
     void secondRunProcesRefused() {
         Recorder record;
         ProcessManager runner;

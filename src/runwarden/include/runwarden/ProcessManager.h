@@ -123,8 +123,8 @@ public:
     // taskExitNotification directly on the loop thread, with an error; an exit (any status) is
     // reported later on the main thread, without error.
     //
-    // With withRetry set, after each run the loop waits until the exit handler has returned on
-    // the main thread (or the runner is cancelled). If during the handler holdForRelaunch() was
+    // After each run the loop waits until the exit handler has returned on the main thread (or
+    // the runner is cancelled). With withRetry set, if during the handler holdForRelaunch() was
     // called, the loop then waits for relaunch() or cancel(); otherwise it runs again at once.
     // The exit handler of a failed start runs on the loop thread: a caller that wants to hold
     // after a failed start calls holdForRelaunch() right there (it is safe on any thread).
@@ -151,7 +151,9 @@ public:
     void terminateCurrentTask();
     bool isCancelled() const;
 
-    /// True from a successful RunProces until the loop thread has finished its last run.
+    /// True from a successful RunProces until the loop has ended: its last exit has been
+    /// reported (the exit handler has returned) and nothing more will run. So a RunProces from
+    /// inside an exit handler is always refused, and one from loopFinished() on always starts.
     bool isLoopRunning() const;
     /// Asks a retrying loop to wait after the current (or next) exit until relaunch() or
     /// cancel() instead of running the same path again at once. Returns false (and does
@@ -172,8 +174,14 @@ signals:
     /// The run loop has ended (emitted on the main thread, after the last exit report).
     void loopFinished();
 
+protected:
+    bool event(QEvent *event) override;
+
 private:
     void appendArgument(const QString &text);
+    // Runs `call` on the main thread (this object's thread) through its event loop. The call is
+    // dropped unrun if this object is destroyed first.
+    void postToMainThread(std::function<void()> call);
     bool startLoop(std::optional<QString> binURL, bool withRetry,
                    StandardOutputHandler standardOutput, TaskExitHandler taskExitNotification);
     void runLoop(std::optional<QString> binURL, bool withRetry,
