@@ -255,7 +255,7 @@ std::optional<QString> BinaryPreparation::shippedFile(const QString &name) const
     return path;
 }
 
-std::optional<QString> BinaryPreparation::getWritableBinaryURL(const QString &name) const {
+std::optional<BinaryPreparation::Locations> BinaryPreparation::locate(const QString &name) const {
     const std::optional<QString> shipped = shippedFile(name);
     if (!shipped) {
         log_(QStringLiteral("Error: Bundled binary not found: %1").arg(name));
@@ -266,7 +266,16 @@ std::optional<QString> BinaryPreparation::getWritableBinaryURL(const QString &na
         log_(QStringLiteral("Error: Could not access Application Support directory"));
         return std::nullopt;
     }
-    const QString directory = binDirectory(*dataDirectory);
+    return Locations{*shipped, binDirectory(*dataDirectory)};
+}
+
+std::optional<QString> BinaryPreparation::getWritableBinaryURL(const QString &name) const {
+    const std::optional<Locations> locations = locate(name);
+    if (!locations) {
+        return std::nullopt;
+    }
+    const QString &shipped = locations->shipped;
+    const QString directory = locations->binDirectory;
     const QString destination = directory + QLatin1Char('/') + name;
 
     std::error_code error;
@@ -286,9 +295,9 @@ std::optional<QString> BinaryPreparation::getWritableBinaryURL(const QString &na
             "Existing binary is malformed or corrupted, will replace with bundle version"));
         copyNeeded = true;
     } else {
-        const std::optional<std::string> shippedDigest = sha256OfFile(*shipped);
+        const std::optional<std::string> shippedDigest = sha256OfFile(shipped);
         const std::optional<std::string> copyDigest = sha256OfFile(destination);
-        if (shippedDigest && copyDigest && *shippedDigest == *copyDigest) {
+        if (shippedDigest && copyDigest && shippedDigest == *copyDigest) {
             log_(QStringLiteral("On-disk kovrit matches bundle (%1\u2026), keeping")
                      .arg(QString::fromStdString(shippedDigest->substr(0, 12))));
         } else {
@@ -308,7 +317,7 @@ std::optional<QString> BinaryPreparation::getWritableBinaryURL(const QString &na
             fs::remove(toPath(destination));
             log_(QStringLiteral("Removed old/malformed binary at %1").arg(destination));
         }
-        copyExecutable(toPath(*shipped), toPath(destination));
+        copyExecutable(toPath(shipped), toPath(destination));
         log_(QStringLiteral("Binary copied to writable location: %1").arg(destination));
     } catch (const fs::filesystem_error &failure) {
         log_(
@@ -326,25 +335,20 @@ std::optional<QString> BinaryPreparation::getWritableBinaryURL(const QString &na
 }
 
 std::optional<QString> BinaryPreparation::forceReplaceBinaryFromBundle(const QString &name) const {
-    const std::optional<QString> shipped = shippedFile(name);
-    if (!shipped) {
-        log_(QStringLiteral("Error: Bundled binary not found: %1").arg(name));
+    const std::optional<Locations> locations = locate(name);
+    if (!locations) {
         return std::nullopt;
     }
-    const std::optional<QString> dataDirectory = dataDirectory_();
-    if (!dataDirectory) {
-        log_(QStringLiteral("Error: Could not access Application Support directory"));
-        return std::nullopt;
-    }
+    const QString &shipped = locations->shipped;
     // The directory is not created here: when it is gone, the copy fails and
     // recovery reports it.
-    const QString destination = binDirectory(*dataDirectory) + QLatin1Char('/') + name;
+    const QString destination = locations->binDirectory + QLatin1Char('/') + name;
     try {
         if (somethingAt(toPath(destination))) {
             fs::remove(toPath(destination));
             log_(QStringLiteral("Removed corrupted binary during crash recovery"));
         }
-        copyExecutable(toPath(*shipped), toPath(destination));
+        copyExecutable(toPath(shipped), toPath(destination));
         log_(QStringLiteral("Crash recovery: Replaced binary from bundle"));
     } catch (const fs::filesystem_error &failure) {
         log_(QStringLiteral("Error during crash recovery binary replacement: %1")

@@ -44,7 +44,13 @@ public:
     static QString binDirectory(const QString &dataDirectory);
 
 private:
+    struct Locations {
+        QString shipped;      // the shipped backend
+        QString binDirectory; // where its private copy lives
+    };
     std::optional<QString> shippedFile(const QString &name) const;
+    // Both places, or empty after logging why not.
+    std::optional<Locations> locate(const QString &name) const;
 
     LogFunction log_;
     ResourceLookup resources_;
