@@ -297,7 +297,7 @@ std::optional<QString> BinaryPreparation::getWritableBinaryURL(const QString &na
     } else {
         const std::optional<std::string> shippedDigest = sha256OfFile(shipped);
         const std::optional<std::string> copyDigest = sha256OfFile(destination);
-        if (shippedDigest && copyDigest && shippedDigest == *copyDigest) {
+        if (shippedDigest && copyDigest && *shippedDigest == *copyDigest) {
             log_(QStringLiteral("On-disk kovrit matches bundle (%1\u2026), keeping")
                      .arg(QString::fromStdString(shippedDigest->substr(0, 12))));
         } else {
