@@ -72,6 +72,10 @@ void HttpFrontend::install() {
     server_->new_task_queue = [] { return new httplib::ThreadPool(kServerThreads); };
     server_->set_payload_max_length(kMaxBodyBytes);
     server_->set_keep_alive_max_count(1000);
+    // Answers go out at once: with Nagle's algorithm a reply written in two
+    // pieces (head, then body) can wait for a delayed ACK, and the client
+    // refuses replies whose timestamp is more than 50 ms old.
+    server_->set_tcp_nodelay(true);
 
     server_->set_pre_routing_handler([this](const httplib::Request &req, httplib::Response &res) {
         // A browser page must never reach the backend: any Origin header, or a Host other than
