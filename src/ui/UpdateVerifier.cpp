@@ -1,0 +1,88 @@
+#include "UpdateVerifier.h"
+
+#include <QFile>
+
+#include <openssl/evp.h>
+
+#include <memory>
+
+namespace tarnwick::ui::UpdateVerifier {
+
+namespace {
+
+struct PkeyDeleter {
+    void operator()(EVP_PKEY *key) const { EVP_PKEY_free(key); }
+};
+struct MdCtxDeleter {
+    void operator()(EVP_MD_CTX *ctx) const { EVP_MD_CTX_free(ctx); }
+};
+
+} // namespace
+
+bool verify(const QByteArray &publicKey, const QByteArray &signature, const unsigned char *data,
+            std::size_t size) {
+    if (publicKey.size() != kPublicKeySize || signature.size() != kSignatureSize) {
+        return false;
+    }
+    // An empty message still needs a valid pointer.
+    static const unsigned char empty = 0;
+    if (data == nullptr) {
+        if (size != 0) {
+            return false;
+        }
+        data = &empty;
+    }
+    std::unique_ptr<EVP_PKEY, PkeyDeleter> key(EVP_PKEY_new_raw_public_key(
+        EVP_PKEY_ED25519, nullptr, reinterpret_cast<const unsigned char *>(publicKey.constData()),
+        static_cast<std::size_t>(publicKey.size())));
+    if (!key) {
+        return false;
+    }
+    std::unique_ptr<EVP_MD_CTX, MdCtxDeleter> ctx(EVP_MD_CTX_new());
+    if (!ctx) {
+        return false;
+    }
+    // Ed25519 takes no separate digest: the whole message goes in at once.
+    if (EVP_DigestVerifyInit(ctx.get(), nullptr, nullptr, nullptr, key.get()) != 1) {
+        return false;
+    }
+    return EVP_DigestVerify(ctx.get(),
+                            reinterpret_cast<const unsigned char *>(signature.constData()),
+                            static_cast<std::size_t>(signature.size()), data, size) == 1;
+}
+
+bool verify(const QByteArray &publicKey, const QByteArray &signature, const QByteArray &data) {
+    return verify(publicKey, signature, reinterpret_cast<const unsigned char *>(data.constData()),
+                  static_cast<std::size_t>(data.size()));
+}
+
+QString verifyFile(const QString &path, const QByteArray &publicKey, const QByteArray &signature) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        return QStringLiteral("cannot open %1: %2").arg(path, file.errorString());
+    }
+    const qint64 size = file.size();
+    bool ok = false;
+    if (size == 0) {
+        ok = verify(publicKey, signature, nullptr, 0);
+    } else {
+        uchar *bytes = file.map(0, size);
+        if (bytes == nullptr) {
+            return QStringLiteral("cannot read %1: %2").arg(path, file.errorString());
+        }
+        ok = verify(publicKey, signature, bytes, static_cast<std::size_t>(size));
+        file.unmap(bytes);
+    }
+    return ok ? QString() : QStringLiteral("the signature does not match");
+}
+
+QByteArray decodePublicKey(const QString &base64) {
+    const auto decoded = QByteArray::fromBase64Encoding(base64.trimmed().toLatin1(),
+                                                        QByteArray::AbortOnBase64DecodingErrors);
+    if (!decoded || decoded.decoded.size() != kPublicKeySize) {
+        return {};
+    }
+    return decoded.decoded;
+}
+
+} // namespace tarnwick::ui::UpdateVerifier
