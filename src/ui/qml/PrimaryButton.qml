@@ -1,0 +1,59 @@
+import QtQuick
+import QtQuick.Controls.Basic
+import Tarnwick
+
+// The prominent action of a screen: white label on the accent colour (gray
+// when disabled). Optional symbol after the text, and a small spinner before
+// it while busy.
+Button {
+    id: button
+
+    property string symbol
+    property bool busy: false
+
+    // The style follows the enabled flag; the look while pressed does not.
+    readonly property bool styleEnabled: enabled
+
+    leftPadding: 16
+    rightPadding: 16
+    topPadding: 8
+    bottomPadding: 8
+    opacity: down ? 0.8 : 1.0
+    scale: down ? 0.98 : 1.0
+    font.family: Theme.fontFamily
+    font.pixelSize: Theme.bodySize
+    font.weight: Font.DemiBold
+
+    contentItem: Row {
+        spacing: 6
+
+        BusyIndicator {
+            objectName: "primaryButtonSpinner"
+            visible: button.busy
+            running: button.busy
+            width: 16
+            height: 16
+            anchors.verticalCenter: parent.verticalCenter
+        }
+        Text {
+            anchors.verticalCenter: parent.verticalCenter
+            text: button.text
+            color: "white"
+            font: button.font
+        }
+        SymbolIcon {
+            anchors.verticalCenter: parent.verticalCenter
+            visible: button.symbol !== ""
+            name: button.symbol
+            size: 16
+            color: "white"
+        }
+    }
+
+    background: Rectangle {
+        objectName: "primaryButtonBackground"
+        implicitHeight: 30
+        radius: 8
+        color: button.styleEnabled ? Theme.accent : Theme.gray
+    }
+}
