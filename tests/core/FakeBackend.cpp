@@ -49,6 +49,14 @@ bool FakeBackend::listen(int port) {
         return false;
     }
     thread_ = std::thread([this] { server_->listen_after_bind(); });
+    // stop() only reaches a server that is already running: wait for it, or
+    // a quick stop would leave the server thread listening forever.
+    for (int waited = 0; !server_->is_running(); ++waited) {
+        if (waited > 10000) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     return true;
 }
 
