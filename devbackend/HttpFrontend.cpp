@@ -243,10 +243,10 @@ void HttpFrontend::stop() {
     if (!thread_.joinable()) {
         return;
     }
-    // stop() only takes effect once the accept loop runs; it starts right after start().
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-    while (!server_->is_running() && !listenReturned_ &&
-           std::chrono::steady_clock::now() < deadline) {
+    // stop() only takes effect once the accept loop runs, and the loop either
+    // starts or returns: wait for one of the two however slow the machine is,
+    // or the join below would wait for ever.
+    while (!server_->is_running() && !listenReturned_) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     server_->stop();
