@@ -171,16 +171,14 @@ QString describeStatus(const QJsonObject &status, bool backendFailed) {
         const double progress = item.progress();
         const qint64 groupID = folder.value(QStringLiteral("GroupID")).toInteger();
         const QString group = groupNames.value(groupID, QStringLiteral("group %1").arg(groupID));
-        stream << "  " << folder.value(QStringLiteral("Path")).toString() << "  (" << group
-               << ")\n";
-        stream << "    " << progressBar(progress) << ' '
-               << QStringLiteral("%1%").arg(qRound(progress * 100), 3) << "  "
-               << badgeWord(progress) << "  "
-               << QString::fromStdString(item.status).replace(u'\n', QStringLiteral(" / ")) << '\n';
         const QString folderError = folder.value(QStringLiteral("Error")).toString();
-        if (!folderError.isEmpty()) {
-            stream << "    Error: " << folderError << '\n';
-        }
+        stream << "  " << progressBar(progress) << ' '
+               << QStringLiteral("%1%").arg(qRound(progress * 100), 3) << "  "
+               << badgeWord(progress).leftJustified(7) << "  "
+               << folder.value(QStringLiteral("Path")).toString() << "  (" << group << ")  "
+               << QString::fromStdString(item.status).replace(u'\n', QStringLiteral(" / "))
+               << (folderError.isEmpty() ? QString() : QStringLiteral("  Error: ") + folderError)
+               << '\n';
     }
     return text;
 }
@@ -390,8 +388,11 @@ int runControl(const Invocation &invocation) {
     if (command == QLatin1String("login")) {
         const QString email = args.at(0);
         const qsizetype codeAt = args.indexOf(QStringLiteral("--code"));
-        QString code = codeAt >= 0 ? args.value(codeAt + 1) : QString();
-        if (codeAt < 0) {
+        QString code;
+        if (codeAt >= 0) {
+            // A code the user already has: asking for a new one would replace it.
+            code = args.value(codeAt + 1);
+        } else {
             if (!request({{QStringLiteral("command"), QStringLiteral("login")},
                           {QStringLiteral("email"), email}},
                          kBackendTimeoutMs, &reply)) {
@@ -406,12 +407,9 @@ int runControl(const Invocation &invocation) {
                 printError(QStringLiteral("tarnwick: no code given\n"));
                 return 1;
             }
-        } else if (!request({{QStringLiteral("command"), QStringLiteral("login")},
-                             {QStringLiteral("email"), email}},
-                            kBackendTimeoutMs, &reply)) {
-            return 1;
         }
         if (!request({{QStringLiteral("command"), QStringLiteral("auth")},
+                      {QStringLiteral("email"), email},
                       {QStringLiteral("code"), code}},
                      kBackendTimeoutMs, &reply)) {
             return 1;
@@ -469,6 +467,8 @@ void onSignal(int) {
     [[maybe_unused]] const ssize_t n = ::write(signalPipe[1], &byte, 1);
 }
 
+} // namespace
+
 void quitOnSignals(QCoreApplication &app) {
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, signalPipe) != 0) {
         return;
@@ -486,8 +486,6 @@ void quitOnSignals(QCoreApplication &app) {
     ::sigaction(SIGINT, &action, nullptr);
     ::sigaction(SIGTERM, &action, nullptr);
 }
-
-} // namespace
 
 int runHeadless(int &argc, char **argv) {
     QCoreApplication app(argc, argv);

@@ -149,6 +149,11 @@ void ControlServer::login(GuardConnection *connection) {
 
 void ControlServer::auth(GuardConnection *connection) {
     const QString code = connection->request().value(QStringLiteral("code")).toString();
+    // The address the code was sent to, as the login screen's e-mail field.
+    const QString email = connection->request().value(QStringLiteral("email")).toString();
+    if (!email.isEmpty()) {
+        model_.setUserName(email);
+    }
     QPointer<GuardConnection> guard(connection);
     whenIdle(connection, [this, guard, code] {
         if (!guard) {

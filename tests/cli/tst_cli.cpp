@@ -137,23 +137,6 @@ struct Client {
     QString log;
 };
 
-bool signIn(const Home &home, const QString &address) {
-    QFile::remove(home.outbox(address));
-    QProcess login;
-    login.setProcessEnvironment(home.env);
-    login.start(kTarnwick, {"login", address});
-    if (!QTest::qWaitFor([&] { return QFile::exists(home.outbox(address)); }, 60000)) {
-        return false;
-    }
-    QFile code(home.outbox(address));
-    code.open(QIODevice::ReadOnly);
-    login.write(code.readAll().trimmed() + "\n");
-    login.closeWriteChannel();
-    login.waitForFinished(60000);
-    const QString out = QString::fromUtf8(login.readAllStandardOutput());
-    return login.exitCode() == 0 && out.contains("Signed in as " + address);
-}
-
 } // namespace
 
 class CliTest : public QObject {
@@ -214,8 +197,26 @@ private slots:
         QCOMPARE(second.exitCode, 0);
         QVERIFY(second.out.contains("Application already opened.  Exiting ..."));
 
-        // Sign in with the code the backend "mailed".
-        QVERIFY(signIn(home, "ana@example.org"));
+        // The code request; without a code typed the command gives up.
+        Result login = run(home, {"login", "ana@example.org"});
+        QCOMPARE(login.exitCode, 1);
+        QVERIFY(login.out.contains("6-digit code sent to ana@example.org. Check your email."));
+        QVERIFY(login.out.contains("6-digit code: "));
+        QVERIFY(login.err.contains("no code given"));
+        QFile mailed(home.outbox("ana@example.org"));
+        QVERIFY(mailed.open(QIODevice::ReadOnly));
+        const QString code = QString::fromUtf8(mailed.readAll()).trimmed();
+        QCOMPARE(code.size(), 6);
+        // A wrong code: the login screen's failure text after 5 s.
+        login = run(home,
+                    {"login", "ana@example.org", "--code", code == "000000" ? "111111" : "000000"});
+        QCOMPARE(login.exitCode, 1);
+        QVERIFY2(login.err.contains("Authentication failed. Please retry ..."),
+                 qPrintable(login.err));
+        // The mailed code, passed on the command line (no new code is requested).
+        login = run(home, {"login", "ana@example.org", "--code", code});
+        QVERIFY2(login.exitCode == 0, qPrintable(login.err));
+        QVERIFY(login.out.contains("Signed in as ana@example.org"));
         QCOMPARE(statusOf(home).value("userName").toString(), "ana@example.org");
         QVERIFY(QTest::qWaitFor([&] { return statusOf(home).value("isLoggedIn") == true; }, 10000));
 
@@ -237,7 +238,13 @@ private slots:
         QVERIFY(
             groupNamed(groupsOf(home), "Personal").value("WalkPaths").toArray().contains(folder));
         QVERIFY(QTest::qWaitFor([&] { return folderStatus(home, folder) == "Up to date"; }, 30000));
-        QVERIFY(run(home, {"status"}).out.contains("Synced"));
+        // One line per folder: bar, percentage, word, path, group, status.
+        const QStringList lines = run(home, {"status"}).out.split('\n');
+        const QStringList folderLines = lines.filter(folder + "  (Personal)");
+        QCOMPARE(folderLines.size(), 1);
+        QVERIFY2(folderLines[0].contains("[####################] 100%  Synced"),
+                 qPrintable(folderLines[0]));
+        QVERIFY(folderLines[0].endsWith("Up to date"));
 
         // An unknown group is refused by name.
         result = run(home, {"add", "Nope", folder});
