@@ -2,6 +2,8 @@
 
 #include <QStringList>
 
+class QCoreApplication;
+
 #include <functional>
 
 namespace tarnwick::cli {
@@ -29,6 +31,9 @@ int runControl(const Invocation &invocation);
 
 // Runs the client without any window until it quits; returns the exit code.
 int runHeadless(int &argc, char **argv);
+
+// SIGINT and SIGTERM end the application's event loop cleanly.
+void quitOnSignals(QCoreApplication &app);
 
 // The client's name, organisation and version for Qt.
 void setApplicationIdentity();

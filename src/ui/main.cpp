@@ -1,11 +1,18 @@
-// The tarnwick executable: the client itself, or a command for the client
-// that is already running.
+// The tarnwick executable: the desktop client, the client without a window
+// (--headless, or no display), or a command for the client that is already
+// running.
 #include "CommandLine.h"
+#include "DesktopClient.h"
 
 #include <QCoreApplication>
+#include <QProcessEnvironment>
 #include <QStringList>
+#include <QtQml/qqmlextensionplugin.h>
 
 #include <cstdio>
+
+// The screens: the statically linked QML module "Tarnwick".
+Q_IMPORT_QML_PLUGIN(TarnwickPlugin)
 
 int main(int argc, char *argv[]) {
     QStringList arguments;
@@ -28,7 +35,8 @@ int main(int argc, char *argv[]) {
     case tarnwick::cli::Invocation::Kind::runClient:
         break;
     }
-    // The window arrives with the desktop screens; until then the client
-    // always runs headless.
-    return tarnwick::cli::runHeadless(argc, argv);
+    if (tarnwick::ui::shouldRunHeadless(invocation, QProcessEnvironment::systemEnvironment())) {
+        return tarnwick::cli::runHeadless(argc, argv);
+    }
+    return tarnwick::ui::runDesktop(argc, argv);
 }

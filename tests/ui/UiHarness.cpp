@@ -8,6 +8,7 @@
 #include <QGuiApplication>
 #include <QPointingDevice>
 #include <QQmlComponent>
+#include <QQuickStyle>
 #include <QQuickWindow>
 #include <QSGRendererInterface>
 #include <QTest>
@@ -24,6 +25,8 @@ void UiHarness::prepareApplication() {
     cli::setApplicationIdentity();
     // The software renderer grabs reliably without a GPU.
     QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
+    // The controls' style of the client (the screens restyle the rest).
+    QQuickStyle::setStyle(QStringLiteral("Basic"));
     QFont font(QStringLiteral("DejaVu Sans"));
     font.setPixelSize(13);
     QGuiApplication::setFont(font);
@@ -38,6 +41,9 @@ UiHarness::UiHarness(Options options) : options_(options), log_(std::make_shared
     modelOptions.launchBackend = false;
     modelOptions.log = [log = log_](const QString &line) { log->append(line); };
     modelOptions.terminate = [] {};
+    if (options_.configureModel) {
+        options_.configureModel(modelOptions);
+    }
     model_ = std::make_unique<ItemsProvider>(std::move(modelOptions));
     actions_ = std::make_unique<SettingsActions>(*model_);
     app_ = std::make_unique<AppController>(options_.isMacOS13);

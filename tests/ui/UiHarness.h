@@ -20,6 +20,7 @@
 #include <QStringList>
 #include <QVariantMap>
 
+#include <functional>
 #include <memory>
 
 namespace tarnwick::ui::test {
@@ -29,6 +30,9 @@ public:
     struct Options {
         // The modern behaviour (footer toggle, update button) or the older one.
         bool isMacOS13 = true;
+        // Further choices for the model (by default it launches no backend
+        // and runs no single-instance guard).
+        std::function<void(ItemsProvider::Options &)> configureModel;
     };
 
     UiHarness();

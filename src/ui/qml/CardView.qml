@@ -11,6 +11,8 @@ Item {
     property real padding: 16
     default property alias content: column.data
     readonly property alias contentLayout: column
+    // Whether the pointer is over the card (padding included).
+    readonly property bool containsPointer: hoverHandler.hovered
 
     implicitWidth: column.implicitWidth + 2 * padding
     implicitHeight: column.implicitHeight + 2 * padding
@@ -35,6 +37,10 @@ Item {
         anchors.fill: parent
         radius: 12
         color: Theme.controlBackground
+    }
+
+    HoverHandler {
+        id: hoverHandler
     }
 
     ColumnLayout {

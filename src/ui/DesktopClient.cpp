@@ -1,0 +1,137 @@
+#include "DesktopClient.h"
+
+#include "AppController.h"
+#include "CommandLine.h"
+#include "ControlServer.h"
+#include "ItemsProvider.h"
+#include "LaunchAtLogin.h"
+#include "Notifier.h"
+#include "Pickers.h"
+#include "PollManager.h"
+#include "SettingsActions.h"
+#include "TrayController.h"
+#include "UpdaterViewModel.h"
+#include "WindowController.h"
+
+#include <QApplication>
+#include <QFont>
+#include <QQmlContext>
+#include <QQmlEngine>
+#include <QQuickStyle>
+#include <QQuickWindow>
+#include <QTimer>
+
+namespace tarnwick::ui {
+
+namespace {
+// How often a desktop without a tray is asked again whether one has come up
+// (a panel that starts after the client).
+constexpr int kTrayPollMs = 3000;
+} // namespace
+
+bool shouldRunHeadless(const cli::Invocation &invocation, const QProcessEnvironment &environment) {
+    if (invocation.headless) {
+        return true;
+    }
+    const bool hasDisplay = !environment.value(QStringLiteral("DISPLAY")).isEmpty() ||
+                            !environment.value(QStringLiteral("WAYLAND_DISPLAY")).isEmpty();
+    const bool platformChosen = !environment.value(QStringLiteral("QT_QPA_PLATFORM")).isEmpty();
+    return !hasDisplay && !platformChosen;
+}
+
+int runDesktop(int &argc, char **argv) {
+    QApplication application(argc, argv);
+    cli::setApplicationIdentity();
+    QGuiApplication::setApplicationDisplayName(QStringLiteral("Tarnwick"));
+    QGuiApplication::setDesktopFileName(QStringLiteral("tarnwick"));
+    // The tray keeps the client running with its window closed; quitting is
+    // always an explicit decision below.
+    QApplication::setQuitOnLastWindowClosed(false);
+    QQuickStyle::setStyle(QStringLiteral("Basic"));
+    cli::quitOnSignals(application);
+
+    // The model first: it runs the single-instance guard (a second launch
+    // ends here, after asking this one to show its window) and queues the
+    // backend's launch.
+    ItemsProvider model;
+    SettingsActions actions(model);
+    ControlServer control(model, actions, model.pm().instanceGuard());
+    AppController app(model.isMacOS13());
+    UpdaterViewModel updater(model.isMacOS13());
+    Pickers pickers;
+
+    QQmlEngine engine;
+    engine.addImportPath(QStringLiteral("qrc:/qt/qml"));
+    QQmlContext *context = engine.rootContext();
+    context->setContextProperty(QStringLiteral("ip"), &model);
+    context->setContextProperty(QStringLiteral("settingsActions"), &actions);
+    context->setContextProperty(QStringLiteral("app"), &app);
+    context->setContextProperty(QStringLiteral("launchAtLogin"), LaunchAtLogin::observable());
+    context->setContextProperty(QStringLiteral("updater"), &updater);
+    context->setContextProperty(QStringLiteral("pickers"), &pickers);
+
+    WindowController window(engine, app);
+    if (!window.load()) {
+        model.log(QStringLiteral("warning: the window could not be loaded"));
+        return 1;
+    }
+    TrayController tray(model, model.isMacOS13());
+    Notifier notifier(
+        model, [&window] { return window.isVisible(); },
+        [&tray](const QString &title, const QString &message) {
+            tray.showMessage(title, message);
+        });
+
+    const auto quit = [&application] { application.quit(); };
+    QObject::connect(&app, &AppController::quitRequested, &application, quit);
+    QObject::connect(&control, &ControlServer::quitRequested, &application, quit);
+    QObject::connect(&model, &ItemsProvider::quitRequested, &application, quit);
+    QObject::connect(&tray, &TrayController::quitRequested, &application, quit);
+    QObject::connect(&tray, &TrayController::toggleRequested, &window, &WindowController::toggle);
+    QObject::connect(&tray, &TrayController::openRequested, &window, &WindowController::show);
+    // A second launch asks for the window.
+    QObject::connect(&model.pm().instanceGuard(), &runwarden::InstanceGuard::showRequested, &window,
+                     &WindowController::show);
+    // Without a tray the window is the only way in: closing it quits.
+    QObject::connect(&window, &WindowController::closedByUser, &application, [&] {
+        if (!tray.isVisible()) {
+            application.quit();
+        }
+    });
+
+    QTimer trayPoll;
+    if (TrayController::isTrayAvailable()) {
+        window.setMode(WindowController::Mode::popup);
+        tray.show();
+    } else {
+        model.log(QStringLiteral("No system tray found; showing the window"));
+        window.setMode(WindowController::Mode::ordinary);
+        window.show();
+        // A tray that comes up later gets the icon; the open window stays
+        // until the user closes it, and then becomes the tray's popup.
+        trayPoll.setInterval(kTrayPollMs);
+        QObject::connect(&trayPoll, &QTimer::timeout, &application, [&] {
+            if (!TrayController::isTrayAvailable()) {
+                return;
+            }
+            trayPoll.stop();
+            tray.show();
+            if (!window.isVisible()) {
+                window.setMode(WindowController::Mode::popup);
+            }
+        });
+        QObject::connect(&window, &WindowController::closedByUser, &application, [&] {
+            if (tray.isVisible()) {
+                window.setMode(WindowController::Mode::popup);
+            }
+        });
+        trayPoll.start();
+    }
+
+    const int code = application.exec();
+    // The screens go before the objects they are bound to.
+    window.hide();
+    return code;
+}
+
+} // namespace tarnwick::ui

@@ -1,0 +1,176 @@
+#include "WindowController.h"
+
+#include "AppController.h"
+
+#include <QCloseEvent>
+#include <QGuiApplication>
+#include <QQmlEngine>
+#include <QQuickView>
+#include <QScreen>
+#include <QtDebug>
+
+namespace tarnwick::ui {
+
+namespace {
+// A focus loss this recent means the click on the tray icon that follows
+// belongs to the same gesture.
+constexpr qint64 kRetoggleGuardMs = 400;
+constexpr int kMarginToIcon = 4;
+} // namespace
+
+WindowController::WindowController(QQmlEngine &engine, AppController &app, QObject *parent)
+    : QObject(parent), engine_(engine), app_(app) {
+    connect(&app_, &AppController::closeWindowRequested, this, &WindowController::hide);
+}
+
+WindowController::~WindowController() = default;
+
+bool WindowController::load() {
+    view_ = std::make_unique<QQuickView>(&engine_, nullptr);
+    view_->setTitle(app_.appName());
+    view_->setResizeMode(QQuickView::SizeRootObjectToView);
+    view_->setColor(Qt::transparent);
+    view_->setSource(QUrl(QStringLiteral("qrc:/qt/qml/Tarnwick/qml/MainWindow.qml")));
+    if (view_->status() != QQuickView::Ready) {
+        for (const QQmlError &error : view_->errors()) {
+            qWarning().noquote() << error.toString();
+        }
+        return false;
+    }
+    view_->resize(view_->initialSize());
+    view_->setMinimumSize(QSize(400, 480));
+    view_->installEventFilter(this);
+    connect(view_.get(), &QWindow::activeChanged, this, [this] {
+        if (mode_ == Mode::popup && view_->isVisible() && !view_->isActive() && !hiding_) {
+            hiddenOnFocusLoss_.start();
+            hide();
+        }
+    });
+    applyMode();
+    return true;
+}
+
+QQuickWindow *WindowController::window() const {
+    return view_.get();
+}
+
+void WindowController::setMode(Mode mode) {
+    if (mode_ == mode) {
+        return;
+    }
+    mode_ = mode;
+    applyMode();
+}
+
+void WindowController::applyMode() {
+    app_.setFramed(mode_ == Mode::ordinary);
+    if (!view_) {
+        return;
+    }
+    const bool wasVisible = view_->isVisible();
+    if (wasVisible) {
+        hide();
+    }
+    if (mode_ == Mode::popup) {
+        view_->setFlags(Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint);
+    } else {
+        view_->setFlags(Qt::Window);
+    }
+    if (wasVisible && mode_ == Mode::ordinary) {
+        show();
+    }
+}
+
+bool WindowController::isVisible() const {
+    return view_ && view_->isVisible();
+}
+
+void WindowController::show() {
+    if (!view_) {
+        return;
+    }
+    if (mode_ == Mode::popup) {
+        placeNear(lastAnchor_);
+    }
+    view_->show();
+    view_->raise();
+    view_->requestActivate();
+}
+
+void WindowController::hide() {
+    if (!view_ || !view_->isVisible()) {
+        return;
+    }
+    hiding_ = true;
+    view_->hide();
+    hiding_ = false;
+}
+
+void WindowController::toggle(const QRect &anchor) {
+    if (!view_) {
+        return;
+    }
+    if (view_->isVisible()) {
+        hide();
+        return;
+    }
+    if (hiddenOnFocusLoss_.isValid() && hiddenOnFocusLoss_.elapsed() < kRetoggleGuardMs) {
+        hiddenOnFocusLoss_.invalidate();
+        return;
+    }
+    if (anchor.isValid() && !anchor.isEmpty()) {
+        lastAnchor_ = anchor;
+    }
+    show();
+}
+
+void WindowController::placeNear(const QRect &anchor) {
+    QScreen *screen = nullptr;
+    if (anchor.isValid()) {
+        screen = QGuiApplication::screenAt(anchor.center());
+    }
+    if (screen == nullptr) {
+        screen = QGuiApplication::primaryScreen();
+    }
+    if (screen == nullptr) {
+        return;
+    }
+    view_->setScreen(screen);
+    view_->setPosition(popupPosition(anchor, view_->size(), screen->availableGeometry()));
+}
+
+QPoint WindowController::popupPosition(const QRect &anchor, const QSize &size,
+                                       const QRect &available) {
+    int x = 0;
+    int y = 0;
+    if (!anchor.isValid() || anchor.isEmpty()) {
+        x = available.right() + 1 - size.width() - kMarginToIcon;
+        y = available.top() + kMarginToIcon;
+    } else {
+        x = anchor.center().x() - size.width() / 2;
+        if (anchor.center().y() < available.center().y()) {
+            y = anchor.bottom() + 1 + kMarginToIcon;
+        } else {
+            y = anchor.top() - kMarginToIcon - size.height();
+        }
+    }
+    // Inside the free area (its top-left corner wins on a tiny screen).
+    x = std::min(x, available.right() + 1 - size.width());
+    y = std::min(y, available.bottom() + 1 - size.height());
+    x = std::max(x, available.left());
+    y = std::max(y, available.top());
+    return {x, y};
+}
+
+bool WindowController::eventFilter(QObject *watched, QEvent *event) {
+    if (watched == view_.get() && event->type() == QEvent::Close) {
+        // Closing hides; the application decides whether that ends it.
+        event->ignore();
+        hide();
+        emit closedByUser();
+        return true;
+    }
+    return QObject::eventFilter(watched, event);
+}
+
+} // namespace tarnwick::ui

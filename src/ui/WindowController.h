@@ -1,0 +1,75 @@
+#pragma once
+
+#include <QElapsedTimer>
+#include <QObject>
+#include <QPoint>
+#include <QRect>
+#include <QSize>
+
+#include <memory>
+
+class QQmlEngine;
+class QQuickView;
+class QQuickWindow;
+class QScreen;
+
+namespace tarnwick::ui {
+
+class AppController;
+
+// The client's one window. By a tray icon it is a frameless popup placed
+// next to the icon that hides itself when it loses the focus; without a
+// tray it is an ordinary window that the user closes to quit.
+class WindowController : public QObject {
+    Q_OBJECT
+
+public:
+    enum class Mode { popup, ordinary };
+
+    WindowController(QQmlEngine &engine, AppController &app, QObject *parent = nullptr);
+    ~WindowController() override;
+
+    // Creates the window with its content; false (and the QML errors logged)
+    // when the content cannot be loaded.
+    bool load();
+    QQuickWindow *window() const;
+
+    Mode mode() const { return mode_; }
+    void setMode(Mode mode);
+
+    bool isVisible() const;
+    // Shows the window (raised and focused): the popup by the last known
+    // tray icon position.
+    void show();
+    void hide();
+    // The tray icon's click: hides a shown popup, else shows it by the icon
+    // (anchor: the icon's rectangle on screen; empty when unknown).
+    void toggle(const QRect &anchor);
+
+    // Where a popup of this size goes for a tray icon at `anchor` on a
+    // screen whose free area is `available`: centred under an icon in the
+    // upper half of the screen (above one in the lower half), kept inside
+    // the free area. Without an anchor: the free area's top-right corner.
+    static QPoint popupPosition(const QRect &anchor, const QSize &size, const QRect &available);
+
+signals:
+    // The user closed the ordinary window (its frame's close button).
+    void closedByUser();
+
+private:
+    void placeNear(const QRect &anchor);
+    void applyMode();
+    bool eventFilter(QObject *watched, QEvent *event) override;
+
+    QQmlEngine &engine_;
+    AppController &app_;
+    std::unique_ptr<QQuickView> view_;
+    Mode mode_ = Mode::ordinary;
+    QRect lastAnchor_;
+    // When the popup last hid itself on losing the focus: a click on the
+    // tray icon takes the focus first, and must not show it again at once.
+    QElapsedTimer hiddenOnFocusLoss_;
+    bool hiding_ = false;
+};
+
+} // namespace tarnwick::ui

@@ -1,0 +1,197 @@
+import QtQuick
+import QtQuick.Controls.Basic
+import QtQuick.Layouts
+import QtQuick.Window
+import Tarnwick
+
+// The status list: one card per watched folder, in the model's order. While
+// there are none it shows a spinner (the model is loading), or an empty
+// state that says "Loading..." for a short grace period after the view
+// first appears and then invites the user to add folders. When the backend
+// has failed for good, the failure and a way to restart it take the list's
+// place.
+Rectangle {
+    id: view
+    objectName: "contentView"
+
+    // The grace period after the first appearance (tests shorten it).
+    property int gracePeriod: 5000
+    property bool hasTimeElapsed: false
+    // The path of the card under the pointer, or "".
+    property string hoveredItem: ""
+
+    readonly property int folderCount: ip.dirItems.count
+    readonly property bool shownOnScreen: visible && Window.window !== null
+                                          && Window.window.visible
+
+    // The grace period starts the first time the view is on screen.
+    property bool appeared: false
+    onShownOnScreenChanged: noteAppearance()
+    Component.onCompleted: noteAppearance()
+    function noteAppearance() {
+        if (shownOnScreen && !appeared) {
+            appeared = true
+            graceTimer.start()
+        }
+    }
+    Timer {
+        id: graceTimer
+        interval: view.gracePeriod
+        onTriggered: view.hasTimeElapsed = true
+    }
+
+    function folderCountText(n) {
+        return n + " " + (n === 1 ? "folder" : "folders")
+    }
+
+    color: Theme.windowBackground
+    implicitWidth: 450
+    implicitHeight: 650
+
+    // The backend stopped after crashing again and again.
+    ColumnLayout {
+        objectName: "backendFailedState"
+        visible: ip.backendFailed
+        anchors.centerIn: parent
+        width: parent.width - 48
+        spacing: 16
+
+        InfoPanel {
+            objectName: "backendFailedPanel"
+            Layout.fillWidth: true
+            type: "error"
+            icon: "exclamationmark.triangle.fill"
+            title: "Syncing has stopped"
+            message: ip.error !== "" ? ip.error : "The sync engine is not running."
+        }
+        PrimaryButton {
+            objectName: "restartBackendButton"
+            Layout.alignment: Qt.AlignHCenter
+            text: "Restart backend"
+            symbol: "arrow.clockwise"
+            onClicked: ip.restartBackend()
+        }
+    }
+
+    // No folders, the model still loading.
+    ColumnLayout {
+        objectName: "loadingState"
+        visible: !ip.backendFailed && view.folderCount === 0 && ip.isLoading
+        anchors.centerIn: parent
+        spacing: 14
+
+        BusyIndicator {
+            objectName: "loadingSpinner"
+            Layout.alignment: Qt.AlignHCenter
+            running: parent.visible
+            implicitWidth: 56
+            implicitHeight: 56
+        }
+        Text {
+            objectName: "loadingText"
+            Layout.alignment: Qt.AlignHCenter
+            text: "Loading..."
+            color: Theme.secondary
+            font.family: Theme.fontFamily
+            font.pixelSize: Theme.bodySize
+        }
+    }
+
+    // No folders, the model idle.
+    EmptyStateView {
+        objectName: "emptyState"
+        visible: !ip.backendFailed && view.folderCount === 0 && !ip.isLoading
+        anchors.fill: parent
+        icon: "folder.badge.plus"
+        title: view.hasTimeElapsed ? "No Folders Syncing" : "Loading..."
+        message: view.hasTimeElapsed ? "Add folders to sync from the Settings tab"
+                                     : "Please wait while we load your sync status"
+    }
+
+    // The folders.
+    ColumnLayout {
+        objectName: "listState"
+        visible: !ip.backendFailed && view.folderCount > 0
+        anchors.fill: parent
+        spacing: 0
+
+        RowLayout {
+            Layout.fillWidth: true
+            Layout.margins: 16
+            Layout.bottomMargin: 8
+            spacing: 8
+            Text {
+                objectName: "headingAppName"
+                text: app.appName
+                color: Theme.primary
+                font.family: Theme.fontFamily
+                font.pixelSize: Theme.headlineSize + 2
+                font.weight: Font.Bold
+            }
+            Text {
+                objectName: "folderCountText"
+                Layout.alignment: Qt.AlignBaseline
+                text: view.folderCountText(view.folderCount)
+                color: Theme.secondary
+                font.family: Theme.fontFamily
+                font.pixelSize: Theme.bodySize
+            }
+            Item {
+                Layout.fillWidth: true
+            }
+        }
+
+        ListView {
+            id: list
+            objectName: "folderList"
+            Layout.fillWidth: true
+            Layout.fillHeight: true
+            clip: true
+            spacing: 10
+            topMargin: 4
+            bottomMargin: 16
+            // Delegates are made for the visible rows only, so ten thousand
+            // folders cost what a screenful does.
+            reuseItems: true
+            cacheBuffer: 200
+            boundsBehavior: Flickable.StopAtBounds
+            model: ip.dirItems
+            ScrollBar.vertical: ScrollBar {
+                objectName: "folderListScrollBar"
+            }
+
+            delegate: Item {
+                id: row
+                required property int index
+                required property string path
+                required property string name
+                required property real progress
+                required property string icon
+
+                width: ListView.view.width
+                height: card.implicitHeight
+
+                SyncItemCard {
+                    id: card
+                    objectName: "syncItemCard"
+                    x: 16
+                    width: row.width - 32
+                    path: row.path
+                    name: row.name
+                    progress: row.progress
+                    icon: row.icon
+                    webSiteName: app.siteName(ip.loginURL)
+                    hovered: view.hoveredItem === row.path
+                    onHoverChanged: function(inside) {
+                        if (inside)
+                            view.hoveredItem = row.path
+                        else if (view.hoveredItem === row.path)
+                            view.hoveredItem = ""
+                    }
+                    onOpenFolder: ip.publish("openDirPath", row.path, "")
+                    onOpenWeb: ip.publish("openWeb", app.groupIDText(ip.dirItems, row.index), "")
+                }
+            }
+        }
+    }
+}

@@ -1,0 +1,209 @@
+import QtQuick
+import QtQuick.Controls.Basic
+import QtQuick.Layouts
+import Tarnwick
+
+// Signing in: the e-mail address (the model's userName), a button that has a
+// 6-digit code mailed to it, the code and "Login". Progress and failure come
+// through the model's error text, shown in a status box whose symbol and
+// colour follow the text.
+Rectangle {
+    id: view
+    objectName: "loginView"
+
+    // The code as typed, and whether the e-mail field is being edited.
+    property string password: ""
+    property bool editingMode: emailField.activeFocus
+
+    // The status box's look: the first rule that matches the text wins.
+    function statusSymbol(text) {
+        if (text.indexOf("Authenticating") >= 0)
+            return "arrow.triangle.2.circlepath"
+        if (text.indexOf("failed") >= 0)
+            return "exclamationmark.triangle.fill"
+        if (text.indexOf("sent") >= 0)
+            return "checkmark.circle.fill"
+        return "info.circle.fill"
+    }
+    function statusColor(text) {
+        if (text.indexOf("Authenticating") >= 0)
+            return Theme.blue
+        if (text.indexOf("failed") >= 0)
+            return Theme.red
+        if (text.indexOf("sent") >= 0)
+            return Theme.green
+        return Theme.blue
+    }
+
+    // Sends the code as typed; the model shows "Authenticating ..." and,
+    // without a sign-in 5 s later, the failure text.
+    function performLogin() {
+        ip.performLogin(view.password)
+    }
+
+    color: Theme.windowBackground
+    implicitWidth: 450
+    implicitHeight: column.implicitHeight + 24
+
+    Flickable {
+        anchors.fill: parent
+        contentHeight: column.implicitHeight + 24
+        clip: true
+        boundsBehavior: Flickable.StopAtBounds
+
+        ColumnLayout {
+            id: column
+            x: 12
+            y: 12
+            width: view.width - 24
+            spacing: 14
+
+            // Header
+            RowLayout {
+                spacing: 10
+                SymbolIcon {
+                    objectName: "loginHeaderIcon"
+                    name: "internaldrive"
+                    size: 34
+                    color: Theme.accent
+                }
+                ColumnLayout {
+                    spacing: 2
+                    Text {
+                        objectName: "loginTitle"
+                        text: app.appName
+                        color: Theme.primary
+                        font.family: Theme.fontFamily
+                        font.pixelSize: Theme.titleSize
+                        font.weight: Font.Bold
+                    }
+                    Text {
+                        objectName: "loginSubtitle"
+                        text: "Secure file sync"
+                        color: Theme.secondary
+                        font.family: Theme.fontFamily
+                        font.pixelSize: Theme.bodySize
+                    }
+                }
+            }
+
+            // E-mail
+            ColumnLayout {
+                Layout.fillWidth: true
+                spacing: 4
+                Text {
+                    objectName: "emailLabel"
+                    text: "Email"
+                    color: Theme.secondary
+                    font.family: Theme.fontFamily
+                    font.pixelSize: Theme.bodySize - 1
+                }
+                ModernTextField {
+                    id: emailField
+                    objectName: "emailField"
+                    Layout.fillWidth: true
+                    placeholderText: "you@tarnwick.app"
+                    text: ip.userName
+                    inputMethodHints: Qt.ImhEmailCharactersOnly | Qt.ImhNoPredictiveText
+                                      | Qt.ImhNoAutoUppercase
+                    onTextEdited: ip.userName = text
+                }
+            }
+
+            IconButton {
+                objectName: "sendCodeButton"
+                symbol: "envelope"
+                text: "Send 6-digit code via email"
+                onClicked: ip.requestCodeViaEmail(ip.userName)
+            }
+
+            // The code and "Login", once there is an address.
+            ColumnLayout {
+                objectName: "codeBlock"
+                Layout.fillWidth: true
+                visible: ip.userName !== ""
+                spacing: 4
+                Text {
+                    objectName: "codeLabel"
+                    text: "6-Digit Code"
+                    color: Theme.secondary
+                    font.family: Theme.fontFamily
+                    font.pixelSize: Theme.bodySize - 1
+                }
+                ModernTextField {
+                    id: codeField
+                    objectName: "codeField"
+                    Layout.fillWidth: true
+                    placeholderText: "Enter code"
+                    echoMode: TextInput.Password
+                    inputMethodHints: Qt.ImhSensitiveData | Qt.ImhNoPredictiveText
+                    text: view.password
+                    onTextEdited: view.password = text
+                    onAccepted: if (loginButton.enabled) view.performLogin()
+                }
+                PrimaryButton {
+                    id: loginButton
+                    objectName: "loginButton"
+                    Layout.topMargin: 8
+                    text: "Login"
+                    symbol: "arrow.right.circle.fill"
+                    busy: ip.isWaiting
+                    enabled: !ip.isWaiting
+                    onClicked: view.performLogin()
+                }
+            }
+
+            // The status box, while there is something to say.
+            Rectangle {
+                id: statusBox
+                objectName: "statusBox"
+                Layout.fillWidth: true
+                visible: ip.error !== ""
+                readonly property string symbol: view.statusSymbol(ip.error)
+                readonly property color tint: view.statusColor(ip.error)
+                implicitHeight: statusRow.implicitHeight + 24
+                radius: 8
+                color: Theme.withOpacity(tint, 0.1)
+                border.width: 1
+                border.color: Theme.withOpacity(tint, 0.3)
+
+                RowLayout {
+                    id: statusRow
+                    anchors.fill: parent
+                    anchors.margins: 12
+                    spacing: 8
+                    SymbolIcon {
+                        objectName: "statusBoxIcon"
+                        Layout.alignment: Qt.AlignTop
+                        name: statusBox.symbol
+                        size: 16
+                        color: statusBox.tint
+                    }
+                    Text {
+                        objectName: "statusBoxText"
+                        Layout.fillWidth: true
+                        text: ip.error
+                        wrapMode: Text.Wrap
+                        color: Theme.primary
+                        font.family: Theme.fontFamily
+                        font.pixelSize: Theme.bodySize
+                    }
+                }
+            }
+
+            IconButton {
+                objectName: "loginQuitButton"
+                symbol: "power"
+                text: "Quit"
+                helpText: "Quit (Ctrl+Q)"
+                onClicked: app.quit()
+            }
+        }
+    }
+
+    Shortcut {
+        sequences: [StandardKey.Quit, "Ctrl+Q"]
+        context: Qt.WindowShortcut
+        onActivated: app.quit()
+    }
+}

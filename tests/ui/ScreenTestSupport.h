@@ -1,0 +1,68 @@
+#pragma once
+
+// Small helpers shared by the shell's screen tests: a scripted backend on the
+// model's port that records what the screens send, and colour lookups.
+
+#include "FakeBackend.h"
+#include "PollManager.h"
+#include "UiHarness.h"
+
+#include <QColor>
+#include <QQmlComponent>
+#include <QQmlEngine>
+#include <QTest>
+
+#include <memory>
+
+namespace tarnwick::ui::test {
+
+// A role colour of the Theme singleton, read through the engine.
+inline QColor themeColor(QQmlEngine &engine, const QString &role) {
+    QQmlComponent component(&engine);
+    component.setData("import QtQuick\nimport Tarnwick\nQtObject { property color c: Theme." +
+                          role.toUtf8() + " }",
+                      QUrl());
+    std::unique_ptr<QObject> object(component.create());
+    return object ? object->property("c").value<QColor>() : QColor();
+}
+
+inline bool sameRgb(const QColor &a, const QColor &b) {
+    return a.isValid() && b.isValid() && a.rgb() == b.rgb();
+}
+
+inline QColor colorProperty(QObject *object, const char *name) {
+    return object ? object->property(name).value<QColor>() : QColor();
+}
+
+// A harness whose model talks to a scripted backend that answers every
+// request with success and remembers it. The harness is destroyed first, so
+// the client's kept-alive connection closes before the server stops.
+class ScreenWithBackend {
+    std::unique_ptr<FakeBackend> backend_;
+
+public:
+    UiHarness h;
+
+    explicit ScreenWithBackend(UiHarness::Options options = {}) : h(std::move(options)) {
+        backend_ = std::make_unique<FakeBackend>(h.model().pm().kes.LocalPublicKey());
+        h.model().pm().kes.setExternalPublicKey(backend_->publicKey());
+        backend_->setHandler(
+            [](const FakeRequest &) { return FakeReply::sealed(R"({"status":"success"})"); });
+        if (!backend_->listen(h.model().port())) {
+            qFatal("could not listen on the model's port");
+        }
+    }
+    FakeBackend &backend() { return *backend_; }
+    // Requests of one type, in order.
+    std::vector<FakeRequest> requests(const std::string &type) const {
+        std::vector<FakeRequest> out;
+        for (const FakeRequest &r : backend_->requests()) {
+            if (r.type == type) {
+                out.push_back(r);
+            }
+        }
+        return out;
+    }
+};
+
+} // namespace tarnwick::ui::test
