@@ -261,10 +261,14 @@ void AppcastChecker::endSession() {
     if (session == nullptr) {
         return;
     }
+    const bool interactive = session->interactive;
     session->finish();
     session->deleteLater();
     setSession(nullptr);
     emit sessionFinished();
+    if (interactive) {
+        emit interactiveSessionFinished();
+    }
 }
 
 QNetworkRequest AppcastChecker::requestFor(const QUrl &url) const {

@@ -130,6 +130,9 @@ signals:
     void lastUpdateCheckDateChanged();
     // A session ended (whatever its outcome).
     void sessionFinished();
+    // A session the user started (checkForUpdates, downloadUpdate) ended;
+    // status and statusText say how.
+    void interactiveSessionFinished();
 
 private:
     struct Session;

@@ -47,6 +47,8 @@ UpdaterViewModel::UpdaterViewModel(Options options, QObject *parent)
             &UpdaterViewModel::downloadedFileChanged);
     connect(updater_, &AppcastChecker::lastUpdateCheckDateChanged, this,
             &UpdaterViewModel::lastUpdateCheckDateChanged);
+    connect(updater_, &AppcastChecker::interactiveSessionFinished, this,
+            &UpdaterViewModel::interactiveCheckFinished);
 
     // On older systems the checker exists but is never started, so no check
     // ever runs. Without a feed (a distribution package) there is nothing to

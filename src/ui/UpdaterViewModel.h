@@ -103,6 +103,9 @@ signals:
     void availableVersionChanged();
     void downloadedFileChanged();
     void lastUpdateCheckDateChanged();
+    // A check or download the user asked for has ended: statusText holds the
+    // outcome to show (the footer's button has no text of its own).
+    void interactiveCheckFinished();
 
 private:
     bool isMacOS13_;
