@@ -62,8 +62,12 @@ private slots:
                      QFileInfo(resources + "/kovrit-linux-arm64").isExecutable(),
                  "the development backend must be built into the resources directory");
         QVERIFY(state_.isValid());
-        // A fresh data home each run: the backend copy is made anew.
-        qputenv("XDG_DATA_HOME", state_.filePath("data").toUtf8());
+        // A fresh home each run (the backend copy is made anew), also when the
+        // test is run by hand outside CTest.
+        for (const char *name :
+             {"XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_STATE_HOME", "XDG_CACHE_HOME"}) {
+            qputenv(name, state_.filePath(QString::fromLatin1(name)).toUtf8());
+        }
         qputenv("KOVRIT_DEV_CODE", "123456");
     }
 

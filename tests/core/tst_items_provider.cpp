@@ -9,6 +9,7 @@
 #include <QFile>
 #include <QSettings>
 #include <QSignalSpy>
+#include <QTemporaryDir>
 #include <QTest>
 
 #include <atomic>
@@ -93,8 +94,19 @@ struct Fixture {
 
 class ItemsProviderTest : public QObject {
     Q_OBJECT
+    QTemporaryDir home_;
 
 private slots:
+    void initTestCase() {
+        // Settings and the autostart entry go to a home of the test's own,
+        // also when the test is run by hand outside CTest.
+        QVERIFY(home_.isValid());
+        for (const char *name :
+             {"XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_STATE_HOME", "XDG_CACHE_HOME"}) {
+            qputenv(name, home_.filePath(QString::fromLatin1(name)).toUtf8());
+        }
+    }
+
     void initialState() {
         Fixture f(false);
         ItemsProvider &p = *f.provider;
