@@ -16,7 +16,7 @@ Item {
     Column {
         id: column
         anchors.centerIn: parent
-        width: Math.min(implicitWidth, view.width - 64)
+        width: Math.max(0, view.width - 64)
         spacing: 12
 
         SymbolIcon {

@@ -104,18 +104,29 @@ Rectangle {
             Layout.bottomMargin: 4
             spacing: 6
 
-            Switch {
+            ToggleSwitch {
                 id: launchToggle
                 objectName: "launchAtLoginToggle"
+                // Bumped after each change is announced: the switch reads the
+                // entry again once the change has been made.
+                property int generation: 0
                 visible: app.isMacOS13
                 text: "Launch at login"
-                font.family: Theme.fontFamily
-                font.pixelSize: Theme.bodySize - 1
-                checked: launchAtLogin.isEnabled
+                checked: launchToggle.readState()
+                function readState() {
+                    launchToggle.generation
+                    return launchAtLogin.isEnabled
+                }
                 onToggled: {
                     launchAtLogin.isEnabled = checked
                     // Show what the system now says, whatever happened.
-                    checked = Qt.binding(function() { return launchAtLogin.isEnabled })
+                    checked = Qt.binding(readState)
+                }
+                Connections {
+                    target: launchAtLogin
+                    function onIsEnabledChanged() {
+                        Qt.callLater(function() { launchToggle.generation++ })
+                    }
                 }
             }
             Item {

@@ -27,13 +27,21 @@ Button {
     contentItem: Row {
         spacing: 6
 
-        BusyIndicator {
+        // A small turning arrow while busy.
+        SymbolIcon {
             objectName: "primaryButtonSpinner"
-            visible: button.busy
-            running: button.busy
-            width: 16
-            height: 16
             anchors.verticalCenter: parent.verticalCenter
+            visible: button.busy
+            name: "arrow.clockwise"
+            size: 14
+            color: "white"
+            RotationAnimator on rotation {
+                running: button.busy
+                from: 0
+                to: 360
+                duration: 1000
+                loops: Animation.Infinite
+            }
         }
         Text {
             anchors.verticalCenter: parent.verticalCenter

@@ -1,0 +1,136 @@
+// Each state of the window rendered offscreen into
+// $TARNWICK_BUILD_DIR/screenshots/<state>.png for people to look at: the
+// login screen empty and with its status box, the status tab loading, empty,
+// with one folder and with many, and the older systems' footer.
+#include "ScreenTestSupport.h"
+
+#include "Models.h"
+
+#include <QFileInfo>
+#include <QSet>
+#include <QTest>
+
+using namespace tarnwick::ui::test;
+using tarnwick::DirItem;
+
+namespace {
+
+DirItem folder(const std::string &path, const std::string &status) {
+    DirItem item;
+    item.path = path;
+    item.name = path.substr(path.rfind('/') + 1);
+    item.status = status;
+    item.groupID = 1;
+    item.enabled = true;
+    return item;
+}
+
+// Saves the window and checks that something was drawn: the right size and
+// more than a handful of colours.
+void shoot(UiHarness &h, const QString &name) {
+    const QImage image = h.grab(name);
+    QVERIFY2(!image.isNull(), qPrintable(name));
+    QCOMPARE(image.size(), h.window()->size() * h.window()->devicePixelRatio());
+    QSet<QRgb> colours;
+    for (int y = 0; y < image.height(); y += 3) {
+        for (int x = 0; x < image.width(); x += 3) {
+            colours.insert(image.pixel(x, y));
+        }
+    }
+    QVERIFY2(colours.size() > 8, qPrintable(name));
+    QVERIFY(QFileInfo::exists(UiHarness::screenshotDirectory() + "/" + name + ".png"));
+}
+
+const QSize kWindow(460, 640);
+
+} // namespace
+
+class ScreenshotTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void initTestCase() { UiHarness::prepareApplication(); }
+
+    void loginEmpty() {
+        UiHarness h;
+        h.model().setIsLoggedIn(false);
+        QVERIFY(h.load(QStringLiteral("MainWindow"), kWindow));
+        QVERIFY(h.findVisible("loginView"));
+        shoot(h, QStringLiteral("login-empty"));
+    }
+
+    void loginWithStatusBox() {
+        UiHarness h;
+        h.model().setIsLoggedIn(false);
+        h.model().setUserName(QStringLiteral("alex@tarnwick.app"));
+        h.model().setError(
+            QStringLiteral("6-digit code sent to alex@tarnwick.app. Check your email."));
+        QVERIFY(h.load(QStringLiteral("MainWindow"), kWindow));
+        QVERIFY(h.findVisible("statusBox"));
+        shoot(h, QStringLiteral("login-status-box"));
+        h.model().setError(QStringLiteral("Authentication failed. Please retry ..."));
+        shoot(h, QStringLiteral("login-failed"));
+        h.model().setError(QStringLiteral("Authenticating ..."));
+        h.model().setIsWaiting(true);
+        shoot(h, QStringLiteral("login-waiting"));
+    }
+
+    void statusLoading() {
+        UiHarness h;
+        h.model().setIsLoading(true);
+        QVERIFY(h.load(QStringLiteral("MainWindow"), kWindow));
+        QVERIFY(h.findVisible("loadingState"));
+        shoot(h, QStringLiteral("status-loading"));
+    }
+
+    void statusEmpty() {
+        UiHarness h;
+        h.model().setIsLoading(false);
+        QQuickItem *root = h.load(QStringLiteral("MainWindow"), kWindow);
+        QVERIFY(root);
+        shoot(h, QStringLiteral("status-empty-grace"));
+        // After the grace period.
+        auto *content = h.find<QQuickItem>("contentView");
+        content->setProperty("hasTimeElapsed", true);
+        QTRY_COMPARE(h.findVisible("emptyStateTitle")->property("text").toString(),
+                     "No Folders Syncing");
+        shoot(h, QStringLiteral("status-empty"));
+    }
+
+    void statusOneFolder() {
+        UiHarness h;
+        h.model().update({folder("/home/alex/Documents", "Up to date")});
+        QVERIFY(h.load(QStringLiteral("MainWindow"), kWindow));
+        QVERIFY(h.findVisible("listState"));
+        shoot(h, QStringLiteral("status-one-folder"));
+    }
+
+    void statusManyFolders() {
+        UiHarness h;
+        std::vector<DirItem> items;
+        const char *statuses[] = {"Up to date", "2 of 6 - Uploading file (report.pdf) ...",
+                                  "Waiting", "5 of 6 - Cleaning up"};
+        for (int i = 0; i < 40; ++i) {
+            items.push_back(
+                folder("/home/alex/Projects/project-" + std::to_string(i), statuses[i % 4]));
+        }
+        h.model().update(items);
+        QVERIFY(h.load(QStringLiteral("MainWindow"), kWindow));
+        // The pointer over the second card.
+        auto *list = h.find<QQuickItem>("folderList");
+        QTest::mouseMove(h.window(), list->mapToScene({200, 90}).toPoint());
+        h.settle(300);
+        shoot(h, QStringLiteral("status-many-folders"));
+    }
+
+    void olderSystemFooter() {
+        UiHarness h(UiHarness::Options{false, {}});
+        h.model().update({folder("/home/alex/Documents", "Up to date")});
+        QVERIFY(h.load(QStringLiteral("MainWindow"), kWindow));
+        QVERIFY(!h.findVisible("launchAtLoginToggle"));
+        shoot(h, QStringLiteral("status-older-system"));
+    }
+};
+
+QTEST_MAIN(ScreenshotTest)
+#include "tst_screenshots.moc"

@@ -1,0 +1,270 @@
+// The status list over the model in known states: the spinner while
+// loading, the empty state before and after the grace period, the heading's
+// singular and plural, the cards' badges and buttons and what they send, the
+// hover mark, a list of ten thousand folders, and the footer-less tab's
+// failure view.
+#include "ScreenTestSupport.h"
+
+#include "Models.h"
+
+#include <QQmlProperty>
+#include <QTest>
+
+using namespace tarnwick::ui::test;
+using tarnwick::DirItem;
+
+namespace {
+
+DirItem folder(const std::string &path, const std::string &status, std::int64_t groupID = 1) {
+    DirItem item;
+    item.path = path;
+    item.name = path.substr(path.rfind('/') + 1);
+    item.status = status;
+    item.groupID = groupID;
+    item.enabled = true;
+    return item;
+}
+
+QString textOf(UiHarness &h, const QString &name) {
+    QObject *object = h.findVisible(name);
+    return object ? object->property("text").toString() : QStringLiteral("<hidden %1>").arg(name);
+}
+
+// The visible card whose name is `name`.
+QQuickItem *cardNamed(UiHarness &h, const QString &name) {
+    for (QObject *object : h.findAll(QStringLiteral("syncItemCard"))) {
+        auto *card = qobject_cast<QQuickItem *>(object);
+        if (card && UiHarness::isShown(card) && card->property("name").toString() == name) {
+            return card;
+        }
+    }
+    return nullptr;
+}
+
+QQuickItem *childNamed(QQuickItem *parent, const QString &objectName) {
+    if (parent == nullptr) {
+        return nullptr;
+    }
+    for (QQuickItem *child : parent->childItems()) {
+        if (child->objectName() == objectName) {
+            return child;
+        }
+        if (QQuickItem *found = childNamed(child, objectName)) {
+            return found;
+        }
+    }
+    return nullptr;
+}
+
+} // namespace
+
+class StatusTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void initTestCase() { UiHarness::prepareApplication(); }
+
+    void spinnerWhileLoading() {
+        UiHarness h;
+        h.model().setIsLoading(true);
+        QVERIFY2(h.load(QStringLiteral("ContentView")), qPrintable(h.errors().join('\n')));
+        QVERIFY(h.findVisible("loadingState"));
+        QVERIFY(h.findVisible("loadingSpinner"));
+        QVERIFY(h.findVisible("loadingSpinner")->property("running").toBool());
+        QCOMPARE(textOf(h, "loadingText"), "Loading...");
+        QVERIFY(!h.findVisible("emptyState"));
+        QVERIFY(!h.findVisible("listState"));
+    }
+
+    void emptyStateAfterTheGracePeriod() {
+        UiHarness h;
+        h.model().setIsLoading(false);
+        QVERIFY(h.load(QStringLiteral("ContentView"), QSize(450, 650), {{"gracePeriod", 600}}));
+        QVERIFY(!h.findVisible("loadingState"));
+        QVERIFY(h.findVisible("emptyState"));
+        QCOMPARE(h.findVisible("emptyState")->property("icon").toString(), "folder.badge.plus");
+        QCOMPARE(textOf(h, "emptyStateTitle"), "Loading...");
+        QCOMPARE(textOf(h, "emptyStateMessage"), "Please wait while we load your sync status");
+        QTRY_COMPARE_WITH_TIMEOUT(textOf(h, "emptyStateTitle"), "No Folders Syncing", 3000);
+        QCOMPARE(textOf(h, "emptyStateMessage"), "Add folders to sync from the Settings tab");
+        // Nothing resets it: loading again and idle again keeps the words.
+        h.model().setIsLoading(true);
+        QVERIFY(h.findVisible("loadingState"));
+        h.model().setIsLoading(false);
+        QCOMPARE(textOf(h, "emptyStateTitle"), "No Folders Syncing");
+    }
+
+    void theGracePeriodIsFiveSecondsAndStartsOnScreen() {
+        UiHarness h;
+        h.model().setIsLoading(false);
+        QQuickItem *view = h.load(QStringLiteral("ContentView"));
+        QVERIFY(view);
+        QCOMPARE(view->property("gracePeriod").toInt(), 5000);
+        QVERIFY(view->property("appeared").toBool());
+
+        // A view that is not shown yet (another tab is in front) has not
+        // started waiting; the first appearance starts the grace period.
+        UiHarness hidden;
+        hidden.model().setIsLoading(false);
+        QQuickItem *later = hidden.load(QStringLiteral("ContentView"), QSize(450, 650),
+                                        {{"gracePeriod", 100}, {"visible", false}});
+        QVERIFY(later);
+        hidden.settle(300);
+        QVERIFY(!later->property("appeared").toBool());
+        QVERIFY(!later->property("hasTimeElapsed").toBool());
+        later->setVisible(true);
+        QVERIFY(later->property("appeared").toBool());
+        QVERIFY(!later->property("hasTimeElapsed").toBool());
+        QTRY_VERIFY(later->property("hasTimeElapsed").toBool());
+    }
+
+    void headingSingularAndPlural() {
+        UiHarness h;
+        h.model().setIsLoading(false);
+        h.model().update({folder("/home/u/Documents", "Up to date")});
+        QVERIFY(h.load(QStringLiteral("ContentView")));
+        QVERIFY(h.findVisible("listState"));
+        QVERIFY(!h.findVisible("emptyState"));
+        QCOMPARE(textOf(h, "headingAppName"), "Tarnwick");
+        QCOMPARE(textOf(h, "folderCountText"), "1 folder");
+        h.model().update({folder("/home/u/Pictures", "Up to date")});
+        QTRY_COMPARE(textOf(h, "folderCountText"), "2 folders");
+        h.model().deleteItem(QStringLiteral("/home/u/Documents"));
+        QTRY_COMPARE(textOf(h, "folderCountText"), "1 folder");
+        h.model().deleteItem(QStringLiteral("/home/u/Pictures"));
+        QTRY_VERIFY(h.findVisible("emptyState"));
+    }
+
+    void listAppearsEvenWhileLoading() {
+        UiHarness h;
+        h.model().setIsLoading(true);
+        h.model().update({folder("/a/b", "1 of 6 - Scanning files (3)")});
+        QVERIFY(h.model().isLoading());
+        QVERIFY(h.load(QStringLiteral("ContentView")));
+        QVERIFY(h.findVisible("listState"));
+        QVERIFY(!h.findVisible("loadingState"));
+    }
+
+    void cardsBadgesAndSymbols() {
+        UiHarness h;
+        h.model().update({folder("/d/pending", "Waiting"),
+                          folder("/d/scanning", "1 of 6 - Scanning files (10)"),
+                          folder("/d/synced", "Up to date")});
+        QVERIFY(h.load(QStringLiteral("ContentView")));
+        struct Expect {
+            const char *name;
+            const char *word;
+            const char *icon;
+        };
+        for (const Expect &e : {Expect{"pending", "Pending", "arrow.clockwise"},
+                                Expect{"scanning", "Syncing", "arrow.clockwise"},
+                                Expect{"synced", "Synced", "internaldrive"}}) {
+            QQuickItem *card = cardNamed(h, e.name);
+            QVERIFY2(card, e.name);
+            QCOMPARE(childNamed(card, "statusBadgeText")->property("text").toString(),
+                     QString(e.word));
+            QCOMPARE(childNamed(card, "cardName")->property("text").toString(), QString(e.name));
+            // The card's symbol is the folder's icon, as walkDirIcon tells.
+            QCOMPARE(childNamed(card, "cardIcon")->property("name").toString(), QString(e.icon));
+            QCOMPARE(h.model().walkDirIcon(card->property("path").toString()), QString(e.icon));
+            QCOMPARE(childNamed(card, "openFolderButton")->property("helpText").toString(),
+                     "Open folder");
+            QCOMPARE(childNamed(card, "openWebButton")->property("helpText").toString(),
+                     "Open in tarnwick.app");
+            QCOMPARE(childNamed(card, "openWebButton")->property("symbol").toString(), "network");
+            QCOMPARE(card->property("padding").toReal(), 16.0);
+        }
+        // The model's order.
+        auto *list = h.find<QQuickItem>("folderList");
+        QCOMPARE(list->property("count").toInt(), 3);
+        QVERIFY(cardNamed(h, "pending")->mapToScene({0, 0}).y() <
+                cardNamed(h, "scanning")->mapToScene({0, 0}).y());
+        QVERIFY(cardNamed(h, "scanning")->mapToScene({0, 0}).y() <
+                cardNamed(h, "synced")->mapToScene({0, 0}).y());
+        // A status change redraws the card.
+        h.model().update({folder("/d/pending", "Up to date")});
+        QTRY_COMPARE(
+            childNamed(cardNamed(h, "pending"), "statusBadgeText")->property("text").toString(),
+            "Synced");
+    }
+
+    void openButtonsSendTheirRequests() {
+        ScreenWithBackend screen;
+        UiHarness &h = screen.h;
+        h.model().update({folder("/home/u/Work", "Up to date", 7),
+                          folder("/home/u/Big", "Up to date", 9007199254740993LL)});
+        QVERIFY(h.load(QStringLiteral("ContentView")));
+
+        h.click(childNamed(cardNamed(h, "Work"), "openFolderButton"));
+        QTRY_COMPARE(screen.requests("openDirPath").size(), std::size_t(1));
+        QCOMPARE(screen.requests("openDirPath")[0].id, "/home/u/Work");
+        QCOMPARE(screen.requests("openDirPath")[0].data, "");
+        QTRY_VERIFY(!h.model().isWaiting());
+
+        h.click(childNamed(cardNamed(h, "Work"), "openWebButton"));
+        QTRY_COMPARE(screen.requests("openWeb").size(), std::size_t(1));
+        QCOMPARE(screen.requests("openWeb")[0].id, "7");
+        QCOMPARE(screen.requests("openWeb")[0].data, "");
+        QTRY_VERIFY(!h.model().isWaiting());
+
+        // A group ID beyond what a script number holds goes out exactly.
+        h.click(childNamed(cardNamed(h, "Big"), "openWebButton"));
+        QTRY_COMPARE(screen.requests("openWeb").size(), std::size_t(2));
+        QCOMPARE(screen.requests("openWeb")[1].id, "9007199254740993");
+    }
+
+    void hoverEnlargesExactlyOneCard() {
+        UiHarness h;
+        h.model().update({folder("/h/one", "Up to date"), folder("/h/two", "Up to date")});
+        QQuickItem *view = h.load(QStringLiteral("ContentView"));
+        QVERIFY(view);
+        QQuickItem *one = cardNamed(h, "one");
+        QQuickItem *two = cardNamed(h, "two");
+        QVERIFY(one && two);
+        QCOMPARE(one->scale(), 1.0);
+
+        h.hover(childNamed(one, "cardName"));
+        QTRY_COMPARE(view->property("hoveredItem").toString(), "/h/one");
+        QTRY_COMPARE(one->scale(), 1.01);
+        QCOMPARE(two->scale(), 1.0);
+
+        // From one card to the next: one enlarged card, the other back.
+        h.hover(childNamed(two, "cardName"));
+        QTRY_COMPARE(view->property("hoveredItem").toString(), "/h/two");
+        QTRY_COMPARE(two->scale(), 1.01);
+        QTRY_COMPARE(one->scale(), 1.0);
+        // Animated, not a jump: a fresh hover is not at full size at once.
+        QTest::mouseMove(h.window(), QPoint(5, 5));
+        QTRY_COMPARE(view->property("hoveredItem").toString(), "");
+        QTRY_COMPARE(two->scale(), 1.0);
+        QTest::mouseMove(h.window(), childNamed(one, "cardName")->mapToScene({5, 5}).toPoint());
+        QTRY_COMPARE(view->property("hoveredItem").toString(), "/h/one");
+        QVERIFY(one->scale() < 1.01);
+        QTRY_COMPARE(one->scale(), 1.01);
+    }
+
+    void tenThousandFoldersMakeOnlyAScreenfulOfCards() {
+        UiHarness h;
+        std::vector<DirItem> items;
+        items.reserve(10000);
+        for (int i = 0; i < 10000; ++i) {
+            items.push_back(folder("/many/folder" + std::to_string(i),
+                                   i % 3 == 0 ? "Up to date" : "2 of 6 - Uploading file (x) ..."));
+        }
+        h.model().update(items);
+        QVERIFY(h.load(QStringLiteral("ContentView")));
+        auto *list = h.find<QQuickItem>("folderList");
+        QCOMPARE(list->property("count").toInt(), 10000);
+        QCOMPARE(textOf(h, "folderCountText"), "10000 folders");
+        const int made = int(h.findAll(QStringLiteral("syncItemCard")).size());
+        QVERIFY2(made > 3 && made < 60, qPrintable(QString::number(made)));
+        // Scrolling to the end shows the last folder without making the rest.
+        QMetaObject::invokeMethod(list, "positionViewAtEnd");
+        h.settle();
+        QVERIFY(cardNamed(h, "folder9999"));
+        QVERIFY(int(h.findAll(QStringLiteral("syncItemCard")).size()) < 60);
+    }
+};
+
+QTEST_MAIN(StatusTest)
+#include "tst_status.moc"
