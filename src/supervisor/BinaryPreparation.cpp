@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <future>
 #include <memory>
 #include <system_error>
 
@@ -295,8 +296,12 @@ std::optional<QString> BinaryPreparation::getWritableBinaryURL(const QString &na
             "Existing binary is malformed or corrupted, will replace with bundle version"));
         copyNeeded = true;
     } else {
-        const std::optional<std::string> shippedDigest = sha256OfFile(shipped);
+        // Both digests, always; side by side, since each is a pass over tens
+        // of megabytes.
+        auto shippedHash =
+            std::async(std::launch::async, [&shipped] { return sha256OfFile(shipped); });
         const std::optional<std::string> copyDigest = sha256OfFile(destination);
+        const std::optional<std::string> shippedDigest = shippedHash.get();
         if (shippedDigest && copyDigest && *shippedDigest == *copyDigest) {
             log_(QStringLiteral("On-disk kovrit matches bundle (%1\u2026), keeping")
                      .arg(QString::fromStdString(shippedDigest->substr(0, 12))));
