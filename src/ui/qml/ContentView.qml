@@ -49,28 +49,9 @@ Rectangle {
     implicitHeight: 650
 
     // The backend stopped after crashing again and again.
-    ColumnLayout {
-        objectName: "backendFailedState"
+    BackendFailedView {
         visible: ip.backendFailed
-        anchors.centerIn: parent
-        width: parent.width - 48
-        spacing: 16
-
-        InfoPanel {
-            objectName: "backendFailedPanel"
-            Layout.fillWidth: true
-            type: "error"
-            icon: "exclamationmark.triangle.fill"
-            title: "Syncing has stopped"
-            message: ip.error !== "" ? ip.error : "The sync engine is not running."
-        }
-        PrimaryButton {
-            objectName: "restartBackendButton"
-            Layout.alignment: Qt.AlignHCenter
-            text: "Restart backend"
-            symbol: "arrow.clockwise"
-            onClicked: ip.restartBackend()
-        }
+        anchors.fill: parent
     }
 
     // No folders, the model still loading.

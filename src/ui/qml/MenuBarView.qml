@@ -26,7 +26,15 @@ Rectangle {
 
         LoginView {
             objectName: "loginView"
-            visible: !ip.isLoggedIn
+            visible: !ip.isLoggedIn && !ip.backendFailed
+            Layout.fillWidth: true
+            Layout.fillHeight: true
+        }
+
+        // Signing in needs the backend: while it has failed, the way to
+        // start it again stands in the login screen's place.
+        BackendFailedView {
+            visible: !ip.isLoggedIn && ip.backendFailed
             Layout.fillWidth: true
             Layout.fillHeight: true
         }

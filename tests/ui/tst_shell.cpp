@@ -1,0 +1,292 @@
+// The shell's C++ parts: where the popup goes by a tray icon, the window's
+// two modes (popup by the tray, ordinary without one) and its showing,
+// hiding and closing, the tray icon's symbol and menu, the notifications'
+// once-per-occasion rule, and when the client runs without a window.
+#include "ScreenTestSupport.h"
+
+#include "CommandLine.h"
+#include "DesktopClient.h"
+#include "Models.h"
+#include "Notifier.h"
+#include "TrayController.h"
+#include "WindowController.h"
+
+#include <QAction>
+#include <QMenu>
+#include <QQuickWindow>
+#include <QSignalSpy>
+#include <QSystemTrayIcon>
+#include <QTest>
+
+using namespace tarnwick::ui::test;
+using tarnwick::DirItem;
+using tarnwick::ui::Notifier;
+using tarnwick::ui::TrayController;
+using tarnwick::ui::WindowController;
+
+namespace {
+DirItem folder(const std::string &path, const std::string &status) {
+    DirItem item;
+    item.path = path;
+    item.name = path;
+    item.status = status;
+    item.groupID = 1;
+    return item;
+}
+} // namespace
+
+class ShellTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void initTestCase() { UiHarness::prepareApplication(); }
+
+    void popupPosition() {
+        const QRect screen(0, 0, 1280, 800);
+        const QSize size(460, 640);
+        // An icon in a top panel, right: under it, pulled inside the screen.
+        QCOMPARE(WindowController::popupPosition(QRect(1200, 0, 24, 24), size, screen),
+                 QPoint(820, 28));
+        // An icon in the middle of a top panel: centred under it (QRect's
+        // centre rounds down).
+        QCOMPARE(WindowController::popupPosition(QRect(600, 0, 24, 24), size, screen),
+                 QPoint(381, 28));
+        // A bottom panel: above the icon.
+        QCOMPARE(WindowController::popupPosition(QRect(600, 776, 24, 24), size, screen),
+                 QPoint(381, 132));
+        // A left-hand icon in a bottom panel: kept on screen at the left.
+        QCOMPARE(WindowController::popupPosition(QRect(2, 776, 24, 24), size, screen),
+                 QPoint(0, 132));
+        // No icon position known: the top-right corner of the free area.
+        QCOMPARE(WindowController::popupPosition(QRect(), size, QRect(0, 30, 1280, 770)),
+                 QPoint(816, 34));
+        // A screen smaller than the window: its top-left corner.
+        QCOMPARE(
+            WindowController::popupPosition(QRect(100, 0, 24, 24), size, QRect(0, 0, 400, 300)),
+            QPoint(0, 0));
+        // A second screen to the right of the first.
+        QCOMPARE(WindowController::popupPosition(QRect(2500, 0, 24, 24), size,
+                                                 QRect(1280, 0, 1280, 800)),
+                 QPoint(2100, 28));
+    }
+
+    void windowModes() {
+        UiHarness h;
+        WindowController window(h.engine(), h.app());
+        QVERIFY(window.load());
+        QQuickWindow *w = window.window();
+        QVERIFY(w);
+        QCOMPARE(w->title(), "Tarnwick");
+        QVERIFY(!window.isVisible());
+
+        window.setMode(WindowController::Mode::popup);
+        QVERIFY(w->flags().testFlag(Qt::FramelessWindowHint));
+        QVERIFY(w->flags().testFlag(Qt::WindowStaysOnTopHint));
+        QVERIFY(!h.app().framed());
+
+        window.setMode(WindowController::Mode::ordinary);
+        QVERIFY(!w->flags().testFlag(Qt::FramelessWindowHint));
+        QVERIFY(h.app().framed());
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(w));
+        // The content fills the window.
+        auto *root = qobject_cast<QQuickItem *>(w->contentItem()->childItems().value(0));
+        QVERIFY(root);
+        QCOMPARE(root->objectName(), "mainWindowRoot");
+        QCOMPARE(root->size(), QSizeF(w->size()));
+
+        // The ordinary window's close button hides it and says so.
+        QSignalSpy closed(&window, &WindowController::closedByUser);
+        w->close();
+        QCOMPARE(closed.size(), 1);
+        QVERIFY(!window.isVisible());
+    }
+
+    void toggleShowHideAndClose() {
+        UiHarness h;
+        WindowController window(h.engine(), h.app());
+        QVERIFY(window.load());
+        window.setMode(WindowController::Mode::popup);
+        const QRect icon(300, 0, 22, 22);
+        window.toggle(icon);
+        QVERIFY(window.isVisible());
+        QVERIFY(QTest::qWaitForWindowExposed(window.window()));
+        QCOMPARE(window.window()->position(),
+                 WindowController::popupPosition(icon, window.window()->size(),
+                                                 window.window()->screen()->availableGeometry()));
+        window.toggle(icon);
+        QVERIFY(!window.isVisible());
+        window.toggle(icon);
+        QVERIFY(window.isVisible());
+
+        // "Logout" closes the window through the controller.
+        h.app().closeWindow();
+        QVERIFY(!window.isVisible());
+
+        // show() (a second launch, "Open Tarnwick") shows it by the last icon.
+        window.show();
+        QVERIFY(window.isVisible());
+        QCOMPARE(window.window()->position(),
+                 WindowController::popupPosition(icon, window.window()->size(),
+                                                 window.window()->screen()->availableGeometry()));
+    }
+
+    void thePopupHidesWhenItLosesTheFocus() {
+        UiHarness h;
+        WindowController window(h.engine(), h.app());
+        QVERIFY(window.load());
+        window.setMode(WindowController::Mode::popup);
+        window.toggle(QRect(300, 0, 22, 22));
+        QVERIFY(QTest::qWaitForWindowActive(window.window()));
+
+        // Another window takes the focus.
+        QWindow other;
+        other.resize(50, 50);
+        other.show();
+        other.requestActivate();
+        QTRY_VERIFY(!window.isVisible());
+
+        // The click on the tray icon that took the focus does not show it
+        // again at once...
+        window.toggle(QRect(300, 0, 22, 22));
+        QVERIFY(!window.isVisible());
+        // ...a later click does.
+        QTest::qWait(500);
+        window.toggle(QRect(300, 0, 22, 22));
+        QVERIFY(window.isVisible());
+
+        // The ordinary window does not hide on losing the focus.
+        window.hide();
+        window.setMode(WindowController::Mode::ordinary);
+        window.show();
+        QVERIFY(QTest::qWaitForWindowActive(window.window()));
+        other.requestActivate();
+        QTRY_VERIFY(other.isActive());
+        h.settle(100);
+        QVERIFY(window.isVisible());
+    }
+
+    void trayIconFollowsTheModel() {
+        UiHarness h;
+        TrayController tray(h.model(), true);
+        QCOMPARE(tray.symbol(), "arrow.clockwise"); // the model starts loading
+        QVERIFY(!tray.trayIcon()->icon().isNull());
+        h.model().update({folder("/a", "Up to date")});
+        QCOMPARE(h.model().menuBarString(), "internaldrive");
+        QCOMPARE(tray.symbol(), "internaldrive");
+        h.model().update({folder("/b", "1 of 6 - Scanning files (1)")});
+        QCOMPARE(tray.symbol(), "arrow.clockwise");
+
+        // The older-system path always shows the drive.
+        TrayController older(h.model(), false);
+        QCOMPARE(older.symbol(), "internaldrive");
+
+        // The menu Linux users expect.
+        QMenu *menu = tray.trayIcon()->contextMenu();
+        QVERIFY(menu);
+        QStringList texts;
+        for (QAction *action : menu->actions()) {
+            if (!action->isSeparator()) {
+                texts << action->text();
+            }
+        }
+        QCOMPARE(texts, QStringList({"Open Tarnwick", "Quit"}));
+        QSignalSpy open(&tray, &TrayController::openRequested);
+        QSignalSpy quit(&tray, &TrayController::quitRequested);
+        menu->actions().first()->trigger();
+        menu->actions().last()->trigger();
+        QCOMPARE(open.size(), 1);
+        QCOMPARE(quit.size(), 1);
+
+        // A click on the icon toggles the window.
+        QSignalSpy toggle(&tray, &TrayController::toggleRequested);
+        emit tray.trayIcon()->activated(QSystemTrayIcon::Trigger);
+        QCOMPARE(toggle.size(), 1);
+        emit tray.trayIcon()->activated(QSystemTrayIcon::DoubleClick);
+        QCOMPARE(open.size(), 2);
+    }
+
+    void trayIconReadsOnLightAndDarkPanels() {
+        const QIcon icon = TrayController::iconFor(QStringLiteral("internaldrive"));
+        for (const int size : {16, 22, 32}) {
+            const QImage image =
+                icon.pixmap(size, size).toImage().convertToFormat(QImage::Format_ARGB32);
+            QCOMPARE(image.width(), size);
+            int light = 0;
+            int dark = 0;
+            for (int y = 0; y < size; ++y) {
+                for (int x = 0; x < size; ++x) {
+                    const QColor c = image.pixelColor(x, y);
+                    if (c.alpha() < 200) {
+                        continue;
+                    }
+                    if (c.lightness() > 200) {
+                        ++light;
+                    } else if (c.lightness() < 60) {
+                        ++dark;
+                    }
+                }
+            }
+            // Both a light glyph and a dark outline: one of them stands out
+            // on any panel.
+            QVERIFY2(
+                light > size / 2 && dark > size / 2,
+                qPrintable(QStringLiteral("%1: %2 light, %3 dark").arg(size).arg(light).arg(dark)));
+        }
+    }
+
+    void signInNotificationOncePerSignOut() {
+        UiHarness h;
+        bool windowVisible = false;
+        QList<QPair<QString, QString>> shown;
+        Notifier notifier(
+            h.model(), [&] { return windowVisible; },
+            [&](const QString &title, const QString &message) {
+                shown.append({title, message});
+            });
+        QVERIFY(h.model().isLoggedIn());
+        h.model().setIsLoggedIn(false);
+        QCOMPARE(shown.size(), 1);
+        QCOMPARE(shown[0].first, Notifier::signInTitle());
+        // The backend keeps saying so: no repeat.
+        h.model().setIsLoggedIn(false);
+        emit h.model().loginStateReported(false);
+        QCOMPARE(shown.size(), 1);
+        // Signed in, then out again: a new occasion.
+        h.model().setIsLoggedIn(true);
+        QCOMPARE(shown.size(), 1);
+        h.model().setIsLoggedIn(false);
+        QCOMPARE(shown.size(), 2);
+        // With the window open the login screen says it already.
+        h.model().setIsLoggedIn(true);
+        windowVisible = true;
+        h.model().setIsLoggedIn(false);
+        QCOMPARE(shown.size(), 2);
+    }
+
+    void headlessOrWindow() {
+        tarnwick::cli::Invocation run;
+        const auto env = [](std::initializer_list<std::pair<const char *, const char *>> vars) {
+            QProcessEnvironment e;
+            for (const auto &[k, v] : vars) {
+                e.insert(QString::fromLatin1(k), QString::fromLatin1(v));
+            }
+            return e;
+        };
+        using tarnwick::ui::shouldRunHeadless;
+        QVERIFY(shouldRunHeadless(run, env({})));
+        QVERIFY(!shouldRunHeadless(run, env({{"DISPLAY", ":0"}})));
+        QVERIFY(!shouldRunHeadless(run, env({{"WAYLAND_DISPLAY", "wayland-0"}})));
+        QVERIFY(!shouldRunHeadless(run, env({{"QT_QPA_PLATFORM", "offscreen"}})));
+        QVERIFY(shouldRunHeadless(run, env({{"DISPLAY", ""}})));
+        tarnwick::cli::Invocation headless;
+        headless.headless = true;
+        QVERIFY(shouldRunHeadless(headless, env({{"DISPLAY", ":0"}})));
+        // What the command line gives for --headless.
+        QVERIFY(tarnwick::cli::parse({"tarnwick", "--headless"}).headless);
+        QVERIFY(!tarnwick::cli::parse({"tarnwick"}).headless);
+    }
+};
+
+QTEST_MAIN(ShellTest)
+#include "tst_shell.moc"
