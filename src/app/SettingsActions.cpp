@@ -61,14 +61,14 @@ void SettingsActions::removeFolder(const QString &path) {
     refreshGroupsTwice();
 }
 
-void SettingsActions::saveRetention(const GroupItem &edited,
+bool SettingsActions::saveRetention(const GroupItem &edited,
                                     std::function<void(std::optional<QString> error)> done) {
     if (model_.groupsModel()->indexOf(edited.groupID) < 0) {
         model_.log(QStringLiteral("Error: Group not found in ip.groups"));
         if (done) {
             done(QStringLiteral("Group not found"));
         }
-        return;
+        return false;
     }
     const std::int64_t days = edited.retentionSettings && edited.retentionSettings->retentionDays
                                   ? *edited.retentionSettings->retentionDays
@@ -92,6 +92,7 @@ void SettingsActions::saveRetention(const GroupItem &edited,
                 done(failure);
             }
         });
+    return true;
 }
 
 } // namespace tarnwick

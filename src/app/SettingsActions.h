@@ -42,7 +42,9 @@ public:
     Q_INVOKABLE void removeFolder(const QString &path);
     // The retention save: the edit shows at once and is kept while the
     // request is under way. done (when given) hears the request's outcome.
-    void saveRetention(const GroupItem &edited,
+    // False when the group is no longer in the model's list: nothing is sent
+    // (done has then already heard "Group not found").
+    bool saveRetention(const GroupItem &edited,
                        std::function<void(std::optional<QString> error)> done = {});
 
     static constexpr int refreshDelayMs = 500;
