@@ -1,0 +1,228 @@
+import QtQuick
+import QtQuick.Controls.Basic
+import QtQuick.Layouts
+import QtQuick.Templates as T
+import Tarnwick
+
+// The "Settings" tab: the user's sync groups and their folders. Folders and
+// Photos libraries are added here (iCloud locations only after the user
+// confirms), folders are stopped here, and a group's retention is edited
+// here. The Photos instructions and the retention screen take the list's
+// place while they are open.
+Item {
+    id: view
+    objectName: "settingsView"
+
+    // How long after appearing the groups are asked for again, and an empty
+    // list stops saying "Loading..." (tests shorten it).
+    property alias initialRefreshDelay: controller.initialRefreshDelay
+    readonly property alias controller: controller
+    // The context objects, under names the controller's own properties do
+    // not shadow.
+    readonly property var pickerService: typeof pickers !== "undefined" ? pickers : null
+
+    readonly property bool showsInstructions: controller.showPhotoLibraryInstructions
+    readonly property bool showsRetention: !showsInstructions && controller.showRetentionSettings
+                                           && controller.hasSelectedGroup
+    readonly property bool showsList: !showsInstructions && !showsRetention
+    readonly property bool isLoadingGroups: !controller.hasTimeElapsed || ip.isLoading
+
+    SettingsController {
+        id: controller
+        objectName: "settingsController"
+        model: ip
+        actions: settingsActions
+        pickers: view.pickerService
+    }
+
+    // "Appearing": the tab is shown (again).
+    property bool wasVisible: false
+    function noteVisibility() {
+        if (visible && !wasVisible)
+            controller.appeared()
+        wasVisible = visible
+    }
+    onVisibleChanged: noteVisibility()
+    Component.onCompleted: Qt.callLater(noteVisibility)
+
+    PhotoLibraryInstructionsView {
+        anchors.fill: parent
+        visible: view.showsInstructions
+        onCancel: controller.cancelPhotoLibraryInstructions()
+        onContinueRequested: controller.continuePhotoLibraryInstructions()
+    }
+
+    Loader {
+        objectName: "retentionLoader"
+        anchors.fill: parent
+        active: view.showsRetention
+        visible: active
+        sourceComponent: RetentionSettingsView {
+            group: controller.selectedGroup
+            isUpdating: controller.isUpdatingRetention
+            onCancel: controller.cancelRetentionSettings()
+            onSave: retentionDays => controller.saveRetention(group.groupIDText, retentionDays)
+        }
+    }
+
+    Item {
+        objectName: "groupListState"
+        anchors.fill: parent
+        visible: view.showsList
+
+        EmptyStateView {
+            objectName: "groupsEmptyState"
+            anchors.fill: parent
+            visible: controller.groupCount === 0
+            icon: "person.3.fill"
+            title: view.isLoadingGroups ? "Loading..." : "No Groups Found"
+            message: view.isLoadingGroups
+                     ? "Please wait while we load your groups"
+                     : "Log in to the tarnwick website and create a group to get started"
+        }
+
+        ListView {
+            id: list
+            objectName: "groupList"
+            anchors.fill: parent
+            visible: controller.groupCount > 0
+            clip: true
+            spacing: 12
+            topMargin: 16
+            bottomMargin: 16
+            leftMargin: 16
+            rightMargin: 16
+            boundsBehavior: Flickable.StopAtBounds
+            model: controller.groups
+            ScrollBar.vertical: ScrollBar { policy: ScrollBar.AsNeeded }
+
+            header: Item {
+                width: list.width - list.leftMargin - list.rightMargin
+                height: heading.implicitHeight + 12
+
+                RowLayout {
+                    id: heading
+                    width: parent.width
+                    spacing: 8
+
+                    Text {
+                        objectName: "settingsHeading"
+                        text: "Sync Folders"
+                        color: Theme.primary
+                        font.family: Theme.fontFamily
+                        font.pixelSize: Theme.titleSize
+                        font.weight: Font.Bold
+                    }
+                    Item { Layout.fillWidth: true }
+                    Text {
+                        objectName: "groupCountText"
+                        Layout.alignment: Qt.AlignVCenter
+                        text: controller.groupCountText
+                        color: Theme.secondary
+                        font.family: Theme.fontFamily
+                        font.pixelSize: Theme.bodySize
+                    }
+                }
+            }
+
+            delegate: GroupCard {
+                width: list.width - list.leftMargin - list.rightMargin
+                groupIDText: model.groupIDText
+                groupName: model.name
+                walkPaths: model.sortedWalkPaths
+                disabled: ip.isWaiting
+                isICloudSyncedPath: path => controller.isICloudSyncedPath(path)
+
+                onOpenRetentionSettings: controller.openRetentionSettings(groupIDText)
+                onAddPhotoLibrary: controller.addPhotoLibrary(groupName)
+                onAddFolder: controller.handleAddFolder(groupName)
+                onOpenFolder: path => controller.openFolder(path)
+                onRemoveFolder: path => controller.removeFolder(path)
+            }
+        }
+    }
+
+    Dialog {
+        id: iCloudAlert
+        objectName: "iCloudAlert"
+        parent: T.Overlay.overlay
+        anchors.centerIn: parent
+        width: Math.min(340, view.width - 48)
+        modal: true
+        focus: true
+        closePolicy: Popup.CloseOnEscape
+        padding: 20
+        topPadding: 18
+
+        // Escape is the alert's cancel button.
+        onClosed: if (controller.showICloudWarning) controller.cancelICloudWarning()
+
+        Connections {
+            target: controller
+            function onShowICloudWarningChanged() {
+                if (controller.showICloudWarning)
+                    iCloudAlert.open()
+                else
+                    iCloudAlert.close()
+            }
+        }
+
+        background: Rectangle {
+            radius: 12
+            color: Theme.controlBackground
+            border.width: 1
+            border.color: Theme.separator
+        }
+        T.Overlay.modal: Rectangle { color: Qt.rgba(0, 0, 0, 0.25) }
+
+        header: Item {}
+        contentItem: ColumnLayout {
+            spacing: 10
+
+            SymbolIcon {
+                Layout.alignment: Qt.AlignHCenter
+                name: "exclamationmark.icloud.fill"
+                size: 36
+                color: Theme.orange
+            }
+            Text {
+                objectName: "iCloudAlertTitle"
+                Layout.fillWidth: true
+                horizontalAlignment: Text.AlignHCenter
+                text: "iCloud Sync Detected"
+                wrapMode: Text.Wrap
+                color: Theme.primary
+                font.family: Theme.fontFamily
+                font.pixelSize: Theme.headlineSize
+                font.weight: Font.Bold
+            }
+            Text {
+                objectName: "iCloudAlertMessage"
+                Layout.fillWidth: true
+                horizontalAlignment: Text.AlignHCenter
+                text: controller.iCloudWarningMessage
+                wrapMode: Text.Wrap
+                color: Theme.primary
+                font.family: Theme.fontFamily
+                font.pixelSize: Theme.bodySize
+            }
+            RowLayout {
+                Layout.fillWidth: true
+                Layout.topMargin: 8
+                spacing: 10
+
+                Item { Layout.fillWidth: true }
+                SettingsPlainButton {
+                    objectName: "iCloudAlertCancelButton"
+                    text: "Cancel"
+                    onClicked: controller.cancelICloudWarning()
+                }
+                PrimaryButton {
+                    objectName: "iCloudAlertAddAnywayButton"
+                    text: "Add Anyway"
+                    onClicked: controller.confirmICloudWarning()
+                }
+            }
+        }
+    }
+}
