@@ -1,0 +1,224 @@
+// The settings tab end to end: the real model launching the development
+// backend, the real screen, and the folder picker answered by the test. A
+// folder added through the screen syncs to "Up to date" in the model the
+// status tab lists, and a retention change shows at once and is still there
+// in the backend's next group list.
+#include "ItemsProvider.h"
+#include "Pickers.h"
+#include "PollManager.h"
+#include "SettingsActions.h"
+#include "SettingsController.h"
+#include "UiHarness.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QQmlComponent>
+#include <QQmlContext>
+#include <QQmlEngine>
+#include <QQuickItem>
+#include <QQuickWindow>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace tarnwick;
+using tarnwick::ui::Pickers;
+using tarnwick::ui::SettingsController;
+using tarnwick::ui::test::UiHarness;
+
+namespace {
+
+// Types text into the focused item, one key at a time.
+void typeText(QWindow *window, const QString &text) {
+    for (const QChar c : text) {
+        QTest::keyClick(window, c.toLatin1());
+    }
+}
+
+void writeFile(const QString &path, const QByteArray &bytes) {
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly)) {
+        qFatal("cannot write %s", qPrintable(path));
+    }
+    file.write(bytes);
+}
+
+QQuickItem *findIn(QObject *object, const QString &name) {
+    if (object == nullptr) {
+        return nullptr;
+    }
+    auto *item = qobject_cast<QQuickItem *>(object);
+    if (item && object->objectName() == name && UiHarness::isShown(item)) {
+        return item;
+    }
+    if (item) {
+        for (QQuickItem *child : item->childItems()) {
+            if (QQuickItem *found = findIn(child, name)) {
+                return found;
+            }
+        }
+    }
+    for (QObject *child : object->children()) {
+        if (QQuickItem *found = findIn(child, name)) {
+            return found;
+        }
+    }
+    return nullptr;
+}
+
+const DirItem *findFolder(const ItemsProvider &model, const QString &path) {
+    for (const DirItem &item : model.dirItems()) {
+        if (QString::fromStdString(item.path) == path) {
+            return &item;
+        }
+    }
+    return nullptr;
+}
+
+std::optional<std::int64_t> retentionDays(const ItemsProvider &model, std::int64_t id) {
+    const int row = model.groupsModel()->indexOf(id);
+    if (row < 0) {
+        return std::nullopt;
+    }
+    const auto &settings = model.groups()[std::size_t(row)].retentionSettings;
+    return settings ? settings->retentionDays : std::nullopt;
+}
+
+} // namespace
+
+class SettingsEndToEndTest : public QObject {
+    Q_OBJECT
+    QTemporaryDir state_;
+
+private slots:
+    void initTestCase() {
+        UiHarness::prepareApplication();
+        const QString resources = qEnvironmentVariable("TARNWICK_RESOURCES_DIR");
+        QVERIFY2(QFileInfo(resources + "/kovrit-linux-amd64").isExecutable() ||
+                     QFileInfo(resources + "/kovrit-linux-arm64").isExecutable(),
+                 "the development backend must be built into the resources directory");
+        QVERIFY(state_.isValid());
+        qputenv("XDG_DATA_HOME", state_.filePath("data").toUtf8());
+        qputenv("KOVRIT_DEV_STATE", state_.filePath("sync").toUtf8());
+        qputenv("KOVRIT_DEV_CODE", "123456");
+        qunsetenv("KOVRIT_DEV_FAULT");
+    }
+
+    void addAFolderAndChangeRetentionThroughTheScreen() {
+        QStringList log;
+        ItemsProvider::Options options;
+        options.singleInstance = false;
+        options.log = [&log](const QString &line) { log << line; };
+        auto model = std::make_unique<ItemsProvider>(options);
+        SettingsActions actions(*model);
+        Pickers pickers;
+        std::optional<QString> choice;
+        pickers.setRunner([&](const Pickers::Request &) { return choice; });
+
+        // Signed in against the development backend.
+        QTRY_VERIFY_WITH_TIMEOUT(model->pm().kes.hasSharedSecret(), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(!model->isLoggedIn(), 15000);
+        model->setUserName("ana@example.org");
+        model->requestCodeViaEmail("ana@example.org");
+        QTRY_COMPARE_WITH_TIMEOUT(model->error(),
+                                  "6-digit code sent to ana@example.org. Check your email.", 15000);
+        model->performLogin("123456");
+        QTRY_VERIFY_WITH_TIMEOUT(model->isLoggedIn(), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(!model->isWaiting(), 15000);
+
+        // The settings screen, as the window shows it.
+        QQmlEngine engine;
+        // Where the statically linked Tarnwick module keeps its qmldir.
+        engine.addImportPath("qrc:/qt/qml");
+        engine.rootContext()->setContextProperty("ip", model.get());
+        engine.rootContext()->setContextProperty("settingsActions", &actions);
+        engine.rootContext()->setContextProperty("pickers", &pickers);
+        QQuickWindow window;
+        window.resize(450, 650);
+        QQmlComponent component(&engine);
+        component.setData("import Tarnwick\nSettingsView {}\n",
+                          QUrl("qrc:/tarnwick-test/SettingsViewHost.qml"));
+        QVERIFY2(component.isReady(), qPrintable(component.errorString()));
+        std::unique_ptr<QObject> object(
+            component.createWithInitialProperties({{"initialRefreshDelay", 500}}));
+        auto *view = qobject_cast<QQuickItem *>(object.get());
+        QVERIFY2(view, qPrintable(component.errorString()));
+        view->setParentItem(window.contentItem());
+        view->setSize(QSizeF(450, 650));
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        auto *controller = qvariant_cast<SettingsController *>(view->property("controller"));
+        QVERIFY(controller);
+        const auto click = [&](QQuickItem *item) {
+            QVERIFY(item);
+            const QPointF centre = item->mapToScene(QPointF(item->width() / 2, item->height() / 2));
+            QTest::mouseClick(&window, Qt::LeftButton, Qt::NoModifier, centre.toPoint());
+        };
+
+        // A new account's two groups, listed by ID.
+        QTRY_VERIFY_WITH_TIMEOUT(findIn(view, "groupCard1") && findIn(view, "groupCard2"), 15000);
+        QCOMPARE(findIn(findIn(view, "groupCard1"), "groupName")->property("text").toString(),
+                 "Personal");
+        QCOMPARE(findIn(view, "groupCountText")->property("text").toString(), "2 groups");
+
+        // A real folder with a few files, chosen in the folder picker.
+        const QString folder = state_.filePath("Documents");
+        QVERIFY(QDir().mkpath(folder + "/notes"));
+        writeFile(folder + "/a.txt", "alpha");
+        writeFile(folder + "/notes/b.md", "beta");
+        choice = folder;
+        QTRY_VERIFY_WITH_TIMEOUT(!model->isWaiting() && controller->hasTimeElapsed(), 15000);
+        QQuickItem *card = findIn(view, "groupCard1");
+        click(findIn(card, "folderButton"));
+        QTRY_VERIFY_WITH_TIMEOUT(findFolder(*model, folder) &&
+                                     findFolder(*model, folder)->status == "Up to date",
+                                 30000);
+        QCOMPARE(findFolder(*model, folder)->progress(), 1.0);
+        QCOMPARE(findFolder(*model, folder)->groupID, 1);
+        // Its row shows in the Personal card once the groups are refreshed.
+        QTRY_VERIFY_WITH_TIMEOUT(findIn(findIn(view, "groupCard1"), "folderRow"), 15000);
+        QCOMPARE(findIn(findIn(view, "groupCard1"), "folderRow")->property("path").toString(),
+                 folder);
+        QVERIFY(!findIn(findIn(view, "groupCard2"), "folderRow"));
+        QDir().mkpath(UiHarness::screenshotDirectory());
+        window.grabWindow().save(UiHarness::screenshotDirectory() +
+                                 "/settings_end_to_end_folder_added.png");
+
+        // Retention: 30 days for Personal.
+        QTRY_VERIFY_WITH_TIMEOUT(!model->isWaiting(), 15000);
+        click(findIn(findIn(view, "groupCard1"), "retentionButton"));
+        QTRY_VERIFY(findIn(view, "retentionDaysField"));
+        click(findIn(view, "retentionDaysField"));
+        QTest::keyClick(&window, Qt::Key_A, Qt::ControlModifier);
+        typeText(&window, "30");
+        QCOMPARE(findIn(view, "retentionStatusPanel")->property("title").toString(),
+                 "Retention Active");
+        click(findIn(view, "retentionSaveButton"));
+        // At once: the list is back and the model has the new value.
+        QVERIFY(!controller->showRetentionSettings());
+        QCOMPARE(retentionDays(*model, 1).value_or(-1), 30);
+        QVERIFY(log.contains("Updating retention for group 1: 30 days"));
+        // The request completes ...
+        QTRY_VERIFY_WITH_TIMEOUT(log.contains("updateGroup request completed successfully"), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(!controller->isUpdatingRetention(), 15000);
+        QVERIFY(!model->pendingRetentionUpdates().contains(1));
+        // ... and the next group list, now unprotected, still says 30.
+        QSignalSpy replaced(model.get(), &ItemsProvider::groupsReplaced);
+        QTRY_VERIFY_WITH_TIMEOUT(!model->isWaiting(), 15000);
+        model->publish("getGroups", "", "");
+        QTRY_VERIFY_WITH_TIMEOUT(replaced.size() >= 1, 15000);
+        QCOMPARE(retentionDays(*model, 1).value_or(-1), 30);
+        // Reopened, the screen shows the stored value.
+        QTRY_VERIFY_WITH_TIMEOUT(!model->isWaiting(), 15000);
+        click(findIn(findIn(view, "groupCard1"), "retentionButton"));
+        QTRY_VERIFY(findIn(view, "retentionDaysField"));
+        QCOMPARE(findIn(view, "retentionDaysField")->property("text").toString(), "30");
+        click(findIn(view, "retentionCancelButton"));
+
+        object.reset();
+    }
+};
+
+QTEST_MAIN(SettingsEndToEndTest)
+#include "tst_settings_end_to_end.moc"
