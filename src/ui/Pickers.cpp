@@ -2,6 +2,7 @@
 
 #include "FileSystemUtils.h"
 
+#include <QApplication>
 #include <QDir>
 #include <QFileDialog>
 #include <QFileInfo>
@@ -116,12 +117,22 @@ bool Pickers::isMenuBarPopover(const QWindow *window) {
 }
 
 void Pickers::dismissMenuBarPopover() {
+    // Open menus (the tray's context menu) end first; they are not brought
+    // back.
+    for (int guard = 0; guard < 16 && QApplication::activePopupWidget() != nullptr; ++guard) {
+        QApplication::activePopupWidget()->close();
+    }
     const auto windows = QGuiApplication::topLevelWindows();
     for (QWindow *window : windows) {
-        if (window->isVisible() && isMenuBarPopover(window)) {
-            dismissed_.emplace_back(window);
-            window->hide();
+        if (!window->isVisible() || !isMenuBarPopover(window)) {
+            continue;
         }
+        if (window->type() == Qt::Popup || window->type() == Qt::ToolTip) {
+            window->close();
+            continue;
+        }
+        dismissed_.emplace_back(window);
+        window->hide();
     }
 }
 

@@ -50,8 +50,9 @@ public:
     Q_INVOKABLE QString selectDir(const QString &initialPath = QString());
     // The chosen library, or "" when the user cancelled.
     Q_INVOKABLE QString selectPhotoLibrary(const QString &initialPath = QString());
-    // Hides the tray's popup window (and any other window that floats over
-    // the others) until the next picker has been answered.
+    // Closes open menus and popups, and hides the tray's popup window (and
+    // any other window that floats over the others) until the next picker
+    // has been answered.
     Q_INVOKABLE void dismissMenuBarPopover();
 
     // Replaces running the dialog (tests). An empty runner restores the

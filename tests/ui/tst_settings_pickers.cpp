@@ -7,6 +7,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileDialog>
+#include <QMenu>
 #include <QQuickWindow>
 #include <QTemporaryDir>
 #include <QTest>
@@ -182,13 +183,38 @@ private slots:
         QCOMPARE(pickers.selectPhotoLibrary("~/Pictures"), root_.path());
         QVERIFY(!popup.isVisible());
 
-        // A popup window by type, or a menu window by name, makes way too.
+        // A menu window by name makes way too.
         QWindow menu;
         menu.setObjectName("menuBarWindow");
         QVERIFY(Pickers::isMenuBarPopover(&menu));
-        QWindow popupType;
-        popupType.setFlags(Qt::Popup);
-        QVERIFY(Pickers::isMenuBarPopover(&popupType));
+    }
+
+    void openMenusCloseForGood() {
+        // A popup menu (the tray's context menu) is closed, not brought back.
+        QMenu menu;
+        menu.addAction("Open Tarnwick");
+        menu.popup(QPoint(10, 10));
+        QTRY_VERIFY(menu.isVisible());
+        QWindow popup;
+        popup.setFlags(Qt::Popup);
+        popup.resize(50, 50);
+        popup.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&popup));
+        QVERIFY(Pickers::isMenuBarPopover(&popup));
+
+        Pickers pickers;
+        bool menuVisibleDuringPicker = true;
+        bool popupVisibleDuringPicker = true;
+        pickers.setRunner([&](const Pickers::Request &) -> std::optional<QString> {
+            menuVisibleDuringPicker = menu.isVisible();
+            popupVisibleDuringPicker = popup.isVisible();
+            return std::nullopt;
+        });
+        QCOMPARE(pickers.selectDir(), QString());
+        QVERIFY(!menuVisibleDuringPicker);
+        QVERIFY(!popupVisibleDuringPicker);
+        QVERIFY(!menu.isVisible());
+        QVERIFY(!popup.isVisible());
     }
 };
 
