@@ -80,6 +80,7 @@ void configure(QFileDialog &dialog, Pickers::Kind kind, const QString &directory
         dialog.setOption(QFileDialog::ShowDirsOnly, false);
         dialog.setOption(QFileDialog::ReadOnly, true); // no new folders
         dialog.setOption(QFileDialog::HideNameFilterDetails, true);
+        dialog.setLabelText(QFileDialog::FileName, QObject::tr("Library:"));
         dialog.setNameFilter(QObject::tr("Photos library") + QStringLiteral(" (") +
                              anyCaseExtensionPattern() + QLatin1Char(')'));
     }

@@ -4,13 +4,17 @@
 #include "Pickers.h"
 #include "UiHarness.h"
 
+#include <QApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileDialog>
+#include <QFileInfo>
+#include <QLineEdit>
 #include <QMenu>
 #include <QQuickWindow>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QTimer>
 
 using tarnwick::ui::Pickers;
 using tarnwick::ui::test::UiHarness;
@@ -141,6 +145,55 @@ private slots:
         confirm = false;
         select = libraryFolder;
         QCOMPARE(pickers.selectPhotoLibrary("~/Pictures"), QString());
+    }
+
+    void theRealDialogIsModalAndGivesTheChoice() {
+        const QString folder = root_.filePath("Real");
+        const QString library = root_.filePath("Real.photoslibrary");
+        QVERIFY(QDir().mkpath(folder));
+        QVERIFY(QDir().mkpath(library + "/originals"));
+        Pickers pickers; // no runner: the modal dialog itself
+        // Answers the dialog once it is up, as the user would.
+        const auto answer = [&](const QString &select, bool confirm, bool *sawModal,
+                                const QString &screenshot = QString()) {
+            QTimer::singleShot(300, this, [=] {
+                auto *dialog = qobject_cast<QFileDialog *>(QApplication::activeModalWidget());
+                *sawModal = dialog != nullptr && dialog->isVisible();
+                if (!dialog) {
+                    return;
+                }
+                if (!screenshot.isEmpty()) {
+                    QDir().mkpath(UiHarness::screenshotDirectory());
+                    dialog->grab().save(UiHarness::screenshotDirectory() + "/" + screenshot +
+                                        ".png");
+                }
+                // Typed into the dialog's name field, in its starting folder.
+                auto *name = dialog->findChild<QLineEdit *>("fileNameEdit");
+                *sawModal = *sawModal && name != nullptr;
+                if (name) {
+                    name->setText(QFileInfo(select).fileName());
+                }
+                QDialog *asDialog = dialog;
+                if (confirm) {
+                    asDialog->accept();
+                } else {
+                    asDialog->reject();
+                }
+            });
+        };
+        bool modal = false;
+        answer(folder, true, &modal);
+        QCOMPARE(pickers.selectDir(root_.path()), folder);
+        QVERIFY(modal);
+        modal = false;
+        answer(folder, false, &modal);
+        QCOMPARE(pickers.selectDir(root_.path()), QString());
+        QVERIFY(modal);
+        modal = false;
+        touch(root_.filePath("Old.PHOTOSLIBRARY"));
+        answer(library, true, &modal, "settings_library_picker");
+        QCOMPARE(pickers.selectPhotoLibrary(root_.path()), library);
+        QVERIFY(modal);
     }
 
     void thePopupMakesWayForThePicker() {
