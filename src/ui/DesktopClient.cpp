@@ -88,10 +88,14 @@ int runDesktop(int &argc, char **argv) {
     QObject::connect(&model, &ItemsProvider::quitRequested, &application, quit);
     QObject::connect(&tray, &TrayController::quitRequested, &application, quit);
     QObject::connect(&tray, &TrayController::toggleRequested, &window, &WindowController::toggle);
-    QObject::connect(&tray, &TrayController::openRequested, &window, &WindowController::show);
-    // A second launch asks for the window.
+    // "Open Tarnwick", a notification's click and a second launch show the
+    // window by the tray icon.
+    const auto open = [&window, &tray] {
+        window.show(tray.isVisible() ? tray.geometry() : QRect());
+    };
+    QObject::connect(&tray, &TrayController::openRequested, &window, open);
     QObject::connect(&model.pm().instanceGuard(), &runwarden::InstanceGuard::showRequested, &window,
-                     &WindowController::show);
+                     open);
     // Without a tray the window is the only way in: closing it quits.
     QObject::connect(&window, &WindowController::closedByUser, &application, [&] {
         if (!tray.isVisible()) {

@@ -15,6 +15,10 @@ namespace {
 // A focus loss this recent means the click on the tray icon that follows
 // belongs to the same gesture.
 constexpr qint64 kRetoggleGuardMs = 400;
+// Likewise a window shown this recently stays: one click that both opens it
+// (a notification lying over the tray icon) and reaches the icon must not
+// close it again.
+constexpr qint64 kShownGuardMs = 400;
 constexpr int kMarginToIcon = 4;
 } // namespace
 
@@ -95,6 +99,14 @@ void WindowController::show() {
     view_->show();
     view_->raise();
     view_->requestActivate();
+    shownAt_.start();
+}
+
+void WindowController::show(const QRect &anchor) {
+    if (anchor.isValid() && !anchor.isEmpty()) {
+        lastAnchor_ = anchor;
+    }
+    show();
 }
 
 void WindowController::hide() {
@@ -111,6 +123,9 @@ void WindowController::toggle(const QRect &anchor) {
         return;
     }
     if (view_->isVisible()) {
+        if (shownAt_.isValid() && shownAt_.elapsed() < kShownGuardMs) {
+            return;
+        }
         hide();
         return;
     }
@@ -118,10 +133,7 @@ void WindowController::toggle(const QRect &anchor) {
         hiddenOnFocusLoss_.invalidate();
         return;
     }
-    if (anchor.isValid() && !anchor.isEmpty()) {
-        lastAnchor_ = anchor;
-    }
-    show();
+    show(anchor);
 }
 
 void WindowController::placeNear(const QRect &anchor) {

@@ -41,6 +41,8 @@ public:
     // Shows the window (raised and focused): the popup by the last known
     // tray icon position.
     void show();
+    // The same, by a tray icon at `anchor` (ignored when empty).
+    void show(const QRect &anchor);
     void hide();
     // The tray icon's click: hides a shown popup, else shows it by the icon
     // (anchor: the icon's rectangle on screen; empty when unknown).
@@ -69,6 +71,7 @@ private:
     // When the popup last hid itself on losing the focus: a click on the
     // tray icon takes the focus first, and must not show it again at once.
     QElapsedTimer hiddenOnFocusLoss_;
+    QElapsedTimer shownAt_;
     bool hiding_ = false;
 };
 
