@@ -279,7 +279,7 @@ private slots:
             skipped = true;
             QSKIP("Xvfb is not installed");
         }
-        for (const char *tool : {"trayer", "xdotool", "xwd"}) {
+        for (const char *tool : {"trayer", "xdotool", "xwd", "xwininfo", "xprop"}) {
             QVERIFY2(
                 !QStandardPaths::findExecutable(tool).isEmpty(),
                 qPrintable(QStringLiteral("%1 is missing (scripts/setup installs it)").arg(tool)));
@@ -287,7 +287,8 @@ private slots:
         xdotool_ = QStandardPaths::findExecutable("xdotool");
 
         // Xvfb picks a free display itself and writes its number to fd 1.
-        xvfb_.start(xvfb, {"-displayfd", "1", "-screen", "0", "1280x800x24", "-nolisten", "tcp"});
+        xvfb_.start(xvfb, {"-displayfd", "1", "-screen", "0", "1280x800x24", "-nolisten", "tcp",
+                           "-noreset"});
         QElapsedTimer waited;
         waited.start();
         while (display_.isEmpty() && waited.elapsed() < 15000 &&
@@ -457,6 +458,40 @@ private slots:
         QVERIFY(logFile.open(QIODevice::ReadOnly));
         const QByteArray log = logFile.readAll();
         QVERIFY2(!log.contains("logoutAndExit"), "Quit sends nothing to the backend");
+    }
+
+    void withoutATrayTheWindowIsAnOrdinaryOne() {
+        // The tray host goes away: the next client shows its window at once,
+        // framed, and its "Quit" ends it and its backend.
+        stop(trayer_);
+        QTRY_VERIFY_WITH_TIMEOUT(visibleWindows({"--class", "trayer"}).isEmpty(), 10000);
+        const QString program = qEnvironmentVariable("TARNWICK_BUILD_DIR") + "/bin/tarnwick";
+        QProcess client;
+        client.setProcessEnvironment(env_);
+        client.setProcessChannelMode(QProcess::MergedChannels);
+        client.setStandardOutputFile(qEnvironmentVariable("TARNWICK_BUILD_DIR") +
+                                     "/screenshots/desktop-smoke-no-tray-client.log");
+        client.start(program, {});
+        QVERIFY(client.waitForStarted(5000));
+        std::optional<std::pair<qulonglong, Geometry>> window;
+        QTRY_VERIFY_WITH_TIMEOUT((window = shownWindow()).has_value(), 30000);
+        // No tray icon anywhere.
+        for (const qulonglong id : visibleWindows({"--class", "tarnwick"})) {
+            const auto g = geometryOf(id);
+            QVERIFY(g && g->width > 64);
+        }
+        // It asks the window manager for a frame (no frameless hint).
+        const auto hints = run(QStandardPaths::findExecutable("xprop"),
+                               {"-id", QString::number(window->first), "_MOTIF_WM_HINTS"});
+        QVERIFY(hints);
+        QVERIFY2(!hints->contains("0x2, 0x0, 0x0"), qPrintable(*hints));
+        QTest::qWait(300);
+        screenshot(QStringLiteral("desktop-smoke-no-tray"));
+
+        const Geometry g = window->second;
+        QVERIFY(click(QPoint(g.x + g.width - 36, g.y + g.height - 26)));
+        QVERIFY2(client.waitForFinished(15000), "the client should end after Quit");
+        QCOMPARE(client.exitCode(), 0);
     }
 
     void cleanupTestCase() {
