@@ -231,6 +231,26 @@ private:
     // A real pointer click (XTEST) at a screen position. (No --sync: it
     // would wait for a movement that never comes when the pointer is there
     // already.)
+    // Waits until the window is shown (or, with shown false, hidden) in a
+    // few polls in a row, so that a window still being mapped or sized does
+    // not count; the window when shown.
+    std::optional<std::pair<qulonglong, Geometry>> settledWindow(bool shown, int timeoutMs) {
+        QElapsedTimer timer;
+        timer.start();
+        int inARow = 0;
+        std::optional<std::pair<qulonglong, Geometry>> last;
+        while (timer.elapsed() < timeoutMs) {
+            const auto now = shownWindow();
+            inARow = now.has_value() == shown ? inARow + 1 : 0;
+            last = now;
+            if (inARow >= 3) {
+                return last;
+            }
+            QTest::qWait(100);
+        }
+        return shown ? std::nullopt : last;
+    }
+
     bool click(QPoint at) {
         return run(xdotool_, {"mousemove", QString::number(at.x()), QString::number(at.y()),
                               "sleep", "0.2", "click", "1"})
@@ -412,8 +432,8 @@ private slots:
 
         QVERIFY(click(icon->centre()));
         std::optional<std::pair<qulonglong, Geometry>> window;
-        QTRY_VERIFY2_WITH_TIMEOUT((window = shownWindow()).has_value(), diagnosis().constData(),
-                                  10000);
+        window = settledWindow(true, 10000);
+        QVERIFY2(window.has_value(), diagnosis().constData());
         const Geometry w = window->second;
         const auto info = run(QStandardPaths::findExecutable("xwininfo"),
                               {"-id", QString::number(window->first)});
@@ -434,7 +454,7 @@ private slots:
 
         // A click on the icon hides it; a second launch brings it back.
         QVERIFY(click(icon->centre()));
-        QTRY_VERIFY_WITH_TIMEOUT(!shownWindow(), 10000);
+        QVERIFY(!settledWindow(false, 10000).has_value());
         QProcess second;
         second.setProcessEnvironment(env_);
         second.setProcessChannelMode(QProcess::MergedChannels);
@@ -443,8 +463,8 @@ private slots:
         QCOMPARE(second.exitCode(), 0);
         QVERIFY2(second.readAll().contains("Application already opened.  Exiting ..."),
                  "the second launch should say it leaves the running one");
-        QTRY_VERIFY2_WITH_TIMEOUT((window = shownWindow()).has_value(), diagnosis().constData(),
-                                  10000);
+        window = settledWindow(true, 10000);
+        QVERIFY2(window.has_value(), diagnosis().constData());
         QCOMPARE(client_.state(), QProcess::Running);
 
         // "Quit", the right-most button of the footer, by a real click.
@@ -474,7 +494,8 @@ private slots:
         client.start(program, {});
         QVERIFY(client.waitForStarted(5000));
         std::optional<std::pair<qulonglong, Geometry>> window;
-        QTRY_VERIFY_WITH_TIMEOUT((window = shownWindow()).has_value(), 30000);
+        window = settledWindow(true, 30000);
+        QVERIFY2(window.has_value(), diagnosis().constData());
         // No tray icon anywhere.
         for (const qulonglong id : visibleWindows({"--class", "tarnwick"})) {
             const auto g = geometryOf(id);
