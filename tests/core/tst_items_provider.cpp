@@ -4,6 +4,7 @@
 #include "ItemsProvider.h"
 #include "LaunchAtLogin.h"
 #include "PollManager.h"
+#include "RecordBuilders.h"
 
 #include <QCoreApplication>
 #include <QFile>
@@ -18,32 +19,10 @@
 #include <unistd.h>
 
 using namespace tarnwick;
+using tarnwick::test::folder;
+using tarnwick::test::group;
 
 namespace {
-
-DirItem folder(const std::string &path, const std::string &status, std::int64_t group = 1) {
-    DirItem item;
-    item.path = path;
-    item.name = path.substr(path.rfind('/') + 1);
-    item.status = status;
-    item.groupID = group;
-    item.enabled = true;
-    return item;
-}
-
-GroupItem group(std::int64_t id, const std::string &name, std::vector<std::string> paths,
-                std::optional<std::int64_t> days = std::nullopt) {
-    GroupItem g;
-    g.groupID = id;
-    g.name = name;
-    g.walkPaths = std::move(paths);
-    if (days) {
-        RetentionSettings settings;
-        settings.retentionDays = days;
-        g.retentionSettings = settings;
-    }
-    return g;
-}
 
 // One model with a scripted backend listening on its port.
 struct Fixture {

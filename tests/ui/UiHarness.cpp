@@ -224,4 +224,10 @@ void UiHarness::hover(QQuickItem *item) {
     settle(20);
 }
 
+void UiHarness::typeText(QWindow *window, const QString &text) {
+    for (const QChar c : text) {
+        QTest::keyClick(window, c.toLatin1());
+    }
+}
+
 } // namespace tarnwick::ui::test

@@ -90,6 +90,8 @@ public:
     // failure, with a warning).
     QImage grab(const QString &name);
     static QString screenshotDirectory();
+    // Types text into the window's focused item, one key at a time.
+    static void typeText(QWindow *window, const QString &text);
 
     // Clicks an item in the middle through real mouse events.
     void click(QQuickItem *item);

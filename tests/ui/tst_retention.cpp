@@ -19,13 +19,6 @@ using tarnwick::ui::test::UiHarness;
 
 namespace {
 
-// Types text into the focused item, one key at a time.
-void typeText(QWindow *window, const QString &text) {
-    for (const QChar c : text) {
-        QTest::keyClick(window, c.toLatin1());
-    }
-}
-
 QDateTime utc(int y, int m, int d, int h, int min) {
     return QDateTime(QDate(y, m, d), QTime(h, min), Qt::UTC);
 }
@@ -175,12 +168,12 @@ private slots:
         // Typing switches the panel at once; an unparsable text keeps it.
         h.click(field);
         QTest::keyClick(h.window(), Qt::Key_A, Qt::ControlModifier);
-        typeText(h.window(), "30");
+        UiHarness::typeText(h.window(), "30");
         QCOMPARE(panel->property("title").toString(), "Retention Active");
         QCOMPARE(panel->property("icon").toString(), "info.circle");
         QCOMPARE(panel->property("message").toString(),
                  "Deleted files older than 30 days will be permanently removed");
-        typeText(h.window(), "x");
+        UiHarness::typeText(h.window(), "x");
         QCOMPARE(textOf(field), "30x");
         QCOMPARE(panel->property("message").toString(),
                  "Deleted files older than 30 days will be permanently removed");

@@ -2,6 +2,7 @@
 // $TARNWICK_BUILD_DIR/screenshots/<state>.png for people to look at: the
 // login screen empty and with its status box, the status tab loading, empty,
 // with one folder and with many, and the older systems' footer.
+#include "RecordBuilders.h"
 #include "ScreenTestSupport.h"
 
 #include "Models.h"
@@ -12,18 +13,9 @@
 
 using namespace tarnwick::ui::test;
 using tarnwick::DirItem;
+using tarnwick::test::folder;
 
 namespace {
-
-DirItem folder(const std::string &path, const std::string &status) {
-    DirItem item;
-    item.path = path;
-    item.name = path.substr(path.rfind('/') + 1);
-    item.status = status;
-    item.groupID = 1;
-    item.enabled = true;
-    return item;
-}
 
 // Saves the window and checks that something was drawn: the right size and
 // more than a handful of colours.

@@ -8,6 +8,7 @@
 #include "Models.h"
 #include "Pickers.h"
 #include "PollManager.h"
+#include "RecordBuilders.h"
 #include "SettingsActions.h"
 #include "SettingsController.h"
 #include "UiHarness.h"
@@ -23,32 +24,13 @@
 #include <mutex>
 
 using namespace tarnwick;
+using tarnwick::test::folder;
+using tarnwick::test::group;
 using tarnwick::ui::Pickers;
 using tarnwick::ui::SettingsController;
 using tarnwick::ui::test::UiHarness;
 
 namespace {
-
-// Types text into the focused item, one key at a time.
-void typeText(QWindow *window, const QString &text) {
-    for (const QChar c : text) {
-        QTest::keyClick(window, c.toLatin1());
-    }
-}
-
-GroupItem group(std::int64_t id, const std::string &name, std::vector<std::string> paths = {},
-                std::optional<std::int64_t> days = std::nullopt) {
-    GroupItem g;
-    g.groupID = id;
-    g.name = name;
-    g.walkPaths = std::move(paths);
-    if (days) {
-        RetentionSettings settings;
-        settings.retentionDays = days;
-        g.retentionSettings = settings;
-    }
-    return g;
-}
 
 void touch(const QString &path) {
     QFile file(path);
@@ -777,7 +759,7 @@ private slots:
         QCOMPARE(textOf(field), "0");
         s.h.click(field);
         QTest::keyClick(s.h.window(), Qt::Key_A, Qt::ControlModifier);
-        typeText(s.h.window(), "30");
+        UiHarness::typeText(s.h.window(), "30");
         QCOMPARE(textOf(field), "30");
         // The panel follows the typed number before anything is saved.
         QCOMPARE(panel->property("title").toString(), "Retention Active");
@@ -839,7 +821,7 @@ private slots:
             QCOMPARE(textOf(s.h.findVisible("retentionDaysField")), "14");
             s.h.click(s.h.findVisible("retentionDaysField"));
             QTest::keyClick(s.h.window(), Qt::Key_A, Qt::ControlModifier);
-            typeText(s.h.window(), "0");
+            UiHarness::typeText(s.h.window(), "0");
             QCOMPARE(s.h.findVisible("retentionStatusPanel")->property("title").toString(),
                      "Full Retention");
             s.h.click(s.h.findVisible(leave));
@@ -880,7 +862,7 @@ private slots:
         QTRY_VERIFY(s.h.findVisible("retentionDaysField"));
         s.h.click(s.h.findVisible("retentionDaysField"));
         QTest::keyClick(s.h.window(), Qt::Key_A, Qt::ControlModifier);
-        typeText(s.h.window(), "9");
+        UiHarness::typeText(s.h.window(), "9");
         s.h.click(s.h.findVisible("retentionSaveButton"));
         QCOMPARE(s.h.model().groups()[0].retentionSettings->retentionDays.value_or(-1), 9);
         QTRY_VERIFY_WITH_TIMEOUT(!s.controller()->isUpdatingRetention(), 5000);

@@ -29,13 +29,6 @@ using tarnwick::ui::test::UiHarness;
 
 namespace {
 
-// Types text into the focused item, one key at a time.
-void typeText(QWindow *window, const QString &text) {
-    for (const QChar c : text) {
-        QTest::keyClick(window, c.toLatin1());
-    }
-}
-
 void writeFile(const QString &path, const QByteArray &bytes) {
     QFile file(path);
     if (!file.open(QIODevice::WriteOnly)) {
@@ -191,7 +184,7 @@ private slots:
         QTRY_VERIFY(findIn(view, "retentionDaysField"));
         click(findIn(view, "retentionDaysField"));
         QTest::keyClick(&window, Qt::Key_A, Qt::ControlModifier);
-        typeText(&window, "30");
+        UiHarness::typeText(&window, "30");
         QCOMPARE(findIn(view, "retentionStatusPanel")->property("title").toString(),
                  "Retention Active");
         click(findIn(view, "retentionSaveButton"));

@@ -3,6 +3,7 @@
 // singular and plural, the cards' badges and buttons and what they send, the
 // hover mark, a list of ten thousand folders, and the footer-less tab's
 // failure view.
+#include "RecordBuilders.h"
 #include "ScreenTestSupport.h"
 
 #include "Models.h"
@@ -12,18 +13,9 @@
 
 using namespace tarnwick::ui::test;
 using tarnwick::DirItem;
+using tarnwick::test::folder;
 
 namespace {
-
-DirItem folder(const std::string &path, const std::string &status, std::int64_t groupID = 1) {
-    DirItem item;
-    item.path = path;
-    item.name = path.substr(path.rfind('/') + 1);
-    item.status = status;
-    item.groupID = groupID;
-    item.enabled = true;
-    return item;
-}
 
 QString textOf(UiHarness &h, const QString &name) {
     QObject *object = h.findVisible(name);
