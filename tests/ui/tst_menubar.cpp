@@ -10,6 +10,7 @@
 #include <QCoreApplication>
 #include <QSignalSpy>
 #include <QTest>
+#include <QtMath>
 
 using namespace tarnwick::ui::test;
 using tarnwick::ui::UpdaterViewModel;
@@ -98,7 +99,11 @@ private slots:
         UiHarness h;
         auto updater = makeUpdater(true);
         h.setContextProperty(QStringLiteral("updater"), updater.get());
-        QVERIFY(h.load(QStringLiteral("MenuBarView")));
+        // At the size the window gives it: the view's own width.
+        QQuickItem *probe = h.load(QStringLiteral("MenuBarView"));
+        QVERIFY(probe);
+        const int width = qCeil(probe->implicitWidth());
+        QVERIFY(h.load(QStringLiteral("MenuBarView"), QSize(width, 650)));
         QQuickItem *toggle = shown(h, "launchAtLoginToggle");
         QQuickItem *update = shown(h, "checkForUpdatesButton");
         QQuickItem *logout = shown(h, "logoutButton");
@@ -123,6 +128,8 @@ private slots:
         QVERIFY(x(update) < x(logout));
         QVERIFY(x(logout) < x(version));
         QVERIFY(x(version) < x(quit));
+        // Everything fits in the window.
+        QVERIFY(x(quit) + quit->width() <= h.window()->width());
 
         // The button asks the updater for an interactive check.
         QTRY_VERIFY_WITH_TIMEOUT(updater->canCheckForUpdates(), 10000);
@@ -132,6 +139,14 @@ private slots:
         QTRY_VERIFY(started.size() >= 1);
         QTRY_VERIFY_WITH_TIMEOUT(updater->canCheckForUpdates(), 10000);
         QVERIFY(updater->lastUpdateCheckDate() != before || started.size() >= 2);
+
+        // The user sees what the check found, and the update settings.
+        QTRY_VERIFY(shown(h, "updateStatusText"));
+        QCOMPARE(shown(h, "updateStatusText")->property("text").toString(), updater->statusText());
+        QVERIFY(!updater->statusText().isEmpty());
+        QVERIFY(shown(h, "automaticallyChecksToggle"));
+        QVERIFY(shown(h, "automaticallyDownloadsToggle"));
+        h.grab(QStringLiteral("footer-update-check"));
     }
 
     void footerWithoutAnUpdateFeed() {

@@ -12,7 +12,7 @@ Rectangle {
     color: Theme.windowBackground
     border.width: app.framed ? 0 : 1
     border.color: Theme.separator
-    implicitWidth: 460
+    implicitWidth: content.implicitWidth + 10
     implicitHeight: 640
 
     MenuBarView {

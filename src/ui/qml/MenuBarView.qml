@@ -17,7 +17,8 @@ Rectangle {
     property alias currentTab: tabBar.currentIndex
 
     color: Theme.windowBackground
-    implicitWidth: 450
+    // The footer's update button needs room beside the other controls.
+    implicitWidth: app.isMacOS13 && updaterConfigured ? 540 : 450
     implicitHeight: 650
 
     ColumnLayout {
@@ -146,7 +147,11 @@ Rectangle {
                 symbol: "arrow.down.circle"
                 text: "Check for Updates"
                 helpText: "Check for app updates"
-                onClicked: updater.checkForUpdates()
+                enabled: view.updaterConfigured && updater.canCheckForUpdates
+                onClicked: {
+                    updater.checkForUpdates()
+                    updatesPanel.open()
+                }
             }
             IconButton {
                 objectName: "logoutButton"
@@ -173,6 +178,39 @@ Rectangle {
                 objectName: "quitButton"
                 text: "Quit"
                 onClicked: app.quit()
+            }
+        }
+    }
+
+    // What a check found, and the two update settings, above the footer.
+    Popup {
+        id: updatesPanel
+        objectName: "updatesPanel"
+        x: 12
+        y: parent.height - height - 56
+        width: parent.width - 24
+        padding: 16
+        modal: false
+        closePolicy: Popup.CloseOnEscape | Popup.CloseOnPressOutside
+        background: Rectangle {
+            radius: 12
+            color: Theme.controlBackground
+            border.color: Qt.rgba(0, 0, 0, 0.1)
+        }
+        contentItem: ColumnLayout {
+            spacing: 12
+            Text {
+                text: "Software Update"
+                font.family: Theme.fontFamily
+                font.pixelSize: Theme.bodySize
+                font.bold: true
+                color: Theme.primary
+            }
+            CheckForUpdatesView {
+                Layout.fillWidth: true
+            }
+            UpdaterSettingsView {
+                Layout.fillWidth: true
             }
         }
     }
