@@ -36,6 +36,28 @@ class LumacryptKeyExchange : public QObject {
     Q_OBJECT
 
 private slots:
+    void keyObjectsShareAndHandOverTheirKey() {
+        const PrivateKey original = P256PrivateStore();
+        const Bytes raw = original.rawRepresentation();
+        PrivateKey copy = original; // shares the key
+        QCOMPARE(copy.native(), original.native());
+        QVERIFY(copy.rawRepresentation() == raw);
+        PrivateKey moved = std::move(copy); // hands it over
+        QVERIFY(copy.native() == nullptr);
+        QCOMPARE(moved.native(), original.native());
+        QCOMPARE(moved.curve(), KeyExchangeCurve::p256);
+        PrivateKey assigned = Curve25519PrivateStore();
+        assigned = moved;
+        QVERIFY(assigned.rawRepresentation() == raw);
+        assigned = *&assigned; // self-assignment keeps the key
+        QVERIFY(assigned.rawRepresentation() == raw);
+        PublicKey publicKey = original.publicKey();
+        const PublicKey publicCopy = publicKey;
+        publicKey = PublicKey();
+        QVERIFY(publicKey.native() == nullptr);
+        QVERIFY(publicCopy.rawRepresentation() == original.publicKey().rawRepresentation());
+    }
+
     void enumerationsAreOneByteTagsInOrder() {
         static_assert(sizeof(KeyExchangeCurve) == 1 && sizeof(KeyExchangeKDF) == 1 &&
                       sizeof(KeyExchangeAEAD) == 1 && sizeof(KeyExchangeError) == 1);

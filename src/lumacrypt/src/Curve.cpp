@@ -256,93 +256,44 @@ Bytes nistPublicRaw(KeyExchangeCurve curve, EVP_PKEY *key) {
 
 // ---- key objects --------------------------------------------------------------------------
 
-PublicKey::PublicKey(const PublicKey &other) : curve_(other.curve_), key_(other.key_) {
+namespace detail {
+
+KeyHandle::KeyHandle(const KeyHandle &other) noexcept : key_(other.key_) {
     if (key_ != nullptr) {
         EVP_PKEY_up_ref(key_);
     }
 }
 
-PublicKey::PublicKey(PublicKey &&other) noexcept : curve_(other.curve_), key_(other.key_) {
-    other.key_ = nullptr;
-}
-
-PublicKey &PublicKey::operator=(const PublicKey &other) {
-    if (this != &other) {
-        PublicKey copy(other);
-        *this = std::move(copy);
-    }
-    return *this;
-}
-
-PublicKey &PublicKey::operator=(PublicKey &&other) noexcept {
-    if (this != &other) {
-        EVP_PKEY_free(key_);
-        curve_ = other.curve_;
-        key_ = other.key_;
-        other.key_ = nullptr;
-    }
-    return *this;
-}
-
-PublicKey::~PublicKey() {
+KeyHandle::~KeyHandle() {
     EVP_PKEY_free(key_);
 }
 
+} // namespace detail
+
 Bytes PublicKey::rawRepresentation() const {
-    if (key_ == nullptr) {
+    if (key_.get() == nullptr) {
         throw KeyExchangeException(KeyExchangeError::invalidKey);
     }
     if (curve_ == KeyExchangeCurve::curve25519) {
         Bytes raw(kX25519KeySize);
         std::size_t length = raw.size();
-        if (EVP_PKEY_get_raw_public_key(key_, raw.data(), &length) != 1 || length != raw.size()) {
+        if (EVP_PKEY_get_raw_public_key(key_.get(), raw.data(), &length) != 1 ||
+            length != raw.size()) {
             throwCrypto(Kind::underlying, "X25519 public key export failed");
         }
         return raw;
     }
-    return nistPublicRaw(curve_, key_);
-}
-
-PrivateKey::PrivateKey(const PrivateKey &other) : curve_(other.curve_), key_(other.key_) {
-    if (key_ != nullptr) {
-        EVP_PKEY_up_ref(key_);
-    }
-}
-
-PrivateKey::PrivateKey(PrivateKey &&other) noexcept : curve_(other.curve_), key_(other.key_) {
-    other.key_ = nullptr;
-}
-
-PrivateKey &PrivateKey::operator=(const PrivateKey &other) {
-    if (this != &other) {
-        PrivateKey copy(other);
-        *this = std::move(copy);
-    }
-    return *this;
-}
-
-PrivateKey &PrivateKey::operator=(PrivateKey &&other) noexcept {
-    if (this != &other) {
-        EVP_PKEY_free(key_);
-        curve_ = other.curve_;
-        key_ = other.key_;
-        other.key_ = nullptr;
-    }
-    return *this;
-}
-
-PrivateKey::~PrivateKey() {
-    EVP_PKEY_free(key_);
+    return nistPublicRaw(curve_, key_.get());
 }
 
 SecretBytes PrivateKey::rawSecret() const {
-    if (key_ == nullptr) {
+    if (key_.get() == nullptr) {
         throw KeyExchangeException(KeyExchangeError::invalidKey);
     }
     if (curve_ == KeyExchangeCurve::curve25519) {
         SecretBytes raw(Bytes(kX25519KeySize, 0));
         std::size_t length = raw.size();
-        if (EVP_PKEY_get_raw_private_key(key_, raw.mutableBytes().data(), &length) != 1 ||
+        if (EVP_PKEY_get_raw_private_key(key_.get(), raw.mutableBytes().data(), &length) != 1 ||
             length != raw.size()) {
             throwCrypto(Kind::underlying, "X25519 private key export failed");
         }
@@ -353,7 +304,7 @@ SecretBytes PrivateKey::rawSecret() const {
         throwInvalidCurve();
     }
     BIGNUM *scalar = nullptr;
-    if (EVP_PKEY_get_bn_param(key_, OSSL_PKEY_PARAM_PRIV_KEY, &scalar) != 1) {
+    if (EVP_PKEY_get_bn_param(key_.get(), OSSL_PKEY_PARAM_PRIV_KEY, &scalar) != 1) {
         throwCrypto(Kind::underlying, "EC private key export failed");
     }
     BNPtr owned(scalar);
@@ -369,28 +320,29 @@ Bytes PrivateKey::rawRepresentation() const {
 }
 
 PublicKey PrivateKey::publicKey() const {
-    if (key_ == nullptr) {
+    if (key_.get() == nullptr) {
         throw KeyExchangeException(KeyExchangeError::invalidKey);
     }
     if (curve_ == KeyExchangeCurve::curve25519) {
         std::array<std::uint8_t, kX25519KeySize> raw{};
         std::size_t length = raw.size();
-        if (EVP_PKEY_get_raw_public_key(key_, raw.data(), &length) != 1 || length != raw.size()) {
+        if (EVP_PKEY_get_raw_public_key(key_.get(), raw.data(), &length) != 1 ||
+            length != raw.size()) {
             throwCrypto(Kind::underlying, "X25519 public key export failed");
         }
         return x25519PublicFromRaw(raw);
     }
-    return nistPublicFromRaw(curve_, nistPublicRaw(curve_, key_));
+    return nistPublicFromRaw(curve_, nistPublicRaw(curve_, key_.get()));
 }
 
 AgreedSecret PrivateKey::sharedSecretFromKeyAgreement(const PublicKey &publicKey) const {
-    if (key_ == nullptr || publicKey.native() == nullptr) {
+    if (key_.get() == nullptr || publicKey.native() == nullptr) {
         throw KeyExchangeException(KeyExchangeError::invalidKey);
     }
     if (publicKey.curve() != curve_) {
         throw CryptoError(Kind::incorrectKeySize, "public key belongs to another curve");
     }
-    PKeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(nullptr, key_, nullptr));
+    PKeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(nullptr, key_.get(), nullptr));
     if (!ctx || EVP_PKEY_derive_init(ctx.get()) != 1) {
         throwCrypto(Kind::underlying, "key agreement setup failed");
     }

@@ -14,24 +14,44 @@
 
 namespace lumacrypt {
 
+namespace detail {
+// One counted reference to an OpenSSL key: copies share the key, moves hand
+// the reference over, and the last one frees it.
+class KeyHandle {
+public:
+    KeyHandle() noexcept = default;
+    // Takes ownership of one reference to `key`.
+    explicit KeyHandle(EVP_PKEY *key) noexcept : key_(key) {}
+    KeyHandle(const KeyHandle &other) noexcept;
+    KeyHandle(KeyHandle &&other) noexcept : key_(other.key_) { other.key_ = nullptr; }
+    KeyHandle &operator=(KeyHandle other) noexcept {
+        EVP_PKEY *mine = key_;
+        key_ = other.key_;
+        other.key_ = mine;
+        return *this;
+    }
+    ~KeyHandle();
+
+    EVP_PKEY *get() const noexcept { return key_; }
+
+private:
+    EVP_PKEY *key_ = nullptr;
+};
+} // namespace detail
+
 class PublicKey {
 public:
     PublicKey() noexcept = default;
     // Takes ownership of one reference to `key`.
     PublicKey(KeyExchangeCurve curve, EVP_PKEY *key) noexcept : curve_(curve), key_(key) {}
-    PublicKey(const PublicKey &);
-    PublicKey(PublicKey &&) noexcept;
-    PublicKey &operator=(const PublicKey &);
-    PublicKey &operator=(PublicKey &&) noexcept;
-    ~PublicKey();
 
     KeyExchangeCurve curve() const noexcept { return curve_; }
     Bytes rawRepresentation() const;
-    EVP_PKEY *native() const noexcept { return key_; }
+    EVP_PKEY *native() const noexcept { return key_.get(); }
 
 private:
     KeyExchangeCurve curve_ = KeyExchangeCurve::unknown;
-    EVP_PKEY *key_ = nullptr;
+    detail::KeyHandle key_;
 };
 
 class PrivateKey {
@@ -39,11 +59,6 @@ public:
     PrivateKey() noexcept = default;
     // Takes ownership of one reference to `key`.
     PrivateKey(KeyExchangeCurve curve, EVP_PKEY *key) noexcept : curve_(curve), key_(key) {}
-    PrivateKey(const PrivateKey &);
-    PrivateKey(PrivateKey &&) noexcept;
-    PrivateKey &operator=(const PrivateKey &);
-    PrivateKey &operator=(PrivateKey &&) noexcept;
-    ~PrivateKey();
 
     KeyExchangeCurve curve() const noexcept { return curve_; }
     // The raw private key (secret: wipe it when done, or use rawSecret()).
@@ -54,11 +69,11 @@ public:
     // (invalidPoint for an all-zero X25519 result, incorrectKeySize for a curve mismatch).
     Bytes sharedSecretFromKeyAgreementData(const PublicKey &publicKey) const;
     AgreedSecret sharedSecretFromKeyAgreement(const PublicKey &publicKey) const;
-    EVP_PKEY *native() const noexcept { return key_; }
+    EVP_PKEY *native() const noexcept { return key_.get(); }
 
 private:
     KeyExchangeCurve curve_ = KeyExchangeCurve::unknown;
-    EVP_PKEY *key_ = nullptr;
+    detail::KeyHandle key_;
 };
 
 // Private-key decoders: without argument a new random key; with a string: the empty string gives
