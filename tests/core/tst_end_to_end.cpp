@@ -2,6 +2,7 @@
 // processes: preparation, launch, the key from the backend's output, pings,
 // sign-in, a folder synced to "Up to date", and crash recovery.
 #include "BackendLauncher.h"
+#include "DevBackendEnvironment.h"
 #include "ItemsProvider.h"
 #include "PollManager.h"
 #include "SettingsActions.h"
@@ -57,17 +58,10 @@ class EndToEndTest : public QObject {
 
 private slots:
     void initTestCase() {
-        const QString resources = qEnvironmentVariable("TARNWICK_RESOURCES_DIR");
-        QVERIFY2(QFileInfo(resources + "/kovrit-linux-amd64").isExecutable() ||
-                     QFileInfo(resources + "/kovrit-linux-arm64").isExecutable(),
+        QVERIFY2(tarnwick::test::developmentBackendBuilt(),
                  "the development backend must be built into the resources directory");
         QVERIFY(state_.isValid());
-        // A fresh home each run (the backend copy is made anew), also when the
-        // test is run by hand outside CTest.
-        for (const char *name :
-             {"XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_STATE_HOME", "XDG_CACHE_HOME"}) {
-            qputenv(name, state_.filePath(QString::fromLatin1(name)).toUtf8());
-        }
+        tarnwick::test::useFreshHome(state_);
         qputenv("KOVRIT_DEV_CODE", "123456");
     }
 

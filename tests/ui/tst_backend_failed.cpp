@@ -3,6 +3,7 @@
 // backend" (in the status tab, or in the login screen's place when nobody is
 // signed in), the desktop is told once, and the button starts a healthy
 // backend again.
+#include "DevBackendEnvironment.h"
 #include "ScreenTestSupport.h"
 
 #include "Notifier.h"
@@ -27,12 +28,10 @@ class BackendFailedTest : public QObject {
 private slots:
     void initTestCase() {
         UiHarness::prepareApplication();
-        const QString resources = qEnvironmentVariable("TARNWICK_RESOURCES_DIR");
-        QVERIFY2(QFileInfo(resources + "/kovrit-linux-amd64").isExecutable() ||
-                     QFileInfo(resources + "/kovrit-linux-arm64").isExecutable(),
+        QVERIFY2(tarnwick::test::developmentBackendBuilt(),
                  "the development backend must be built into the resources directory");
         QVERIFY(state_.isValid());
-        qputenv("XDG_DATA_HOME", state_.filePath("data").toUtf8());
+        tarnwick::test::useFreshHome(state_);
         qputenv("KOVRIT_DEV_STATE", state_.filePath("backend").toUtf8());
     }
 

@@ -3,6 +3,7 @@
 // folder added through the screen syncs to "Up to date" in the model the
 // status tab lists, and a retention change shows at once and is still there
 // in the backend's next group list.
+#include "DevBackendEnvironment.h"
 #include "ItemsProvider.h"
 #include "Pickers.h"
 #include "PollManager.h"
@@ -87,12 +88,10 @@ class SettingsEndToEndTest : public QObject {
 private slots:
     void initTestCase() {
         UiHarness::prepareApplication();
-        const QString resources = qEnvironmentVariable("TARNWICK_RESOURCES_DIR");
-        QVERIFY2(QFileInfo(resources + "/kovrit-linux-amd64").isExecutable() ||
-                     QFileInfo(resources + "/kovrit-linux-arm64").isExecutable(),
+        QVERIFY2(tarnwick::test::developmentBackendBuilt(),
                  "the development backend must be built into the resources directory");
         QVERIFY(state_.isValid());
-        qputenv("XDG_DATA_HOME", state_.filePath("data").toUtf8());
+        tarnwick::test::useFreshHome(state_);
         qputenv("KOVRIT_DEV_STATE", state_.filePath("sync").toUtf8());
         qputenv("KOVRIT_DEV_CODE", "123456");
         qunsetenv("KOVRIT_DEV_FAULT");
