@@ -231,9 +231,9 @@ ScanResult scanFolder(const SyncPassInput &input, const Pacer &pacer) {
     return result;
 }
 
-// Regular files of the folder's copy in the vault, relative to it.
-std::set<std::string> listVault(const std::string &root) {
-    std::set<std::string> files;
+// Calls visit(relative path, is a folder) for everything below `root`, links
+// not followed, descending into every folder.
+template <class Visit> void walkTree(const std::string &root, Visit visit) {
     std::vector<std::string> pending{std::string()};
     while (!pending.empty()) {
         const std::string rel = std::move(pending.back());
@@ -252,43 +252,35 @@ std::set<std::string> listVault(const std::string &root) {
                 continue;
             }
             const std::string childRel = rel.empty() ? name : rel + "/" + name;
-            if (S_ISDIR(st.st_mode)) {
+            const bool folder = S_ISDIR(st.st_mode);
+            if (folder) {
                 pending.push_back(childRel);
-            } else {
-                files.insert(childRel);
             }
+            visit(childRel, folder);
         }
         ::closedir(dir);
     }
+}
+
+// Regular files of the folder's copy in the vault, relative to it.
+std::set<std::string> listVault(const std::string &root) {
+    std::set<std::string> files;
+    walkTree(root, [&files](const std::string &rel, bool folder) {
+        if (!folder) {
+            files.insert(rel);
+        }
+    });
     return files;
 }
 
 // Removes empty folders below `root` (not `root` itself), deepest first.
 void removeEmptyFolders(const std::string &root) {
     std::vector<std::string> dirs;
-    std::vector<std::string> pending{std::string()};
-    while (!pending.empty()) {
-        const std::string rel = std::move(pending.back());
-        pending.pop_back();
-        DIR *dir = ::opendir(joinPath(root, rel).c_str());
-        if (dir == nullptr) {
-            continue;
+    walkTree(root, [&dirs](const std::string &rel, bool folder) {
+        if (folder) {
+            dirs.push_back(rel);
         }
-        while (const dirent *entry = ::readdir(dir)) {
-            const std::string name = entry->d_name;
-            if (name == "." || name == "..") {
-                continue;
-            }
-            struct stat st {};
-            if (::fstatat(::dirfd(dir), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
-                S_ISDIR(st.st_mode)) {
-                const std::string childRel = rel.empty() ? name : rel + "/" + name;
-                dirs.push_back(childRel);
-                pending.push_back(childRel);
-            }
-        }
-        ::closedir(dir);
-    }
+    });
     std::sort(dirs.begin(), dirs.end(),
               [](const std::string &a, const std::string &b) { return a.size() > b.size(); });
     for (const auto &rel : dirs) {
