@@ -1,6 +1,7 @@
 #include "ItemsProvider.h"
 
 #include "BackendLauncher.h"
+#include "BackendSession.h"
 #include "BinaryPreparation.h"
 #include "LaunchAtLogin.h"
 #include "PollManager.h"
@@ -25,7 +26,6 @@ constexpr int kPortLower = 8001;
 constexpr int kPortUpper = 9000; // exclusive
 constexpr int kPublishAttempts = 6;
 constexpr std::chrono::milliseconds kDeleteRepeat{500};
-const char *const kCrashedText = "Binary crashed repeatedly. Please reinstall the app.";
 
 std::string utf8(const QString &text) {
     return text.toStdString();
@@ -51,16 +51,6 @@ tidepost::Error serverError(const std::string &message) {
     return {"ServerError", 1, message};
 }
 
-struct DirItemList {
-    std::vector<DirItem> items;
-    static DirItemList fromJSON(std::string_view json) { return {decodeDirItems(json)}; }
-};
-
-struct GroupItemList {
-    std::vector<GroupItem> items;
-    static GroupItemList fromJSON(std::string_view json) { return {decodeGroupItems(json)}; }
-};
-
 } // namespace
 
 ItemsProvider::ItemsProvider() : ItemsProvider(Options{}) {}
@@ -75,7 +65,7 @@ ItemsProvider::~ItemsProvider() {
     // Stop the backend and drop pending replies while the rest still stands.
     destroying_ = true;
     launcher_.reset();
-    pm_.reset();
+    session_.reset();
 }
 
 void ItemsProvider::log(const QString &line) const {
@@ -102,17 +92,19 @@ void ItemsProvider::startUp() {
         qFatal("The service URL is not a valid URL: %s", qUtf8Printable(service));
     }
 
-    pm_ = std::make_unique<tidepost::PollManager>(
+    session_ = std::make_unique<tidepost::BackendSession>(
         tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
-    pm_->setLogSink([this](const std::string &line) { log(text(line)); });
+    tidepost::PollManager &pm = session_->pollManager();
+    pm.setLogSink([this](const std::string &line) { log(text(line)); });
 
     // 3.-5. The backend's command line: -pid, -token, -port.
-    port_ = pm_->randomOpenPort(kPortLower, kPortUpper);
+    port_ = pm.randomOpenPort(kPortLower, kPortUpper);
+    session_->setPort(port_);
     if (options_.isMacOS13) {
-        pm_->processManager().addPIDAsArgument(QStringLiteral("pid"));
+        pm.processManager().addPIDAsArgument(QStringLiteral("pid"));
     }
-    pm_->processManager().addArgument(QStringLiteral("token"), pm_->kes.LocalPublicKey());
-    pm_->processManager().addArgument(QStringLiteral("port"), port_);
+    pm.processManager().addArgument(QStringLiteral("token"), session_->bearerToken());
+    pm.processManager().addArgument(QStringLiteral("port"), port_);
 
     // 6. Launch at login is switched on once, at the very first launch.
     if (options_.isMacOS13) {
@@ -125,7 +117,7 @@ void ItemsProvider::startUp() {
 
     // 7. One client per user.
     if (options_.singleInstance) {
-        pm_->exitAppIfAlreadyOpen();
+        pm.exitAppIfAlreadyOpen();
     }
 
     // 8. Older systems end the client after a while.
@@ -148,11 +140,12 @@ void ItemsProvider::startUp() {
     supervisor::BackendLauncher::Hooks hooks;
     hooks.log = [this](const QString &line) { log(line); };
     hooks.pingPayload = [this] { return encodeDirItems(dirItems()); };
-    hooks.sendPing = [this](const std::string &payload, std::function<void()> done) {
-        publishAndWait(QStringLiteral("ping"), QString(), text(payload), std::move(done));
+    hooks.sendPing = [this](std::string payload, std::function<void()> done) {
+        publishAndWait(commands::ping(std::move(payload)),
+                       [done = std::move(done)](const CommandOutcome &) { done(); });
     };
     hooks.setError = [this](const QString &message) { setError(message); };
-    launcher_ = std::make_unique<supervisor::BackendLauncher>(*pm_, std::move(preparation),
+    launcher_ = std::make_unique<supervisor::BackendLauncher>(pm, std::move(preparation),
                                                               std::move(hooks), options_.isMacOS13);
     if (options_.clock) {
         launcher_->setClock(options_.clock);
@@ -171,7 +164,7 @@ QString ItemsProvider::architecture() const {
     if (options_.architecture) {
         return *options_.architecture;
     }
-    return text(pm_->systemArchitecture());
+    return text(session_->pollManager().systemArchitecture());
 }
 
 void ItemsProvider::launchTask() {
@@ -183,7 +176,7 @@ bool ItemsProvider::backendFailed() const {
 }
 
 void ItemsProvider::restartBackend() {
-    if (error_ == QLatin1String(kCrashedText)) {
+    if (error_ == QLatin1String(supervisor::BackendLauncher::crashedText)) {
         setError(QString());
     }
     launcher_->restartBackend(architecture());
@@ -293,186 +286,146 @@ void ItemsProvider::replaceGroups(std::vector<GroupItem> incoming) {
 
 // ---- Commands
 
+tidepost::PollManager &ItemsProvider::pm() {
+    return session_->pollManager();
+}
+
+void ItemsProvider::publishAndWaitThrows(const TypeIDAndData &command, Completion done) {
+    // The session keeps one request on the wire at a time and lets a user's
+    // command pass a waiting ping.
+    const auto priority = commands::isPing(command) ? tidepost::BackendSession::Priority::background
+                                                    : tidepost::BackendSession::Priority::command;
+    QPointer<ItemsProvider> self(this);
+    session_->send(command, priority,
+                   [self, command, done = std::move(done)](const tidepost::Exchange &exchange) {
+                       if (!self || self->destroying_) {
+                           return;
+                       }
+                       self->applyReply(command, exchange, done);
+                   });
+}
+
 void ItemsProvider::publishAndWaitThrows(const QString &type, const QString &id,
                                          const QString &data, Completion done) {
-    // One request on the wire at a time. The backend stamps every reply with
-    // a strictly increasing time and the client refuses a reply older than
-    // the last one it accepted, so replies of concurrent requests (a ping
-    // beside a user's command) could only race each other into refusals.
-    requests_.push_back({type, id, data, std::move(done)});
-    if (!requestInFlight_) {
-        sendNextRequest();
-    }
+    publishAndWaitThrows(TypeIDAndData{utf8(type), utf8(id), utf8(data)}, std::move(done));
 }
 
-void ItemsProvider::sendNextRequest() {
-    if (requests_.empty() || destroying_) {
-        requestInFlight_ = false;
-        return;
-    }
-    requestInFlight_ = true;
-    PendingRequest request = std::move(requests_.front());
-    requests_.pop_front();
-    const auto finish = [this](const Completion &done,
-                               const std::optional<tidepost::Error> &error) {
-        done(error);
-        sendNextRequest();
-    };
-
-    // Sealed as it leaves, so its timestamp is fresh when it arrives.
-    std::string body;
-    try {
-        body = pm_->kes
-                   .encodeJSONAndEncrypt(utf8(request.type), utf8(request.id), utf8(request.data),
-                                         pm_->keyExchangeCurrentTimestampData())
-                   .toJSON();
-    } catch (...) {
-        // Reported from the event loop, like every other outcome.
-        QMetaObject::invokeMethod(
-            this,
-            [finish, done = std::move(request.done),
-             error = tidepost::Error::fromCurrentException()] { finish(done, error); },
-            Qt::QueuedConnection);
-        return;
-    }
-    QPointer<ItemsProvider> self(this);
-    pm_->publishLocal(body, port_, QStringLiteral("/request"), pm_->bearerToken,
-                      [self, finish, type = request.type, done = std::move(request.done)](
-                          std::optional<QByteArray> reply, std::optional<tidepost::Error> error) {
-                          if (!self || self->destroying_) {
-                              return;
-                          }
-                          if (error) {
-                              finish(done, error);
-                              return;
-                          }
-                          self->applyReply(type, reply.value_or(QByteArray()),
-                                           [finish, done](const std::optional<tidepost::Error> &e) {
-                                               finish(done, e);
-                                           });
-                      });
-}
-
-void ItemsProvider::applyReply(const QString &type, const QByteArray &body,
+void ItemsProvider::applyReply(const TypeIDAndData &command, const tidepost::Exchange &exchange,
                                const Completion &done) {
-    // The reply is opened once; its shapes are then tried in order, and the
-    // first that decodes and carries a fresh timestamp wins.
-    std::optional<std::string> plain;
-    lumacrypt::KeyExchangeAEADStore record;
-    try {
-        record = lumacrypt::KeyExchangeAEADStore::fromJSON(
-            std::string_view(body.constData(), static_cast<std::size_t>(body.size())));
-        const lumacrypt::Bytes bytes = pm_->kes.decryptAEADStore(record);
-        plain.emplace(bytes.begin(), bytes.end());
-    } catch (...) {
-        // Not a sealed record we can open: no shape matches.
-    }
-    const auto fresh = [&] { return pm_->authTimestamp(record.additionalData); };
-
-    if (plain) {
+    using Result = tidepost::Exchange::Result;
+    const auto finish = [&done](const CommandOutcome &outcome) {
+        if (done) {
+            done(outcome);
+        }
+    };
+    switch (exchange.result) {
+    case Result::failed:
+        finish(exchange.error);
+        return;
+    case Result::skipped:
+        // A ping that gave way to a command: the next one carries the news.
+        finish(std::nullopt);
+        return;
+    case Result::unreadable:
+        break;
+    case Result::opened: {
+        // The reply's shapes, tried in order; the first that decodes wins.
+        const std::string &plain = exchange.plaintext;
         try {
-            DirItemList report = DirItemList::fromJSON(*plain);
-            if (fresh()) {
+            std::vector<DirItem> report = decodeDirItems(plain);
+            setIsLoggedIn(true);
+            emit loginStateReported(true);
+            update(report);
+            finish(std::nullopt);
+            return;
+        } catch (const DecodingError &) {
+        }
+        try {
+            std::vector<GroupItem> list = decodeGroupItems(plain);
+            setIsLoggedIn(true);
+            emit loginStateReported(true);
+            replaceGroups(std::move(list));
+            finish(std::nullopt);
+            return;
+        } catch (const DecodingError &) {
+        }
+        try {
+            const TypeIDAndData message = TypeIDAndData::fromJSON(plain);
+            if (message.type == commands::authRequestMessage) {
+                setIsLoggedIn(false);
+                emit loginStateReported(false);
+            } else if (message.type == commands::pingMessage) {
                 setIsLoggedIn(true);
                 emit loginStateReported(true);
-                update(report.items);
-                done(std::nullopt);
+                if (dirItems().empty() && isLoading_) {
+                    setIsLoading(false);
+                    setMenuBarString();
+                }
+            } else {
+                finish(tarnwickError(TarnwickError::unknownRequestType));
                 return;
             }
-        } catch (const std::exception &) {
+            finish(std::nullopt);
+            return;
+        } catch (const DecodingError &) {
         }
         try {
-            GroupItemList list = GroupItemList::fromJSON(*plain);
-            if (fresh()) {
-                setIsLoggedIn(true);
-                emit loginStateReported(true);
-                replaceGroups(std::move(list.items));
-                done(std::nullopt);
+            const ServerResponse response = ServerResponse::fromJSON(plain);
+            if (response.isSuccess()) {
+                finish(std::nullopt);
                 return;
             }
-        } catch (const std::exception &) {
-        }
-        try {
-            const TypeIDAndData message = TypeIDAndData::fromJSON(*plain);
-            if (fresh()) {
-                if (message.type == "auth request") {
-                    setIsLoggedIn(false);
-                    emit loginStateReported(false);
-                } else if (message.type == "ping") {
-                    setIsLoggedIn(true);
-                    emit loginStateReported(true);
-                    if (dirItems().empty() && isLoading_) {
-                        setIsLoading(false);
-                        setMenuBarString();
-                    }
-                } else {
-                    done(tarnwickError(TarnwickError::unknownRequestType));
-                    return;
-                }
-                done(std::nullopt);
+            if (response.error) {
+                log(QStringLiteral("Server error for type '%1': %2")
+                        .arg(text(command.type), text(*response.error)));
+                finish(serverError(*response.error));
                 return;
             }
-        } catch (const std::exception &) {
+        } catch (const DecodingError &) {
         }
-        try {
-            const ServerResponse response = ServerResponse::fromJSON(*plain);
-            if (fresh()) {
-                if (response.isSuccess()) {
-                    done(std::nullopt);
-                    return;
-                }
-                if (response.error) {
-                    log(QStringLiteral("Server error for type '%1': %2")
-                            .arg(type, text(*response.error)));
-                    done(serverError(*response.error));
-                    return;
-                }
-            }
-        } catch (const std::exception &) {
-        }
+        break;
     }
-    // "openDirPath" is answered with nothing to decode.
-    if (type == QLatin1String("openDirPath")) {
-        done(std::nullopt);
+    }
+    // Nothing decoded: only a command whose reply carries nothing is done.
+    if (commands::expectsEmptyReply(command)) {
+        finish(std::nullopt);
         return;
     }
-    done(tarnwickError(TarnwickError::decodeError));
+    finish(tarnwickError(TarnwickError::decodeError));
+}
+
+void ItemsProvider::publishAndWait(const TypeIDAndData &command, Completion done) {
+    publishAttempt(command, 1, std::move(done));
 }
 
 void ItemsProvider::publishAndWait(const QString &type, const QString &id, const QString &data,
                                    std::function<void()> done) {
-    publishAttempt(type, id, data, 1, std::move(done));
+    publishAndWait(TypeIDAndData{utf8(type), utf8(id), utf8(data)},
+                   [done = std::move(done)](const CommandOutcome &) {
+                       if (done) {
+                           done();
+                       }
+                   });
 }
 
-void ItemsProvider::publishAttempt(const QString &type, const QString &id, const QString &data,
-                                   int attempt, std::function<void()> done) {
-    publishAndWaitThrows(type, id, data,
-                         [this, type, id, data, attempt,
-                          done = std::move(done)](const std::optional<tidepost::Error> &error) {
-                             if (!error) {
-                                 if (done) {
-                                     done();
-                                 }
-                                 return;
-                             }
-                             if (attempt < kPublishAttempts) {
-                                 // Tried again at once; only the last failure is reported.
-                                 publishAttempt(type, id, data, attempt + 1, done);
-                                 return;
-                             }
-                             log(QStringLiteral("warning: %1").arg(text(error->description)));
-                             if (done) {
-                                 done();
-                             }
-                         });
+void ItemsProvider::publishAttempt(const TypeIDAndData &command, int attempt, Completion done) {
+    publishAndWaitThrows(command, [this, command, attempt,
+                                   done = std::move(done)](const CommandOutcome &outcome) mutable {
+        if (outcome && attempt < kPublishAttempts) {
+            // Tried again at once; only the last failure is reported.
+            publishAttempt(command, attempt + 1, std::move(done));
+            return;
+        }
+        if (outcome) {
+            log(QStringLiteral("warning: %1").arg(text(outcome->description)));
+        }
+        if (done) {
+            done(outcome);
+        }
+    });
 }
 
-void ItemsProvider::publish(const QString &type, const QString &id, const QString &data) {
-    publish(type, id, data, {});
-}
-
-bool ItemsProvider::publish(const QString &type, const QString &id, const QString &data,
-                            std::function<void()> done) {
+bool ItemsProvider::publish(const TypeIDAndData &command, Completion done) {
     if (isWaiting_) {
         log(QStringLiteral("Publish request ignored.  Waiting for previous request to finish ..."));
         return false;
@@ -480,11 +433,11 @@ bool ItemsProvider::publish(const QString &type, const QString &id, const QStrin
     setIsWaiting(true);
     QMetaObject::invokeMethod(
         this,
-        [this, type, id, data, done = std::move(done)] {
-            publishAndWait(type, id, data, [this, done] {
+        [this, command, done = std::move(done)] {
+            publishAndWait(command, [this, done](const CommandOutcome &outcome) {
                 setIsWaiting(false);
                 if (done) {
-                    done();
+                    done(outcome);
                 }
             });
         },
@@ -492,33 +445,58 @@ bool ItemsProvider::publish(const QString &type, const QString &id, const QStrin
     return true;
 }
 
+void ItemsProvider::publish(const QString &type, const QString &id, const QString &data) {
+    publish(TypeIDAndData{utf8(type), utf8(id), utf8(data)});
+}
+
+bool ItemsProvider::publish(const QString &type, const QString &id, const QString &data,
+                            std::function<void()> done) {
+    return publish(TypeIDAndData{utf8(type), utf8(id), utf8(data)},
+                   [done = std::move(done)](const CommandOutcome &) {
+                       if (done) {
+                           done();
+                       }
+                   });
+}
+
+void ItemsProvider::openDirPath(const QString &path) {
+    publish(commands::openDirPath(path));
+}
+
+void ItemsProvider::openWeb(const QString &groupID) {
+    publish(commands::openWeb(groupID));
+}
+
 void ItemsProvider::requestCodeViaEmail(const QString &email) {
     requestCodeViaEmail(email, {});
 }
 
-void ItemsProvider::requestCodeViaEmail(const QString &email, std::function<void()> done) {
+void ItemsProvider::requestCodeViaEmail(const QString &email, Completion done) {
     setError(QStringLiteral("Sending 6-digit code to %1 ...").arg(email));
-    publishAndWait(
-        QStringLiteral("requestCode"), email, QString(), [this, email, done = std::move(done)] {
-            setError(QStringLiteral("6-digit code sent to %1. Check your email.").arg(email));
-            if (done) {
-                done();
-            }
-        });
+    publishAndWait(commands::requestCode(email), [this, email, done = std::move(done)](
+                                                     const CommandOutcome &outcome) {
+        // The login screen's line reads the same whatever the outcome;
+        // the caller hears the backend's answer.
+        setError(QStringLiteral("6-digit code sent to %1. Check your email.").arg(email));
+        if (done) {
+            done(outcome);
+        }
+    });
 }
 
 void ItemsProvider::performLogin(const QString &code) {
     performLogin(code, {});
 }
 
-void ItemsProvider::performLogin(const QString &code, std::function<void()> sent) {
+void ItemsProvider::performLogin(const QString &code, Completion sent) {
     // The code goes as typed: the backend is the judge of it.
-    publish(QStringLiteral("auth"), userName_, code, std::move(sent));
+    publish(commands::auth(userName_, code), std::move(sent));
     QMetaObject::invokeMethod(
         this, [this] { setError(QStringLiteral("Authenticating ...")); }, Qt::QueuedConnection);
     QTimer::singleShot(loginFailureDelay_, this, [this] {
         if (!isLoggedIn_) {
-            setError(QStringLiteral("Authentication failed. Please retry ..."));
+            setError(QString::fromLatin1(loginFailedText));
+            emit loginFailed();
         }
     });
 }
@@ -528,28 +506,28 @@ bool ItemsProvider::logout() {
         return false;
     }
     QTimer::singleShot(100, this, [this] {
-        publish(QStringLiteral("logoutAndExit"), QString(), QString(),
-                [this] { emit quitRequested(); });
+        publish(commands::logoutAndExit(),
+                [this](const CommandOutcome &) { emit quitRequested(); });
     });
     return true;
 }
 
 void ItemsProvider::updateGroupRetentionSettings(const GroupItem &group, Completion done) {
-    const QString payload = text(group.toJSON());
     const std::int64_t days = group.retentionSettings && group.retentionSettings->retentionDays
                                   ? *group.retentionSettings->retentionDays
                                   : 0;
     log(QStringLiteral("Sending updateGroup request for group %1, retention: %2 days")
             .arg(group.groupID)
             .arg(days));
-    publishAndWaitThrows(
-        QStringLiteral("updateGroup"), QString(), payload,
-        [this, done = std::move(done)](const std::optional<tidepost::Error> &error) {
-            if (!error) {
-                log(QStringLiteral("updateGroup request completed successfully"));
-            }
-            done(error);
-        });
+    publishAndWaitThrows(commands::updateGroup(group),
+                         [this, done = std::move(done)](const CommandOutcome &outcome) {
+                             if (!outcome) {
+                                 log(QStringLiteral("updateGroup request completed successfully"));
+                             }
+                             if (done) {
+                                 done(outcome);
+                             }
+                         });
 }
 
 } // namespace tarnwick

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Commands.h"
 #include "DirItemsModel.h"
 #include "GroupsModel.h"
 #include "Models.h"
@@ -10,14 +11,15 @@
 #include <QUrl>
 
 #include <chrono>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
 
 namespace tidepost {
+class BackendSession;
 class PollManager;
 struct Error;
+struct Exchange;
 } // namespace tidepost
 
 namespace tarnwick {
@@ -44,7 +46,8 @@ class ItemsProvider : public QObject {
     Q_PROPERTY(bool backendFailed READ backendFailed NOTIFY backendFailedChanged)
 
 public:
-    using Completion = std::function<void(const std::optional<tidepost::Error> &error)>;
+    // Hears how a command ended: nothing on success, else why it failed.
+    using Completion = std::function<void(const CommandOutcome &outcome)>;
     using Clock = std::function<std::chrono::steady_clock::time_point()>;
 
     // How the client starts. The defaults are the product; tests choose.
@@ -99,11 +102,14 @@ public:
 
     // Plain state.
     bool isMacOS13() const { return options_.isMacOS13; }
-    tidepost::PollManager &pm() { return *pm_; }
+    tidepost::PollManager &pm();
+    tidepost::BackendSession &session() { return *session_; }
     supervisor::BackendLauncher &launcher() { return *launcher_; }
     int port() const { return port_; }
     const QSet<qint64> &pendingRetentionUpdates() const { return pendingRetentionUpdates_; }
     static constexpr int maxCrashRetries = 3;
+    // The login screen's text when no sign-in followed the code.
+    static constexpr const char *loginFailedText = "Authentication failed. Please retry ...";
 
     // Merges a backend status report into the folder list.
     void update(const std::vector<DirItem> &dirItems);
@@ -114,26 +120,37 @@ public:
     void markRetentionUpdatePending(qint64 groupID);
     void clearRetentionUpdatePending(qint64 groupID);
 
-    // Commands. publishAndWaitThrows reports failures; publishAndWait retries
-    // (six attempts) and never fails; publish is the gated fire-and-forget
-    // form the screens use.
+    // Commands (built with the functions of Commands.h). publishAndWaitThrows
+    // sends one and applies its reply; publishAndWait retries (six attempts),
+    // logs only the last failure and tells its caller the final outcome;
+    // publish is the gated form the screens use: it returns false (and sends
+    // nothing) while another publish is under way, else calls done with the
+    // outcome once the command has ended.
+    void publishAndWaitThrows(const TypeIDAndData &command, Completion done);
+    void publishAndWait(const TypeIDAndData &command, Completion done = {});
+    bool publish(const TypeIDAndData &command, Completion done = {});
+    // The same with the envelope's three strings.
     void publishAndWaitThrows(const QString &type, const QString &id, const QString &data,
                               Completion done);
     void publishAndWait(const QString &type, const QString &id, const QString &data,
                         std::function<void()> done = {});
     Q_INVOKABLE void publish(const QString &type, const QString &id, const QString &data);
-    // The same, telling whether the request was accepted, and calling done
-    // when an accepted one has ended.
     bool publish(const QString &type, const QString &id, const QString &data,
                  std::function<void()> done);
+    // The status list's two actions.
+    Q_INVOKABLE void openDirPath(const QString &path);
+    Q_INVOKABLE void openWeb(const QString &groupID);
+    // The login screen's first step. The screen's texts follow the model's
+    // rule (the "sent" text also after a failure); done hears the outcome.
     Q_INVOKABLE void requestCodeViaEmail(const QString &email);
-    void requestCodeViaEmail(const QString &email, std::function<void()> done);
+    void requestCodeViaEmail(const QString &email, Completion done);
 
     // The login screen's action: sends the code with "auth", shows
     // "Authenticating ..." and, when no sign-in has arrived 5 s later,
     // "Authentication failed. Please retry ...".
     Q_INVOKABLE void performLogin(const QString &code);
-    void performLogin(const QString &code, std::function<void()> sent);
+    // The same; sent hears the outcome of the "auth" command itself.
+    void performLogin(const QString &code, Completion sent);
     void setLoginFailureDelay(std::chrono::milliseconds delay) { loginFailureDelay_ = delay; }
     // The footer's "Logout": 0.1 s later "logoutAndExit" goes to the backend;
     // when it has answered, quitRequested() asks the application to end.
@@ -163,15 +180,17 @@ signals:
     void loginStateReported(bool loggedIn);
     // The application should end (after a logout).
     void quitRequested();
+    // A sign-in attempt ended without a signed-in user (the login screen
+    // shows its failure text).
+    void loginFailed();
 
 private:
     void startUp();
     void launchTask();
-    void applyReply(const QString &type, const QByteArray &body, const Completion &done);
+    void applyReply(const TypeIDAndData &command, const tidepost::Exchange &exchange,
+                    const Completion &done);
     void replaceGroups(std::vector<GroupItem> incoming);
-    void sendNextRequest();
-    void publishAttempt(const QString &type, const QString &id, const QString &data, int attempt,
-                        std::function<void()> done);
+    void publishAttempt(const TypeIDAndData &command, int attempt, Completion done);
     QString architecture() const;
 
     Options options_;
@@ -187,16 +206,8 @@ private:
     QSet<qint64> pendingRetentionUpdates_;
     int port_ = 0;
     bool destroying_ = false;
-    struct PendingRequest {
-        QString type;
-        QString id;
-        QString data;
-        Completion done;
-    };
-    std::deque<PendingRequest> requests_;
-    bool requestInFlight_ = false;
     std::chrono::milliseconds loginFailureDelay_{5000};
-    std::unique_ptr<tidepost::PollManager> pm_;
+    std::unique_ptr<tidepost::BackendSession> session_;
     std::unique_ptr<supervisor::BackendLauncher> launcher_;
 };
 

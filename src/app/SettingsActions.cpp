@@ -5,7 +5,10 @@
 #include "PollManager.h"
 
 #include <QDir>
+#include <QPointer>
 #include <QTimer>
+
+#include <memory>
 
 namespace tarnwick {
 
@@ -40,25 +43,71 @@ SettingsActions::AddCheck SettingsActions::checkPhotoLibrary(const QString &libr
     return {AddCheck::Verdict::add, originals, QString()};
 }
 
-void SettingsActions::refreshGroupsTwice() {
-    model_.publish(QStringLiteral("getGroups"), QString(), QString());
+bool SettingsActions::changeGroups(const TypeIDAndData &command, Completion done,
+                                   const std::function<void()> &beforeRefresh) {
+    // Whether a refresh was turned away while the command was still under
+    // way: its reply may then be the first to show the change.
+    struct State {
+        bool commandEnded = false;
+        bool refreshMissed = false;
+    };
+    auto state = std::make_shared<State>();
+    QPointer<SettingsActions> self(this);
+    const bool sent = model_.publish(
+        command, [self, state, done = std::move(done)](const CommandOutcome &outcome) {
+            state->commandEnded = true;
+            if (!self) {
+                return;
+            }
+            if (state->refreshMissed) {
+                state->refreshMissed = false;
+                self->model_.publish(commands::getGroups());
+            }
+            self->report(outcome);
+            if (done) {
+                done(outcome);
+            }
+        });
+    if (beforeRefresh) {
+        beforeRefresh();
+    }
+    const auto refresh = [self, state] {
+        if (self && !self->model_.publish(commands::getGroups()) && !state->commandEnded) {
+            state->refreshMissed = true;
+        }
+    };
+    refresh();
     // The backend applies changes asynchronously: ask again shortly after.
-    QTimer::singleShot(refreshDelayMs, this, [this] {
-        model_.publish(QStringLiteral("getGroups"), QString(), QString());
-    });
+    QTimer::singleShot(refreshDelayMs, this, refresh);
+    return sent;
+}
+
+void SettingsActions::report(const CommandOutcome &outcome) {
+    if (outcome) {
+        emit actionFailed(failureText(*outcome));
+    } else {
+        emit actionSucceeded();
+    }
 }
 
 void SettingsActions::addFolderToSync(const QString &path, const QString &groupName) {
+    addFolderToSync(path, groupName, {});
+}
+
+bool SettingsActions::addFolderToSync(const QString &path, const QString &groupName,
+                                      Completion done) {
     const QString absolute = QDir(path).absolutePath();
     model_.log(absolute);
-    model_.publish(QStringLiteral("addWatchDir"), groupName, absolute);
-    refreshGroupsTwice();
+    return changeGroups(commands::addWatchDir(groupName, absolute), std::move(done));
 }
 
 void SettingsActions::removeFolder(const QString &path) {
-    model_.publish(QStringLiteral("stopWatching"), path, QString());
-    model_.deleteItem(path);
-    refreshGroupsTwice();
+    removeFolder(path, {});
+}
+
+bool SettingsActions::removeFolder(const QString &path, Completion done) {
+    return changeGroups(commands::stopWatching(path), std::move(done),
+                        [this, path] { model_.deleteItem(path); });
 }
 
 bool SettingsActions::saveRetention(const GroupItem &edited,
@@ -80,14 +129,15 @@ bool SettingsActions::saveRetention(const GroupItem &edited,
     emit retentionUpdateStarted(edited.groupID);
     const qint64 id = edited.groupID;
     model_.updateGroupRetentionSettings(
-        edited, [this, id, done = std::move(done)](const std::optional<tidepost::Error> &error) {
+        edited, [this, id, done = std::move(done)](const CommandOutcome &outcome) {
             std::optional<QString> failure;
-            if (error) {
-                failure = QString::fromStdString(error->description);
+            if (outcome) {
+                failure = failureText(*outcome);
                 model_.log(QStringLiteral("Error updating retention settings: %1").arg(*failure));
             }
             model_.clearRetentionUpdatePending(id);
             emit retentionUpdateFinished(id);
+            report(outcome);
             if (done) {
                 done(failure);
             }

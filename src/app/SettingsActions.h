@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Commands.h"
 #include "Models.h"
 
 #include <QObject>
@@ -36,10 +37,19 @@ public:
     // own validation.
     static AddCheck checkPhotoLibrary(const QString &libraryPath);
 
+    using Completion = std::function<void(const CommandOutcome &outcome)>;
+
     // Sends "addWatchDir" and refreshes the group list (now and 0.5 s later).
+    // A refresh that the one-request gate turns away while the command is
+    // still under way is made up for by one refresh when the command ends.
+    // done hears the command's outcome. False when the gate turned the
+    // command itself away (nothing was sent; done is not called).
     Q_INVOKABLE void addFolderToSync(const QString &path, const QString &groupName);
-    // "stopWatching", the folder dropped locally at once, then the refreshes.
+    bool addFolderToSync(const QString &path, const QString &groupName, Completion done);
+    // "stopWatching", the folder dropped locally at once, then the refreshes
+    // as above.
     Q_INVOKABLE void removeFolder(const QString &path);
+    bool removeFolder(const QString &path, Completion done);
     // The retention save: the edit shows at once and is kept while the
     // request is under way. done (when given) hears the request's outcome.
     // False when the group is no longer in the model's list: nothing is sent
@@ -52,9 +62,18 @@ public:
 signals:
     void retentionUpdateStarted(qint64 groupID);
     void retentionUpdateFinished(qint64 groupID);
+    // An add, a removal or a retention save failed: the backend's reason,
+    // or what went wrong on the way.
+    void actionFailed(const QString &message);
+    // One of them succeeded.
+    void actionSucceeded();
 
 private:
-    void refreshGroupsTwice();
+    // Sends a change of the group list, runs beforeRefresh, then the
+    // refreshes.
+    bool changeGroups(const TypeIDAndData &command, Completion done,
+                      const std::function<void()> &beforeRefresh = {});
+    void report(const CommandOutcome &outcome);
 
     ItemsProvider &model_;
 };

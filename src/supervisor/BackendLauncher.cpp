@@ -189,7 +189,7 @@ void BackendLauncher::handleExit(const std::optional<std::error_code> &error) {
             // asks for a restart.
             pm_.stopBackend();
             setState(State::failed);
-            hooks_.setError(QStringLiteral("Binary crashed repeatedly. Please reinstall the app."));
+            hooks_.setError(QString::fromLatin1(crashedText));
             return;
         }
         hooks_.log(QStringLiteral("Crash recovery attempt %1 of %2")

@@ -34,7 +34,7 @@ public:
         // The JSON text of the current folder list, sent with each ping.
         std::function<std::string()> pingPayload;
         // Sends one "ping" (retried as every command is) and calls done after.
-        std::function<void(const std::string &payload, std::function<void()> done)> sendPing;
+        std::function<void(std::string payload, std::function<void()> done)> sendPing;
         // Shows a message to the user (the model's error text).
         std::function<void(const QString &message)> setError;
     };
@@ -46,6 +46,9 @@ public:
     static constexpr double crashThresholdSeconds = 5.0;
     static constexpr std::chrono::milliseconds relaunchDelay{1000};
     static constexpr std::chrono::milliseconds pingInterval{100};
+    // What the user is told when the backend keeps dying young.
+    static constexpr const char *crashedText =
+        "Binary crashed repeatedly. Please reinstall the app.";
 
     BackendLauncher(tidepost::PollManager &pm, BinaryPreparation preparation, Hooks hooks,
                     bool withRetry, QObject *parent = nullptr);

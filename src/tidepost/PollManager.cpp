@@ -306,12 +306,17 @@ void PollManager::requireUTF8(const std::string &json) const {
 // Reply timestamps
 
 bool PollManager::authTimestamp(const std::string &additionalData) {
+    return !checkTimestamp(additionalData);
+}
+
+std::optional<Error> PollManager::checkTimestamp(const std::string &additionalData) {
     try {
         authTimestampThrows(additionalData);
-        return true;
+        return std::nullopt;
     } catch (...) {
-        log("authTimestamp error: " + Error::fromCurrentException().description);
-        return false;
+        Error error = Error::fromCurrentException();
+        log("authTimestamp error: " + error.description);
+        return error;
     }
 }
 

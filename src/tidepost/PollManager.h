@@ -10,6 +10,8 @@
 // runner's reader thread; it calls the caller's output handler there and hops to the main thread
 // for everything else (the pong, setting the peer key). Reply callbacks run on the main thread.
 
+#include "Error.h"
+
 #include <lumacrypt/KeyExchangeStore.h>
 #include <lumacrypt/Message.h>
 #include <lumacrypt/Types.h>
@@ -35,52 +37,6 @@ class QNetworkAccessManager;
 class QTimer;
 
 namespace tidepost {
-
-/// The request client's own failures (payload-less).
-enum class PollManagerError {
-    urlError,
-    publishFailure,
-    timestampInvalidFormat,
-    timestampExpired,
-    timestampInPastError,
-    timestampInFutureError,
-};
-
-/// The case name, e.g. "publishFailure".
-const char *toString(PollManagerError error) noexcept;
-
-class PollManagerException : public std::exception {
-public:
-    explicit PollManagerException(PollManagerError error) noexcept : error_(error) {}
-    PollManagerError error() const noexcept { return error_; }
-    const char *what() const noexcept override { return toString(error_); }
-
-private:
-    PollManagerError error_;
-};
-
-/// One failure as the app logs it ("warning: " + description).
-///
-/// domain: the error type's name ("PollManagerError", "KeyExchangeError", "PEMError",
-/// "CryptoError", "DecodingError", "NetworkError", "TarnwickError", "ProcessManagerError",
-/// "POSIXError", ...; "ServerError" is made by the app itself). code: the case's index for
-/// enumerations, QNetworkReply::NetworkError for "NetworkError", the error number for
-/// "POSIXError". description: the case name for enumerations, the readable text otherwise.
-struct Error {
-    std::string domain;
-    int code = 0;
-    std::string description;
-
-    /// Call inside a catch block (catch (...)): maps the exception being handled. Exceptions of
-    /// unknown types give domain "unknown" (with what() as the description when there is one).
-    static Error fromCurrentException();
-    static Error of(PollManagerError error);
-    /// An error reported by the runner to an exit handler: "ProcessManagerError" for the
-    /// runner's own cases, "POSIXError" (errno and the system's text) for the system's.
-    static Error fromErrorCode(const std::error_code &error);
-
-    friend bool operator==(const Error &, const Error &) = default;
-};
 
 using TypeIDAndData = lumacrypt::KeyExchangeTypeIDAndData;
 using KeyExchangeStoreFunction = std::function<lumacrypt::KeyExchangeStore()>;
@@ -165,6 +121,9 @@ public:
 
     /// authTimestampThrows(); on an error prints "authTimestamp error: <error>" and returns false.
     bool authTimestamp(const std::string &additionalData);
+    /// authTimestamp() that tells why it refused: the error it logged, or nothing when the
+    /// timestamp was accepted.
+    std::optional<Error> checkTimestamp(const std::string &additionalData);
     /// The freshness check of a reply's additional data (base64 of a decimal millisecond
     /// timestamp): it must decode (else timestampInvalidFormat), be strictly newer than the last
     /// accepted one (else timestampExpired) and lie within 50 ms of the clock: more than 50 ms

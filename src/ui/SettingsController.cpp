@@ -109,8 +109,23 @@ void SettingsController::setActions(QObject *actions) {
     if (settings == actions_) {
         return;
     }
+    QObject::disconnect(failedConnection_);
+    QObject::disconnect(succeededConnection_);
     actions_ = settings;
+    if (settings) {
+        failedConnection_ = connect(settings, &SettingsActions::actionFailed, this,
+                                    &SettingsController::setErrorText);
+        succeededConnection_ = connect(settings, &SettingsActions::actionSucceeded, this,
+                                       [this] { setErrorText(QString()); });
+    }
     emit actionsChanged();
+}
+
+void SettingsController::setErrorText(const QString &text) {
+    if (text != errorText_) {
+        errorText_ = text;
+        emit errorTextChanged();
+    }
 }
 
 void SettingsController::setPickers(Pickers *pickers) {
@@ -193,7 +208,7 @@ QVariantMap SettingsController::groupToVariant(const GroupItem &group) {
 
 void SettingsController::publishGetGroups() {
     if (auto *model = provider()) {
-        model->publish(QStringLiteral("getGroups"), QString(), QString());
+        model->publish(commands::getGroups());
     }
 }
 
@@ -342,7 +357,7 @@ void SettingsController::addFolderToSync(const QString &path, const QString &gro
 
 void SettingsController::openFolder(const QString &path) {
     if (auto *model = provider()) {
-        model->publish(QStringLiteral("openDirPath"), path, QString());
+        model->openDirPath(path);
     }
 }
 

@@ -78,6 +78,9 @@ class SettingsController : public QObject {
     Q_PROPERTY(QVariantMap selectedGroup READ selectedGroupValue NOTIFY selectedGroupChanged)
     Q_PROPERTY(bool hasSelectedGroup READ hasSelectedGroup NOTIFY selectedGroupChanged)
     Q_PROPERTY(bool isUpdatingRetention READ isUpdatingRetention NOTIFY isUpdatingRetentionChanged)
+    // Why the last add, removal or retention save failed (the backend's own
+    // text); empty again after the next one that succeeds.
+    Q_PROPERTY(QString errorText READ errorText NOTIFY errorTextChanged)
 
 public:
     explicit SettingsController(QObject *parent = nullptr);
@@ -111,6 +114,7 @@ public:
     QVariantMap selectedGroupValue() const;
     bool hasSelectedGroup() const { return selectedGroup_.has_value(); }
     bool isUpdatingRetention() const { return isUpdatingRetention_; }
+    QString errorText() const { return errorText_; }
 
     // The screen has appeared: ask for the groups now and once more after
     // the initial delay.
@@ -168,6 +172,7 @@ signals:
     void showRetentionSettingsChanged();
     void selectedGroupChanged();
     void isUpdatingRetentionChanged();
+    void errorTextChanged();
 
 private:
     ItemsProvider *provider() const;
@@ -181,6 +186,7 @@ private:
     void setSelectedGroup(std::optional<GroupItem> group);
     void raiseICloudWarning(const QString &path, const QString &groupName, const QString &message);
     void retentionUpdateEnded();
+    void setErrorText(const QString &text);
 
     QPointer<ItemsProvider> model_;
     QPointer<SettingsActions> actions_;
@@ -198,6 +204,9 @@ private:
     std::optional<GroupItem> selectedGroup_;
     bool isUpdatingRetention_ = false;
     int retentionUpdatesInFlight_ = 0;
+    QString errorText_;
+    QMetaObject::Connection failedConnection_;
+    QMetaObject::Connection succeededConnection_;
 };
 
 } // namespace tarnwick::ui

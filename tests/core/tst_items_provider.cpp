@@ -5,6 +5,7 @@
 #include "LaunchAtLogin.h"
 #include "PollManager.h"
 #include "RecordBuilders.h"
+#include "SettingsActions.h"
 
 #include <QCoreApplication>
 #include <QFile>
@@ -432,6 +433,129 @@ private slots:
         }
         QCOMPARE(order,
                  (std::vector<std::string>{"getGroups", "openWeb", "addWatchDir", "stopWatching"}));
+    }
+
+    void aDuePingGivesWayToAQueuedCommand() {
+        Fixture f;
+        std::atomic<bool> release = false;
+        f.backend->setHandler([&](const FakeRequest &request) {
+            // The first request stays on the wire until the test has queued the rest.
+            while (request.type == "getGroups" && !release) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            }
+            return FakeReply::sealed(R"({"status":"success"})");
+        });
+        QStringList finished;
+        const auto note = [&finished](const char *what) {
+            return [&finished, what](const CommandOutcome &outcome) {
+                finished << (outcome ? QString("failed") : QString(what));
+            };
+        };
+        f.provider->publishAndWaitThrows(commands::getGroups(), note("getGroups"));
+        QTRY_COMPARE_WITH_TIMEOUT(f.backend->requestCount("getGroups"), 1, 10000);
+        f.provider->publishAndWaitThrows(commands::addWatchDir("Personal", "/a"),
+                                         note("addWatchDir"));
+        // Due while the command waits: skipped, never sent before it.
+        f.provider->publishAndWaitThrows(commands::ping("[]"), note("ping"));
+        release = true;
+        QTRY_COMPARE_WITH_TIMEOUT(finished.size(), 3, 10000);
+        QCOMPARE(finished, (QStringList{"ping", "getGroups", "addWatchDir"}));
+        std::vector<std::string> order;
+        for (const auto &request : f.backend->requests()) {
+            order.push_back(request.type);
+        }
+        QCOMPARE(order, (std::vector<std::string>{"getGroups", "addWatchDir"}));
+    }
+
+    void aWaitingPingGivesWayToANewCommand() {
+        Fixture f;
+        std::atomic<bool> release = false;
+        f.backend->setHandler([&](const FakeRequest &request) {
+            while (request.type == "getGroups" && !release) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            }
+            return FakeReply::sealed(R"({"Type":"ping","ID":"","Data":""})");
+        });
+        int ended = 0;
+        const auto count = [&ended](const CommandOutcome &) { ++ended; };
+        f.provider->publishAndWaitThrows(commands::getGroups(), count);
+        QTRY_COMPARE_WITH_TIMEOUT(f.backend->requestCount("getGroups"), 1, 10000);
+        // Nothing waits yet: the ping queues behind the request on the wire...
+        f.provider->publishAndWaitThrows(commands::ping("[]"), count);
+        // ...and gives way to the user's command that comes after it.
+        f.provider->publishAndWaitThrows(commands::openWeb("2"), count);
+        release = true;
+        QTRY_COMPARE_WITH_TIMEOUT(ended, 3, 10000);
+        std::vector<std::string> order;
+        for (const auto &request : f.backend->requests()) {
+            order.push_back(request.type);
+        }
+        QCOMPARE(order, (std::vector<std::string>{"getGroups", "openWeb"}));
+
+        // With nothing else waiting, pings go out.
+        f.provider->publishAndWaitThrows(commands::ping("[]"), count);
+        QTRY_COMPARE_WITH_TIMEOUT(ended, 4, 10000);
+        QCOMPARE(f.backend->requestCount("ping"), 1);
+        QCOMPARE(f.backend->requests().back().data, std::string("[]"));
+    }
+
+    void refreshesRefusedDuringAnAddAreMadeUpForWhenItEnds() {
+        Fixture f;
+        SettingsActions actions(*f.provider);
+        std::atomic<bool> release = false;
+        f.backend->setHandler([&](const FakeRequest &request) {
+            if (request.type == "addWatchDir") {
+                // The add stays under way until both refreshes were turned away.
+                while (!release) {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+                }
+                return FakeReply::sealed(R"({"status":"success"})");
+            }
+            return FakeReply::sealed(encodeGroupItems({group(1, "Personal", {"/a"})}));
+        });
+        std::optional<CommandOutcome> added;
+        QVERIFY(actions.addFolderToSync("/a", "Personal",
+                                        [&](const CommandOutcome &outcome) { added = outcome; }));
+        const QString ignored =
+            "Publish request ignored.  Waiting for previous request to finish ...";
+        QTRY_COMPARE_WITH_TIMEOUT(f.count(ignored), 2, 10000);
+        QCOMPARE(f.backend->requestCount("getGroups"), 0);
+        release = true;
+        QTRY_VERIFY_WITH_TIMEOUT(added.has_value(), 10000);
+        QVERIFY(!*added);
+        // One refresh follows the add, and its list is applied.
+        QTRY_COMPARE_WITH_TIMEOUT(f.backend->requestCount("getGroups"), 1, 10000);
+        QTRY_COMPARE_WITH_TIMEOUT(f.provider->groups().size(), std::size_t(1), 10000);
+        QCOMPARE(f.provider->groups()[0].walkPaths, std::vector<std::string>{"/a"});
+        QCOMPARE(f.backend->requests().front().type, std::string("addWatchDir"));
+    }
+
+    void aRefusedAddReportsTheBackendsReason() {
+        Fixture f;
+        SettingsActions actions(*f.provider);
+        f.backend->setHandler([](const FakeRequest &request) {
+            if (request.type == "addWatchDir") {
+                return FakeReply::sealed(
+                    R"({"status":"error","error":"Refusing to sync the whole file system"})");
+            }
+            return FakeReply::sealed(encodeGroupItems({group(1, "Personal", {})}));
+        });
+        QSignalSpy failed(&actions, &SettingsActions::actionFailed);
+        QSignalSpy succeeded(&actions, &SettingsActions::actionSucceeded);
+        std::optional<CommandOutcome> added;
+        QVERIFY(actions.addFolderToSync("/", "Personal",
+                                        [&](const CommandOutcome &outcome) { added = outcome; }));
+        QTRY_VERIFY_WITH_TIMEOUT(added.has_value(), 10000);
+        QVERIFY(*added);
+        QCOMPARE((*added)->domain, std::string("ServerError"));
+        QCOMPARE(failureText(**added), QString("Refusing to sync the whole file system"));
+        QCOMPARE(failed.count(), 1);
+        QCOMPARE(failed.first().first().toString(),
+                 QString("Refusing to sync the whole file system"));
+        QCOMPARE(succeeded.count(), 0);
+        // The six attempts of every command, then one warning.
+        QCOMPARE(f.backend->requestCount("addWatchDir"), 6);
+        QCOMPARE(f.log.filter("warning:").size(), 1);
     }
 
     void noBackendKeyYet() {

@@ -70,9 +70,26 @@ Item {
         anchors.fill: parent
         visible: view.showsList
 
+        // A change the backend refused (or that never reached it), with its
+        // reason, until the next change succeeds.
+        InfoPanel {
+            id: errorPanel
+            objectName: "settingsErrorPanel"
+            anchors.top: parent.top
+            anchors.left: parent.left
+            anchors.right: parent.right
+            anchors.margins: 16
+            visible: controller.errorText !== ""
+            type: "error"
+            icon: "exclamationmark.triangle.fill"
+            title: "The change was not made"
+            message: controller.errorText
+        }
+
         EmptyStateView {
             objectName: "groupsEmptyState"
             anchors.fill: parent
+            anchors.topMargin: errorPanel.visible ? errorPanel.height + 16 : 0
             visible: controller.groupCount === 0
             icon: "person.3.fill"
             title: view.isLoadingGroups ? "Loading..." : "No Groups Found"
@@ -85,6 +102,7 @@ Item {
             id: list
             objectName: "groupList"
             anchors.fill: parent
+            anchors.topMargin: errorPanel.visible ? errorPanel.height + 16 : 0
             visible: controller.groupCount > 0
             clip: true
             spacing: 12

@@ -1,0 +1,127 @@
+#include "BackendSession.h"
+
+#include <QMetaObject>
+#include <QPointer>
+#include <QString>
+
+#include <string_view>
+#include <utility>
+
+namespace tidepost {
+
+BackendSession::BackendSession(KeyExchangeStoreFunction factory, QObject *parent)
+    : QObject(parent), pm_(std::make_unique<PollManager>(std::move(factory))) {}
+
+BackendSession::~BackendSession() {
+    // Handlers of requests still queued or under way are dropped with us.
+    commands_.clear();
+    background_.reset();
+    pm_.reset();
+}
+
+void BackendSession::send(const tarnwick::TypeIDAndData &envelope, Priority priority,
+                          Handler done) {
+    if (priority == Priority::command) {
+        commands_.push_back({envelope, std::move(done)});
+        // A ping still waiting would only hold the command up: it gives way.
+        if (background_) {
+            Pending dropped = std::move(*background_);
+            background_.reset();
+            deliver(std::move(dropped.done), {Exchange::Result::skipped, {}, std::nullopt});
+        }
+    } else {
+        if (!commands_.empty()) {
+            deliver(std::move(done), {Exchange::Result::skipped, {}, std::nullopt});
+            return;
+        }
+        if (background_) {
+            // The newer one carries the newer folder list.
+            Pending older = std::move(*background_);
+            background_.reset();
+            deliver(std::move(older.done), {Exchange::Result::skipped, {}, std::nullopt});
+        }
+        background_ = Pending{envelope, std::move(done)};
+    }
+    if (!inFlight_) {
+        sendNext();
+    }
+}
+
+void BackendSession::sendNext() {
+    if (!commands_.empty()) {
+        Pending next = std::move(commands_.front());
+        commands_.pop_front();
+        post(std::move(next));
+    } else if (background_) {
+        Pending next = std::move(*background_);
+        background_.reset();
+        post(std::move(next));
+    } else {
+        inFlight_ = false;
+    }
+}
+
+void BackendSession::post(Pending request) {
+    inFlight_ = true;
+    // Sealed as it leaves, so that its timestamp is fresh when it arrives.
+    std::string body;
+    try {
+        body =
+            pm_->kes.encodeJSONAndEncrypt(request.envelope, pm_->keyExchangeCurrentTimestampData())
+                .toJSON();
+    } catch (...) {
+        Exchange failed{Exchange::Result::failed, {}, Error::fromCurrentException()};
+        QMetaObject::invokeMethod(
+            this,
+            [this, done = std::move(request.done), failed = std::move(failed)]() mutable {
+                sendNext();
+                if (done) {
+                    done(failed);
+                }
+            },
+            Qt::QueuedConnection);
+        return;
+    }
+    QPointer<BackendSession> self(this);
+    pm_->publishLocal(body, port_, QString::fromLatin1(requestPath), pm_->bearerToken,
+                      [self, done = std::move(request.done)](std::optional<QByteArray> reply,
+                                                             std::optional<Error> error) {
+                          if (!self) {
+                              return;
+                          }
+                          Exchange exchange =
+                              error ? Exchange{Exchange::Result::failed, {}, std::move(error)}
+                                    : self->open(reply.value_or(QByteArray()));
+                          // The next request leaves before this one's handler runs, so a
+                          // handler that sends again queues behind what was already waiting.
+                          self->sendNext();
+                          if (done) {
+                              done(exchange);
+                          }
+                      });
+}
+
+Exchange BackendSession::open(const QByteArray &body) {
+    try {
+        const lumacrypt::KeyExchangeAEADStore record = lumacrypt::KeyExchangeAEADStore::fromJSON(
+            std::string_view(body.constData(), static_cast<std::size_t>(body.size())));
+        const lumacrypt::Bytes plain = pm_->kes.decryptAEADStore(record);
+        if (std::optional<Error> stale = pm_->checkTimestamp(record.additionalData)) {
+            return {Exchange::Result::unreadable, {}, std::move(stale)};
+        }
+        return {Exchange::Result::opened, std::string(plain.begin(), plain.end()), std::nullopt};
+    } catch (...) {
+        return {Exchange::Result::unreadable, {}, Error::fromCurrentException()};
+    }
+}
+
+void BackendSession::deliver(Handler done, Exchange exchange) {
+    if (!done) {
+        return;
+    }
+    QMetaObject::invokeMethod(
+        this, [done = std::move(done), exchange = std::move(exchange)] { done(exchange); },
+        Qt::QueuedConnection);
+}
+
+} // namespace tidepost
