@@ -1,5 +1,7 @@
 #include "Backend.h"
 
+#include <algorithm>
+
 #include "Channel.h"
 #include "Log.h"
 
@@ -191,6 +193,11 @@ std::string Backend::handle(const std::string &envelope) {
             logLine("handled " + type + ": no user signed in, asked for authentication");
         }
         return backendMessage("auth request");
+    }
+    const auto &refused = settings_.faults.refusedTypes;
+    if (std::find(refused.begin(), refused.end(), type) != refused.end()) {
+        logLine("handled " + type + ": refused (fault injection)");
+        return errorResponse("Refused on purpose: " + type + " (KOVRIT_DEV_FAULT)");
     }
     if (type == "requestCode") {
         return requestCode(request.id);

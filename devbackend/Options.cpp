@@ -169,7 +169,7 @@ std::string usageText(std::string_view programName) {
 
 bool Faults::any() const {
     return exitAfterSeconds || noPem || badPem || hang || garbage || slowMs || staleTimestamp ||
-           status || !unreadableNames.empty();
+           status || !unreadableNames.empty() || !refusedTypes.empty();
 }
 
 std::string Faults::describe() const {
@@ -211,6 +211,9 @@ std::string Faults::describe() const {
     }
     for (const auto &name : unreadableNames) {
         add("unreadable=" + name);
+    }
+    for (const auto &type : refusedTypes) {
+        add("refuse=" + type);
     }
     return text;
 }
@@ -285,6 +288,11 @@ FaultsResult parseFaults(std::string_view text) {
                 return bad("needs a file name");
             }
             faults.unreadableNames.emplace_back(*value);
+        } else if (name == "refuse") {
+            if (!value || value->empty()) {
+                return bad("needs a command type");
+            }
+            faults.refusedTypes.emplace_back(*value);
         } else {
             return bad("unknown switch");
         }

@@ -42,6 +42,9 @@ struct Faults {
     // unreadable=<file name>: files with this name fail to open as if unreadable (lets tests
     // that run with privileges that read everything exercise the unreadable-file path).
     std::vector<std::string> unreadableNames;
+    // refuse=<command type>: answer every such command with a status error (lets tests see a
+    // refusal of a command the backend would otherwise always accept).
+    std::vector<std::string> refusedTypes;
 
     bool any() const;
     std::string describe() const;

@@ -133,7 +133,8 @@ QString formatBytes(qint64 bytes) {
     return QLocale().formattedDataSize(bytes);
 }
 
-QString describeStatus(const QJsonObject &status, bool backendFailed) {
+QString describeStatus(const QJsonObject &status) {
+    const bool backendFailed = status.value(QStringLiteral("backendFailed")).toBool();
     QString text;
     QTextStream stream(&text);
     const QString user = status.value(QStringLiteral("userName")).toString();
@@ -368,21 +369,21 @@ int runControl(const Invocation &invocation) {
         if (!request({{QStringLiteral("command"), command}}, kQuickTimeoutMs, &reply)) {
             return 1;
         }
-        const QString text = reply.value(QStringLiteral("json")).toString();
-        if (json) {
-            print(text + u'\n');
-        } else {
-            print(describeStatus(QJsonDocument::fromJson(text.toUtf8()).object(),
-                                 reply.value(QStringLiteral("backendFailed")).toBool()));
-        }
+        const QJsonObject status = reply.value(QStringLiteral("status")).toObject();
+        print(json ? QString::fromUtf8(QJsonDocument(status).toJson(QJsonDocument::Compact)) + u'\n'
+                   : describeStatus(status));
         return 0;
     }
     if (command == QLatin1String("groups")) {
         if (!request({{QStringLiteral("command"), command}}, kBackendTimeoutMs, &reply)) {
             return 1;
         }
-        const QString text = reply.value(QStringLiteral("json")).toString();
-        print(json ? text + u'\n' : describeGroups(QJsonDocument::fromJson(text.toUtf8()).array()));
+        if (reply.contains(QStringLiteral("error"))) {
+            return failWith(reply);
+        }
+        const QJsonArray groups = reply.value(QStringLiteral("groups")).toArray();
+        print(json ? QString::fromUtf8(QJsonDocument(groups).toJson(QJsonDocument::Compact)) + u'\n'
+                   : describeGroups(groups));
         return 0;
     }
     if (command == QLatin1String("login")) {

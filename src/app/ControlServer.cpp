@@ -7,10 +7,11 @@
 
 #include <runwarden/ExitAppIfAlreadyOpen.h>
 
-#include <nlohmann/json.hpp>
-
+#include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
 #include <QJsonObject>
 #include <QPointer>
 #include <QTimer>
@@ -23,8 +24,13 @@ namespace {
 
 using runwarden::GuardConnection;
 
-std::string json(const QString &text) {
-    return nlohmann::json(text.toStdString()).dump();
+// Records exactly as they travel on the wire, as JSON values of the
+// control protocol.
+const char *const notSignedInText = "Not signed in (sign in with: tarnwick login EMAIL)";
+const char *const busyText = "Another request is under way; try again.";
+
+QJsonArray wireArray(const std::string &json) {
+    return QJsonDocument::fromJson(QByteArray::fromStdString(json)).array();
 }
 
 void reply(GuardConnection *connection, const QJsonObject &line) {
@@ -39,6 +45,10 @@ void fail(GuardConnection *connection, const QString &message) {
         connection->sendError(message);
         connection->finish();
     }
+}
+
+void failWith(GuardConnection *connection, const tidepost::Error &error) {
+    fail(connection, failureText(error));
 }
 
 QJsonObject ok(const QString &message = {}) {
@@ -95,37 +105,51 @@ ControlServer::ControlServer(ItemsProvider &model, SettingsActions &actions,
     connect(&model_, &ItemsProvider::quitRequested, this, &ControlServer::modelQuit);
 }
 
-QByteArray ControlServer::statusJSON(const ItemsProvider &model) {
-    std::string text = "{\"isLoggedIn\":";
-    text += model.isLoggedIn() ? "true" : "false";
-    text += ",\"userName\":" + json(model.userName());
-    text += ",\"error\":" + json(model.error());
-    text += std::string(",\"isLoading\":") + (model.isLoading() ? "true" : "false");
-    text += std::string(",\"isWaiting\":") + (model.isWaiting() ? "true" : "false");
-    text += ",\"menuBarString\":" + json(model.menuBarString());
-    text += ",\"dirItems\":" + encodeDirItems(model.dirItems());
-    text += ",\"groups\":" + encodeGroupItems(model.groups());
-    text += "}";
-    return QByteArray::fromStdString(text);
+QJsonObject ControlServer::statusObject(const ItemsProvider &model) {
+    QJsonArray folders = wireArray(encodeDirItems(model.dirItems()));
+    for (qsizetype i = 0; i < folders.size(); ++i) {
+        QJsonObject folder = folders.at(i).toObject();
+        folder.insert(QStringLiteral("progress"),
+                      model.dirItems()[static_cast<std::size_t>(i)].progress());
+        folders.replace(i, folder);
+    }
+    return {
+        {QStringLiteral("version"), QCoreApplication::applicationVersion()},
+        {QStringLiteral("isLoggedIn"), model.isLoggedIn()},
+        {QStringLiteral("userName"), model.userName()},
+        {QStringLiteral("error"), model.error()},
+        {QStringLiteral("isLoading"), model.isLoading()},
+        {QStringLiteral("isWaiting"), model.isWaiting()},
+        {QStringLiteral("menuBarString"), model.menuBarString()},
+        {QStringLiteral("backendFailed"), model.backendFailed()},
+        {QStringLiteral("dirItems"), folders},
+        {QStringLiteral("groups"), wireArray(encodeGroupItems(model.groups()))},
+    };
 }
 
 void ControlServer::status(GuardConnection *connection) {
     QJsonObject line = ok();
-    line.insert(QStringLiteral("json"), QString::fromUtf8(statusJSON(model_)));
-    line.insert(QStringLiteral("backendFailed"), model_.backendFailed());
+    line.insert(QStringLiteral("status"), statusObject(model_));
     reply(connection, line);
 }
 
 void ControlServer::groups(GuardConnection *connection) {
     // A fresh list first, so the answer is the backend's current one.
     QPointer<GuardConnection> guard(connection);
-    model_.publishAndWait(QStringLiteral("getGroups"), QString(), QString(), [this, guard] {
+    model_.publishAndWait(commands::getGroups(), [this, guard](const CommandOutcome &outcome) {
         if (!guard) {
             return;
         }
+        if (outcome) {
+            failWith(guard, *outcome);
+            return;
+        }
+        if (!model_.isLoggedIn()) {
+            fail(guard, QString::fromLatin1(notSignedInText));
+            return;
+        }
         QJsonObject line = ok();
-        line.insert(QStringLiteral("json"),
-                    QString::fromStdString(encodeGroupItems(model_.groups())));
+        line.insert(QStringLiteral("groups"), wireArray(encodeGroupItems(model_.groups())));
         reply(guard, line);
     });
 }
@@ -140,10 +164,16 @@ void ControlServer::login(GuardConnection *connection) {
     // code is requested.
     model_.setUserName(email);
     QPointer<GuardConnection> guard(connection);
-    model_.requestCodeViaEmail(email, [this, guard] {
-        if (guard) {
-            reply(guard, ok(model_.error()));
+    model_.requestCodeViaEmail(email, [this, guard](const CommandOutcome &outcome) {
+        if (!guard) {
+            return;
         }
+        if (outcome) {
+            // The address (or the request) was refused: no code is on its way.
+            failWith(guard, *outcome);
+            return;
+        }
+        reply(guard, ok(model_.error()));
     });
 }
 
@@ -160,7 +190,8 @@ void ControlServer::auth(GuardConnection *connection) {
             return;
         }
         // Success is the next reply that says a user is signed in after the
-        // code was sent; failure is the login screen's 5-second text.
+        // code was accepted; failure is the backend's refusal of the code, or
+        // no sign-in within the login screen's wait.
         auto sent = std::make_shared<bool>(false);
         auto connections = std::make_shared<std::vector<QMetaObject::Connection>>();
         const auto finish = [guard, connections](const QJsonObject &line) {
@@ -177,19 +208,25 @@ void ControlServer::auth(GuardConnection *connection) {
                     finish(ok(QStringLiteral("Signed in as %1").arg(model_.userName())));
                 }
             }));
-        connections->push_back(connect(&model_, &ItemsProvider::errorChanged, this, [this, finish] {
-            if (model_.error() == QLatin1String("Authentication failed. Please retry ...")) {
-                QJsonObject line;
-                line.insert(QStringLiteral("error"), model_.error());
-                finish(line);
-            }
+        connections->push_back(connect(&model_, &ItemsProvider::loginFailed, this, [this, finish] {
+            finish(QJsonObject{{QStringLiteral("error"), model_.error()}});
         }));
         connections->push_back(connect(guard.data(), &GuardConnection::closed, this, [connections] {
             for (const auto &c : *connections) {
                 QObject::disconnect(c);
             }
         }));
-        model_.performLogin(code, [sent] { *sent = true; });
+        model_.performLogin(code, [sent, finish](const CommandOutcome &outcome) {
+            if (outcome) {
+                // The backend's reason, then what the login screen will say.
+                finish(QJsonObject{
+                    {QStringLiteral("error"),
+                     QStringLiteral("%1\n%2").arg(failureText(*outcome),
+                                                  QLatin1String(ItemsProvider::loginFailedText))}});
+                return;
+            }
+            *sent = true;
+        });
     });
 }
 
@@ -204,8 +241,16 @@ void ControlServer::add(GuardConnection *connection) {
     }
     QPointer<GuardConnection> guard(connection);
     // The groups as the backend has them now, to check the name against.
-    model_.publishAndWait(QStringLiteral("getGroups"), QString(), QString(), [=, this] {
+    model_.publishAndWait(commands::getGroups(), [=, this](const CommandOutcome &outcome) {
         if (!guard) {
+            return;
+        }
+        if (outcome) {
+            failWith(guard, *outcome);
+            return;
+        }
+        if (!model_.isLoggedIn()) {
+            fail(guard, QString::fromLatin1(notSignedInText));
             return;
         }
         if (!groupNamed(model_, group)) {
@@ -245,18 +290,31 @@ void ControlServer::add(GuardConnection *connection) {
             if (!guard) {
                 return;
             }
-            actions_.addFolderToSync(watched, group);
-            waitForGroups(
-                guard, [=, this] { return groupHasPath(model_, group, watched); },
-                [=] {
-                    QJsonObject line = ok(QStringLiteral("Added %1 to %2").arg(watched, group));
-                    line.insert(QStringLiteral("path"), watched);
-                    if (!check.message.isEmpty()) {
-                        line.insert(QStringLiteral("warning"), check.message);
+            const bool sent =
+                actions_.addFolderToSync(watched, group, [=, this](const CommandOutcome &outcome) {
+                    if (!guard) {
+                        return;
                     }
-                    reply(guard, line);
-                },
-                QStringLiteral("The backend did not confirm the new folder."));
+                    if (outcome) {
+                        failWith(guard, *outcome);
+                        return;
+                    }
+                    waitForGroups(
+                        guard, [=, this] { return groupHasPath(model_, group, watched); },
+                        [=] {
+                            QJsonObject line =
+                                ok(QStringLiteral("Added %1 to %2").arg(watched, group));
+                            line.insert(QStringLiteral("path"), watched);
+                            if (!check.message.isEmpty()) {
+                                line.insert(QStringLiteral("warning"), check.message);
+                            }
+                            reply(guard, line);
+                        },
+                        QStringLiteral("The backend did not confirm the new folder."));
+                });
+            if (!sent) {
+                fail(guard, QString::fromLatin1(busyText));
+            }
         });
     });
 }
@@ -273,11 +331,22 @@ void ControlServer::remove(GuardConnection *connection) {
         if (!guard) {
             return;
         }
-        actions_.removeFolder(path);
-        waitForGroups(
-            guard, [=, this] { return !anyGroupHasPath(model_, path); },
-            [=] { reply(guard, ok(QStringLiteral("Stopped watching %1").arg(path))); },
-            QStringLiteral("The backend did not confirm the removal."));
+        const bool sent = actions_.removeFolder(path, [=, this](const CommandOutcome &outcome) {
+            if (!guard) {
+                return;
+            }
+            if (outcome) {
+                failWith(guard, *outcome);
+                return;
+            }
+            waitForGroups(
+                guard, [=, this] { return !anyGroupHasPath(model_, path); },
+                [=] { reply(guard, ok(QStringLiteral("Stopped watching %1").arg(path))); },
+                QStringLiteral("The backend did not confirm the removal."));
+        });
+        if (!sent) {
+            fail(guard, QString::fromLatin1(busyText));
+        }
     });
 }
 
@@ -323,8 +392,20 @@ void ControlServer::open(GuardConnection *connection) {
         if (!guard) {
             return;
         }
-        model_.publish(QStringLiteral("openDirPath"), path, QString(),
-                       [guard] { reply(guard, ok()); });
+        const bool sent =
+            model_.publish(commands::openDirPath(path), [guard](const CommandOutcome &outcome) {
+                if (!guard) {
+                    return;
+                }
+                if (outcome) {
+                    failWith(guard, *outcome);
+                } else {
+                    reply(guard, ok());
+                }
+            });
+        if (!sent) {
+            fail(guard, QString::fromLatin1(busyText));
+        }
     });
 }
 
@@ -335,7 +416,7 @@ void ControlServer::logout(GuardConnection *connection) {
             return;
         }
         if (!model_.logout()) {
-            fail(guard, QStringLiteral("Another request is under way; try again."));
+            fail(guard, QString::fromLatin1(busyText));
             return;
         }
         pendingLogout_ = guard;

@@ -27,9 +27,10 @@ public:
     // How long a command waits for the backend to confirm a change.
     void setConfirmTimeout(int milliseconds) { confirmTimeoutMs_ = milliseconds; }
 
-    // The status document: the model's state with folders and groups exactly
-    // as they travel on the wire.
-    static QByteArray statusJSON(const ItemsProvider &model);
+    // The status document: the model's state with folders and groups as
+    // they travel on the wire (each folder with its numeric "progress"), the
+    // client's version and whether the backend has failed.
+    static QJsonObject statusObject(const ItemsProvider &model);
 
 signals:
     // The client should end: "quit", or a logout (from here or the window)

@@ -181,15 +181,20 @@ private slots:
             QTest::qWaitFor([&] { return statusOf(home).value("isLoggedIn") == false; }, 30000));
         const Result raw = run(home, {"status", "--json"});
         QCOMPARE(raw.exitCode, 0);
-        QVERIFY2(raw.out.startsWith(
-                     "{\"isLoggedIn\":false,\"userName\":\"\",\"error\":\"\",\"isLoading\":"),
-                 qPrintable(raw.out));
+        // One JSON object on one line: the model's state, the client's
+        // version and whether the backend has failed.
+        QCOMPARE(raw.out.count('\n'), 1);
         const QJsonObject status = QJsonDocument::fromJson(raw.out.toUtf8()).object();
-        QCOMPARE(status.keys().size(), 8);
-        for (const char *key : {"isLoggedIn", "userName", "error", "isLoading", "isWaiting",
-                                "menuBarString", "dirItems", "groups"}) {
+        QCOMPARE(status.keys().size(), 10);
+        for (const char *key :
+             {"isLoggedIn", "userName", "error", "isLoading", "isWaiting", "menuBarString",
+              "dirItems", "groups", "version", "backendFailed"}) {
             QVERIFY2(status.contains(key), key);
         }
+        QCOMPARE(status.value("isLoggedIn"), QJsonValue(false));
+        QCOMPARE(status.value("userName").toString(), QString());
+        QCOMPARE(status.value("version").toString(), QString(TARNWICK_VERSION));
+        QCOMPARE(status.value("backendFailed"), QJsonValue(false));
         QVERIFY(run(home, {"status"}).out.contains("Not signed in"));
 
         // A second start finds this one and leaves.
@@ -291,6 +296,105 @@ private slots:
             QTest::qWaitFor([&] { return processesRunning(home.backendCopy()).isEmpty(); }, 5000));
         QVERIFY(client.output().contains("handled logoutAndExit"));
         QCOMPARE(run(home, {"status"}).exitCode, 1);
+    }
+
+    void refusalsReachTheUser() {
+        Home home;
+        home.env.insert("KOVRIT_DEV_CODE", "123456");
+        home.env.insert("KOVRIT_DEV_FAULT",
+                        "refuse=stopWatching,refuse=updateGroup,refuse=openDirPath");
+        Client client(home);
+        QVERIFY(client.process.waitForStarted());
+        QVERIFY(
+            QTest::qWaitFor([&] { return statusOf(home).value("isLoggedIn") == false; }, 30000));
+
+        // Signed out: there are no groups to list, and the command says why.
+        Result result = run(home, {"groups"});
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY2(result.err.contains("Not signed in"), qPrintable(result.err));
+        QVERIFY(!result.out.contains("No groups"));
+
+        // An address the backend refuses is not "code sent".
+        result = run(home, {"login", "not-an-email"});
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY2(result.err.contains("Invalid e-mail address"), qPrintable(result.err));
+        QVERIFY(!result.out.contains("code sent"));
+
+        // A wrong code: the backend's reason at once, and the login screen's text.
+        result = run(home, {"login", "ana@example.org", "--code", "000000"});
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY2(result.err.contains("Invalid or expired code"), qPrintable(result.err));
+        QVERIFY(result.err.contains("Authentication failed. Please retry ..."));
+        result = run(home, {"login", "ana@example.org"}, "123456\n");
+        QVERIFY2(result.exitCode == 0, qPrintable(result.err));
+
+        // The backend's refusals of a folder, word for word.
+        result = run(home, {"add", "Personal", "/"});
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY2(result.err.contains("Refusing to sync the whole file system"),
+                 qPrintable(result.err));
+        QVERIFY(!result.err.contains("did not confirm"));
+        const QString folder = home.path("Documents");
+        QVERIFY(QDir().mkpath(folder));
+        result = run(home, {"add", "Personal", folder});
+        QVERIFY2(result.exitCode == 0, qPrintable(result.err));
+        result = run(home, {"add", "Family", folder});
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY2(result.err.contains("Folder is already watched in group Personal"),
+                 qPrintable(result.err));
+
+        // Commands this backend refuses on purpose: each prints its reason.
+        result = run(home, {"remove", folder});
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY2(result.err.contains("Refused on purpose: stopWatching"), qPrintable(result.err));
+        result = run(home, {"retention", "1", "30"});
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY2(result.err.contains("Refused on purpose: updateGroup"), qPrintable(result.err));
+        result = run(home, {"open", folder});
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY2(result.err.contains("Refused on purpose: openDirPath"), qPrintable(result.err));
+        // The refused removal left the folder where it was.
+        QVERIFY(
+            groupNamed(groupsOf(home), "Personal").value("WalkPaths").toArray().contains(folder));
+
+        // Each folder's progress is a number in the status document.
+        QVERIFY(QTest::qWaitFor([&] { return folderStatus(home, folder) == "Up to date"; }, 30000));
+        for (const auto &item : statusOf(home).value("dirItems").toArray()) {
+            QCOMPARE(item.toObject().value("progress").toDouble(-1), 1.0);
+        }
+        QCOMPARE(run(home, {"quit"}).exitCode, 0);
+        QVERIFY(client.process.waitForFinished(15000));
+    }
+
+    void addsConfirmedWithASlowBackend() {
+        // Every answer takes 400 ms: a user's command waits behind the ping on
+        // the wire, and the group refreshes of an add meet the one-request
+        // gate. Each add still ends with the folder in the group list.
+        Home home;
+        home.env.insert("KOVRIT_DEV_CODE", "123456");
+        home.env.insert("KOVRIT_DEV_FAULT", "slow=400");
+        Client client(home);
+        QVERIFY(client.process.waitForStarted());
+        QVERIFY(
+            QTest::qWaitFor([&] { return statusOf(home).value("isLoggedIn") == false; }, 30000));
+        Result result = run(home, {"login", "ana@example.org"}, "123456\n");
+        QVERIFY2(result.exitCode == 0, qPrintable(result.err));
+        QStringList folders;
+        for (int i = 0; i < 20; ++i) {
+            const QString folder = home.path(QStringLiteral("slow/folder-%1").arg(i));
+            QVERIFY(QDir().mkpath(folder));
+            folders << folder;
+            result = run(home, {"add", "Personal", folder});
+            QVERIFY2(result.exitCode == 0,
+                     qPrintable(QStringLiteral("add %1: %2").arg(i).arg(result.err)));
+        }
+        const QJsonArray watched =
+            groupNamed(groupsOf(home), "Personal").value("WalkPaths").toArray();
+        for (const QString &folder : folders) {
+            QVERIFY2(watched.contains(folder), qPrintable(folder));
+        }
+        QCOMPARE(run(home, {"quit"}).exitCode, 0);
+        QVERIFY(client.process.waitForFinished(15000));
     }
 
     void restartAfterTheFailedState() {
