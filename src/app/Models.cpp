@@ -330,6 +330,26 @@ TypeIDAndData TypeIDAndData::fromJSON(std::string_view json) {
     return withDocument(json, typeIDAndDataFrom);
 }
 
+std::vector<std::string> decodeStringMembers(std::string_view json, const char *record,
+                                             std::span<const std::string_view> keys) {
+    return withDocument(json, [&](element value) {
+        std::vector<std::string> values(keys.size());
+        std::vector<bool> seen(keys.size(), false);
+        for (const auto field : readObject(value, record)) {
+            for (std::size_t i = 0; i < keys.size(); ++i) {
+                if (field.key == keys[i]) {
+                    values[i] = readString(field.value, record, field.key);
+                    seen[i] = true;
+                }
+            }
+        }
+        for (std::size_t i = 0; i < keys.size(); ++i) {
+            requireKey(seen[i], record, keys[i]);
+        }
+        return values;
+    });
+}
+
 ServerResponse ServerResponse::fromJSON(std::string_view json) {
     return withDocument(json, serverResponseFrom);
 }
@@ -498,6 +518,22 @@ std::string writeArray(const std::vector<Record> &records, std::size_t guessPerR
 }
 
 } // namespace
+
+std::string
+encodeStringMembers(std::span<const std::pair<std::string_view, std::string_view>> members) {
+    std::size_t size = 2;
+    for (const auto &[key, value] : members) {
+        size += key.size() + value.size() + 6;
+    }
+    std::string out;
+    out.reserve(size);
+    json::ObjectWriter object(out);
+    for (const auto &[key, value] : members) {
+        object.string(key, value);
+    }
+    object.finish();
+    return out;
+}
 
 std::string TypeIDAndData::toJSON() const {
     std::string out;

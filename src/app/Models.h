@@ -16,9 +16,11 @@
 #include <cstdint>
 #include <exception>
 #include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace tarnwick {
@@ -67,7 +69,17 @@ struct TypeIDAndData {
 
     static TypeIDAndData fromJSON(std::string_view json);
     std::string toJSON() const; // keys "Type", "ID", "Data"
+    friend bool operator==(const TypeIDAndData &, const TypeIDAndData &) = default;
 };
+
+// A JSON object whose members `keys` are all required strings, as the values in the order of
+// `keys` (unknown keys ignored, a key given twice takes its last value). Throws DecodingError,
+// naming `record`, for anything else.
+std::vector<std::string> decodeStringMembers(std::string_view json, const char *record,
+                                             std::span<const std::string_view> keys);
+// A compact JSON object of string members in the given order.
+std::string
+encodeStringMembers(std::span<const std::pair<std::string_view, std::string_view>> members);
 
 // A status reply from the backend. Both keys may be absent or null.
 struct ServerResponse {

@@ -82,8 +82,6 @@ Error Error::fromCurrentException() {
         return {"DecodingError", 0, e.what()};
     } catch (const tarnwick::TarnwickException &e) {
         return {"TarnwickError", int(e.error()), tarnwick::toString(e.error())};
-    } catch (const tarnwick::DecodingError &e) {
-        return {"DecodingError", 0, e.what()};
     } catch (const std::system_error &e) {
         return fromErrorCode(e.code());
     } catch (const std::exception &e) {

@@ -5,7 +5,6 @@
 #include "lumacrypt/Base64.h"
 #include "lumacrypt/RandomData.h"
 
-#include <nlohmann/json.hpp>
 #include <openssl/core_names.h>
 #include <openssl/crypto.h>
 #include <openssl/params.h>
@@ -178,73 +177,24 @@ SymmetricKey KeyExchangeSymmetricKey(const AgreedSecret &sharedSecret, HashFunct
 
 namespace {
 
-using OrderedJSON = nlohmann::ordered_json;
-
-// Compact, no key sorting, '/' as is, non-ASCII as raw UTF-8.
-std::string dumpCompact(const OrderedJSON &json) {
-    return json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-}
-
-nlohmann::json parseObject(std::string_view text, const char *record) {
-    nlohmann::json json = nlohmann::json::parse(text, nullptr, false);
-    if (json.is_discarded()) {
-        throw DecodingError(std::string(record) + ": not valid JSON");
-    }
-    if (!json.is_object()) {
-        throw DecodingError(std::string(record) + ": not a JSON object");
-    }
-    return json;
-}
-
-std::string stringField(const nlohmann::json &object, const char *key, const char *record) {
-    const auto it = object.find(key);
-    if (it == object.end()) {
-        throw DecodingError(std::string(record) + ": missing key \"" + key + "\"");
-    }
-    if (!it->is_string()) {
-        throw DecodingError(std::string(record) + ": \"" + key + "\" is not a string");
-    }
-    return it->get<std::string>();
-}
+constexpr std::string_view kRecordKeys[] = {"KDFNonce", "Ciphertext", "AEADNonce",
+                                            "AdditionalData"};
 
 } // namespace
 
 std::string KeyExchangeAEADStore::toJSON() const {
-    OrderedJSON json;
-    json["KDFNonce"] = kdfNonce;
-    json["Ciphertext"] = ciphertext;
-    json["AEADNonce"] = aeadNonce;
-    json["AdditionalData"] = additionalData;
-    return dumpCompact(json);
+    const std::pair<std::string_view, std::string_view> members[] = {
+        {kRecordKeys[0], kdfNonce},
+        {kRecordKeys[1], ciphertext},
+        {kRecordKeys[2], aeadNonce},
+        {kRecordKeys[3], additionalData}};
+    return tarnwick::encodeStringMembers(members);
 }
 
 KeyExchangeAEADStore KeyExchangeAEADStore::fromJSON(std::string_view text) {
-    static constexpr const char *kRecord = "KeyExchangeAEADStore";
-    const nlohmann::json json = parseObject(text, kRecord);
-    KeyExchangeAEADStore record;
-    record.kdfNonce = stringField(json, "KDFNonce", kRecord);
-    record.ciphertext = stringField(json, "Ciphertext", kRecord);
-    record.aeadNonce = stringField(json, "AEADNonce", kRecord);
-    record.additionalData = stringField(json, "AdditionalData", kRecord);
-    return record;
-}
-
-std::string KeyExchangeTypeIDAndData::toJSON() const {
-    OrderedJSON json;
-    json["Type"] = type;
-    json["ID"] = id;
-    json["Data"] = data;
-    return dumpCompact(json);
-}
-
-KeyExchangeTypeIDAndData KeyExchangeTypeIDAndData::fromJSON(std::string_view text) {
-    static constexpr const char *kRecord = "KeyExchangeTypeIDAndData";
-    const nlohmann::json json = parseObject(text, kRecord);
-    KeyExchangeTypeIDAndData envelope;
-    envelope.type = stringField(json, "Type", kRecord);
-    envelope.id = stringField(json, "ID", kRecord);
-    envelope.data = stringField(json, "Data", kRecord);
-    return envelope;
+    std::vector<std::string> values =
+        tarnwick::decodeStringMembers(text, "KeyExchangeAEADStore", kRecordKeys);
+    return {std::move(values[0]), std::move(values[1]), std::move(values[2]), std::move(values[3])};
 }
 
 // ---- the store -------------------------------------------------------------------------

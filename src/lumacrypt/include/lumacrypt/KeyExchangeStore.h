@@ -40,20 +40,9 @@ struct KeyExchangeAEADStore {
     friend bool operator==(const KeyExchangeAEADStore &, const KeyExchangeAEADStore &) = default;
 };
 
-// The clear-text envelope {"Type", "ID", "Data"}.
-struct KeyExchangeTypeIDAndData {
-    std::string type;
-    std::string id;
-    std::string data;
-
-    // Compact JSON, keys in the order Type, ID, Data; '/' is not escaped and non-ASCII text is
-    // written as raw UTF-8 (invalid UTF-8 sequences become U+FFFD).
-    std::string toJSON() const;
-    // Throws DecodingError unless the text is a JSON object with the three keys as strings.
-    static KeyExchangeTypeIDAndData fromJSON(std::string_view json);
-    friend bool operator==(const KeyExchangeTypeIDAndData &,
-                           const KeyExchangeTypeIDAndData &) = default;
-};
+// The clear-text envelope {"Type", "ID", "Data"}: the wire records' own, so that the client has
+// one envelope type.
+using KeyExchangeTypeIDAndData = tarnwick::TypeIDAndData;
 
 namespace detail {
 template <class T>

@@ -2,6 +2,8 @@
 // the two secret-holding value types (raw agreement output and derived symmetric key).
 #pragma once
 
+#include <Models.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <exception>
@@ -84,11 +86,9 @@ private:
 
 const char *toString(CryptoError::Kind) noexcept;
 
-// JSON text that is not the expected record (not JSON, a missing key, a value of the wrong type).
-class DecodingError : public std::runtime_error {
-public:
-    using runtime_error::runtime_error;
-};
+// JSON text that is not the expected record (not JSON, a missing key, a value of the wrong type):
+// the wire records' decoding error, so that the client has one.
+using DecodingError = tarnwick::DecodingError;
 
 // A byte buffer that is wiped (OPENSSL_cleanse) when it is dropped or overwritten.
 class SecretBytes {
