@@ -65,7 +65,12 @@ void TrayController::showMessage(const QString &title, const QString &message) {
     if (!tray_->isVisible()) {
         return;
     }
-    tray_->showMessage(title, message, iconFor(QStringLiteral("internaldrive")), 10000);
+    tray_->showMessage(title, message, applicationIcon(), 10000);
+}
+
+QIcon TrayController::applicationIcon() {
+    return QIcon::fromTheme(QStringLiteral(TARNWICK_APP_ID),
+                            QIcon(QStringLiteral(":/tarnwick/" TARNWICK_APP_ID ".svg")));
 }
 
 QIcon TrayController::iconFor(const QString &symbol) {
@@ -73,9 +78,12 @@ QIcon TrayController::iconFor(const QString &symbol) {
     for (const int size : {16, 22, 24, 32, 48, 64}) {
         const QImage image = SymbolIconRenderer::renderOutlined(
             symbol, QSize(size, size), QColor(255, 255, 255), QColor(24, 24, 24, 230));
-        icon.addPixmap(QPixmap::fromImage(image));
+        if (!image.isNull()) {
+            icon.addPixmap(QPixmap::fromImage(image));
+        }
     }
-    return icon;
+    // A symbol without a drawing still leaves something to click on.
+    return icon.isNull() ? applicationIcon() : icon;
 }
 
 void TrayController::updateIcon() {
