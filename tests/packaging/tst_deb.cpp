@@ -1,0 +1,89 @@
+// The Debian package made by CPack from the build tree: it holds every file
+// of an installation under /usr, its dependencies (computed from the
+// binaries) resolve on this system, lintian finds no error in it, and the
+// client unpacked from it signs in headless.
+#include "PackagingSupport.h"
+
+#include <QDirIterator>
+#include <QRegularExpression>
+
+using namespace tarnwick::test;
+
+class DebTest : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir out_;
+    QString deb_;
+    QProcessEnvironment env_ = QProcessEnvironment::systemEnvironment();
+
+private slots:
+    void initTestCase() {
+        QVERIFY(out_.isValid());
+        const Result cpack =
+            runProgram(QStringLiteral(CPACK_COMMAND), {"-G", "DEB", "-B", out_.path()}, env_,
+                       600000, TARNWICK_BUILD_TREE);
+        QVERIFY2(cpack.exitCode == 0, qPrintable(cpack.out + cpack.err));
+        const QStringList debs = QDir(out_.path()).entryList({"tarnwick_*.deb"}, QDir::Files);
+        QCOMPARE(debs.size(), 1);
+        deb_ = out_.filePath(debs.first());
+        QVERIFY2(debs.first().startsWith("tarnwick_" TARNWICK_VERSION "_"),
+                 qPrintable(debs.first()));
+    }
+
+    void theContentsAreAnInstallation() {
+        const Result contents = runProgram("dpkg-deb", {"--contents", deb_}, env_);
+        QCOMPARE(contents.exitCode, 0);
+        for (const QString &file : installedFiles()) {
+            QVERIFY2(contents.out.contains(" ./usr/" + file + "\n"), qPrintable(file));
+        }
+        // Owned by root, executables 0755.
+        for (const QString &line : contents.out.split('\n', Qt::SkipEmptyParts)) {
+            QVERIFY2(line.contains(" root/root "), qPrintable(line));
+        }
+        QVERIFY(contents.out.contains(
+            QRegularExpression("-rwxr-xr-x root/root +\\d+ [^\\n]* ./usr/bin/tarnwick\\n")));
+    }
+
+    void theDependenciesComeFromTheBinaries() {
+        const Result depends = runProgram("dpkg-deb", {"--field", deb_, "Depends"}, env_);
+        QCOMPARE(depends.exitCode, 0);
+        // Libraries the executables link, found by the shared-library scan...
+        for (const char *package :
+             {"libqt6core6", "libqt6gui6", "libqt6quick6", "libssl3", "libc6"}) {
+            QVERIFY2(depends.out.contains(QLatin1String(package)), qPrintable(depends.out));
+        }
+        // ...and the QML modules the screens load at run time.
+        QVERIFY(depends.out.contains("qml6-module-qtquick-controls"));
+        const Result simulate =
+            runProgram("apt-get", {"install", "--simulate", "--no-install-recommends", deb_}, env_);
+        QVERIFY2(simulate.exitCode == 0, qPrintable(simulate.out + simulate.err));
+        QVERIFY2(simulate.out.contains("Inst tarnwick "), qPrintable(simulate.out));
+    }
+
+    void lintianFindsNoError() {
+        const Result lintian = runProgram("lintian", {"--fail-on", "error", deb_}, env_);
+        QVERIFY2(lintian.exitCode == 0, qPrintable(lintian.out + lintian.err));
+        QVERIFY2(!lintian.out.contains("\nE: ") && !lintian.out.startsWith("E: "),
+                 qPrintable(lintian.out));
+    }
+
+    void theUnpackedClientSignsIn() {
+        QTemporaryDir root;
+        QVERIFY(root.isValid());
+        const Result extract = runProgram("dpkg-deb", {"-x", deb_, root.path()}, env_);
+        QVERIFY2(extract.exitCode == 0, qPrintable(extract.err));
+        Home home;
+        Client client(home, root.filePath("usr/bin/tarnwick"));
+        QVERIFY(client.process.waitForStarted());
+        const QString problem = client.signIn("bo@example.org");
+        QVERIFY2(problem.isEmpty(), qPrintable(problem + "\n" + client.output()));
+        // It ran the backend shipped in the package.
+        QVERIFY(client.output().contains("Binary validation passed for " +
+                                         home.path("data/tarnwick/bin/" KOVRIT_DEV_NAME)));
+        QCOMPARE(client.run({"quit"}).exitCode, 0);
+        QVERIFY(client.process.waitForFinished(30000));
+    }
+};
+
+QTEST_GUILESS_MAIN(DebTest)
+#include "tst_deb.moc"
