@@ -83,6 +83,10 @@ void qtMessage(QtMsgType type, const QMessageLogContext &context, const QString 
     ClientLog::fileOnly(QString::fromLatin1(levelName(type)), text);
     if (const QtMessageHandler previous = state().previousHandler) {
         previous(type, context, message);
+    } else {
+        const QByteArray line = qFormatLogMessage(type, context, message).toLocal8Bit() + '\n';
+        std::fwrite(line.constData(), 1, static_cast<std::size_t>(line.size()), stderr);
+        std::fflush(stderr);
     }
 }
 
