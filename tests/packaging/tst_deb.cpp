@@ -1,7 +1,8 @@
 // The Debian package made by CPack from the build tree: it holds every file
 // of an installation under /usr, its dependencies (computed from the
-// binaries) resolve on this system, lintian finds no error in it, and the
-// client unpacked from it signs in headless.
+// binaries) resolve on this system, lintian finds no error in it, dpkg
+// installs and purges it without a trace (on a private root), and the client
+// unpacked from it signs in headless.
 #include "PackagingSupport.h"
 
 #include <QDirIterator>
@@ -65,6 +66,41 @@ private slots:
         QVERIFY2(lintian.exitCode == 0, qPrintable(lintian.out + lintian.err));
         QVERIFY2(!lintian.out.contains("\nE: ") && !lintian.out.startsWith("E: "),
                  qPrintable(lintian.out));
+    }
+
+    void itInstallsAndRemovesCleanly() {
+        // dpkg on a private root with a database of its own: the machine's is
+        // never touched. The libraries are this machine's, so the package's
+        // dependencies are not looked for there (apt-get --simulate above
+        // checks them).
+        QTemporaryDir root;
+        QVERIFY(root.isValid());
+        QVERIFY(QDir().mkpath(root.filePath("var/lib/dpkg/updates")));
+        QVERIFY(QDir().mkpath(root.filePath("var/lib/dpkg/info")));
+        QFile status(root.filePath("var/lib/dpkg/status"));
+        QVERIFY(status.open(QIODevice::WriteOnly));
+        status.close();
+        const QStringList dpkg = {"--root=" + root.path(), "--log=/dev/null", "--force-not-root",
+                                  "--force-script-chrootless"};
+        const Result install =
+            runProgram("dpkg", dpkg + QStringList{"--force-depends", "--install", deb_}, env_);
+        QVERIFY2(install.exitCode == 0, qPrintable(install.out + install.err));
+        for (const QString &file : installedFiles()) {
+            QVERIFY2(QFileInfo(root.filePath("usr/" + file)).isFile(), qPrintable(file));
+        }
+        const Result purge = runProgram("dpkg", dpkg + QStringList{"--purge", "tarnwick"}, env_);
+        QVERIFY2(purge.exitCode == 0, qPrintable(purge.out + purge.err));
+        // Nothing is left behind but dpkg's own database.
+        QStringList left;
+        QDirIterator it(root.path(), QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden,
+                        QDirIterator::Subdirectories);
+        while (it.hasNext()) {
+            const QString relative = QDir(root.path()).relativeFilePath(it.next());
+            if (!relative.startsWith("var")) {
+                left << relative;
+            }
+        }
+        QVERIFY2(left.isEmpty(), qPrintable(left.join(' ')));
     }
 
     void theUnpackedClientSignsIn() {
