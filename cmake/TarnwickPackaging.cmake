@@ -11,6 +11,19 @@ include(GNUInstallDirs)
 set_target_properties(tarnwick kovrit_dev PROPERTIES INSTALL_RPATH "")
 install(TARGETS tarnwick RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
 install(TARGETS kovrit_dev RUNTIME DESTINATION "${CMAKE_INSTALL_LIBEXECDIR}/tarnwick")
+# A stripped install (cpack, or cmake --install --strip) also drops the
+# compilers' .comment sections, as Debian's own packaging does.
+if(CMAKE_OBJCOPY)
+  install(CODE "
+    if(CMAKE_INSTALL_DO_STRIP)
+      foreach(program \"${CMAKE_INSTALL_BINDIR}/tarnwick\"
+                      \"${CMAKE_INSTALL_LIBEXECDIR}/tarnwick/${KOVRIT_DEV_NAME}\")
+        execute_process(COMMAND \"${CMAKE_OBJCOPY}\" --remove-section=.comment
+                        \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/\${program}\"
+                        COMMAND_ERROR_IS_FATAL ANY)
+      endforeach()
+    endif()")
+endif()
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME tarnwick)
