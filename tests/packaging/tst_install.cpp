@@ -90,6 +90,32 @@ private slots:
         QVERIFY2(man.exitCode == 0 && man.err.isEmpty(), qPrintable(man.err));
     }
 
+    void bashCompletesTheCommands() {
+        // The installed completion, loaded the way bash-completion loads it.
+        const QString script = QStringLiteral(R"(
+source /usr/share/bash-completion/bash_completion || exit 3
+source "$0" || exit 4
+complete_line() {
+    COMP_LINE=$1; COMP_POINT=${#1}; read -r -a COMP_WORDS <<< "$1"
+    [[ $1 == *' ' ]] && COMP_WORDS+=('')
+    COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); COMPREPLY=(); _tarnwick
+    echo "$1=> ${COMPREPLY[*]}"
+}
+complete_line 'tarnwick di'
+complete_line 'tarnwick status --'
+complete_line 'tarnwick login ana@example.org --'
+complete -p tarnwick
+)");
+        const Result bash = runProgram(
+            "bash", {"-c", script, prefix_ + "/share/bash-completion/completions/tarnwick"},
+            QProcessEnvironment::systemEnvironment());
+        QVERIFY2(bash.exitCode == 0, qPrintable(bash.out + bash.err));
+        QVERIFY2(bash.out.contains("tarnwick di=> diagnose\n"), qPrintable(bash.out));
+        QVERIFY(bash.out.contains("tarnwick status --=> --json\n"));
+        QVERIFY(bash.out.contains("tarnwick login ana@example.org --=> --code\n"));
+        QVERIFY(bash.out.contains("complete -F _tarnwick tarnwick"));
+    }
+
     void theInstalledClientSignsIn() {
         Home home;
         Client client(home, prefix_ + "/bin/tarnwick");
