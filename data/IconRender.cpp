@@ -3,7 +3,6 @@
 // writes <output folder>/<size>x<size>/apps/<svg's base name>.png.
 #include <QDir>
 #include <QFileInfo>
-#include <QGuiApplication>
 #include <QImage>
 #include <QPainter>
 #include <QSvgRenderer>
@@ -15,8 +14,7 @@ int main(int argc, char *argv[]) {
         std::fputs("usage: icon-render <svg> <output folder> <size>...\n", stderr);
         return 2;
     }
-    qputenv("QT_QPA_PLATFORM", "offscreen");
-    QGuiApplication application(argc, argv);
+    // Raster painting into an image: no application object, no display.
     const QString svg = QString::fromLocal8Bit(argv[1]);
     const QString output = QString::fromLocal8Bit(argv[2]);
     QSvgRenderer renderer(svg);
