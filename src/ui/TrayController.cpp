@@ -74,16 +74,17 @@ QIcon TrayController::applicationIcon() {
 }
 
 QIcon TrayController::iconFor(const QString &symbol) {
+    // A symbol without a drawing still leaves something to click on.
+    if (!SymbolIconRenderer::hasSymbol(symbol)) {
+        return applicationIcon();
+    }
     QIcon icon;
     for (const int size : {16, 22, 24, 32, 48, 64}) {
         const QImage image = SymbolIconRenderer::renderOutlined(
             symbol, QSize(size, size), QColor(255, 255, 255), QColor(24, 24, 24, 230));
-        if (!image.isNull()) {
-            icon.addPixmap(QPixmap::fromImage(image));
-        }
+        icon.addPixmap(QPixmap::fromImage(image));
     }
-    // A symbol without a drawing still leaves something to click on.
-    return icon.isNull() ? applicationIcon() : icon;
+    return icon;
 }
 
 void TrayController::updateIcon() {
