@@ -61,6 +61,32 @@ private slots:
         QVERIFY2(simulate.out.contains("Inst tarnwick "), qPrintable(simulate.out));
     }
 
+    void theDependenciesResolveOnACleanSystem() {
+        // apt's resolver on this machine's package lists, as if nothing were
+        // installed yet (an empty dpkg status): every dependency, down to
+        // libc6, must come from the archive. Only a simulation.
+        const QStringList lists =
+            QDir("/var/lib/apt/lists").entryList({"*_Packages*"}, QDir::Files);
+        if (lists.isEmpty()) {
+            QSKIP("no apt package lists on this machine (apt-get update has not run)");
+        }
+        QTemporaryDir state;
+        QVERIFY(state.isValid());
+        QFile status(state.filePath("status"));
+        QVERIFY(status.open(QIODevice::WriteOnly));
+        status.close();
+        const Result simulate =
+            runProgram("apt-get",
+                       {"--simulate", "-o", "Dir::State::status=" + status.fileName(), "install",
+                        "--no-install-recommends", deb_},
+                       env_);
+        QVERIFY2(simulate.exitCode == 0, qPrintable(simulate.out + simulate.err));
+        for (const char *package : {"Inst libc6 ", "Inst libqt6quick6 ", "Inst qt6-qpa-plugins ",
+                                    "Inst qml6-module-qtquick-controls ", "Inst tarnwick "}) {
+            QVERIFY2(simulate.out.contains(QLatin1String(package)), package);
+        }
+    }
+
     void lintianFindsNoError() {
         const Result lintian = runProgram("lintian", {"--fail-on", "error", deb_}, env_);
         QVERIFY2(lintian.exitCode == 0, qPrintable(lintian.out + lintian.err));
