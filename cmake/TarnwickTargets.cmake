@@ -60,6 +60,9 @@ function(tarnwick_test_environment test)
     "QT_QPA_PLATFORM=offscreen"
     "TARNWICK_SHARED_DIR=${TARNWICK_SHARED_DIR}"
     "TARNWICK_BUILD_DIR=${CMAKE_BINARY_DIR}"
+    # The development backend opens nothing and shows no notifications.
+    "KOVRIT_DEV_OPEN=0"
+    "KOVRIT_DEV_NOTIFY=0"
     ${ARGN})
 endfunction()
 

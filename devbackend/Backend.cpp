@@ -262,6 +262,7 @@ std::string Backend::requestCode(const std::string &address) {
     store_.save();
     logLine("sign-in code for " + address + ": " + code);
     store_.writeOutbox(address, code + "\n");
+    notifyCode(address, code);
     logLine("handled requestCode for " + address);
     return successResponse();
 }
@@ -408,8 +409,30 @@ void Backend::open(const std::string &what, const std::string &url) {
             QProcess::startDetached(QStringLiteral("xdg-open"), {QString::fromStdString(url)});
         logLine(what + ": opening " + url + (started ? "" : " failed (no xdg-open)"));
     } else {
-        logLine(what + ": would open " + url + " (KOVRIT_DEV_OPEN=1 opens it)");
+        logLine(what + ": would open " + url +
+                " (no display; KOVRIT_DEV_OPEN=1 opens it with xdg-open)");
     }
+}
+
+// The stand-in for the e-mail: on a desktop the code also pops up, so a user
+// who just typed an address need not look for the outbox file.
+void Backend::notifyCode(const std::string &address, const std::string &code) {
+    if (!settings_.notifyEnabled) {
+        return;
+    }
+    const QString summary =
+        QStringLiteral("Your Tarnwick sign-in code: %1").arg(QString::fromStdString(code));
+    const QString body = QStringLiteral("Sent to %1 by the development backend. It works once, "
+                                        "within 10 minutes.")
+                             .arg(QString::fromStdString(address));
+    const bool started =
+        QProcess::startDetached(QStringLiteral("notify-send"),
+                                {QStringLiteral("--app-name=Tarnwick"),
+                                 QStringLiteral("--icon=app.tarnwick.Tarnwick"), summary, body});
+    logLine("sign-in code for " + address +
+            (started ? std::string(": shown as a desktop notification")
+                     : std::string(": no desktop notification (notify-send is missing; "
+                                   "Debian package libnotify-bin)")));
 }
 
 std::string Backend::openWeb(const std::string &groupID) {

@@ -56,6 +56,7 @@ private:
 
     void runRetentionPass(std::int64_t groupID);
     void open(const std::string &what, const std::string &url);
+    void notifyCode(const std::string &address, const std::string &code);
     void logPing();
 
     StateStore &store_;

@@ -3,6 +3,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
 #include <limits>
 #include <pwd.h>
 #include <unistd.h>
@@ -327,9 +328,27 @@ SettingsResult settingsFromEnvironment() {
         settings.fixedCode = *code;
     }
 
-    if (auto open = environment("KOVRIT_DEV_OPEN")) {
-        settings.openEnabled = *open == "1";
-    }
+    // On a desktop, folders and pages open with the desktop's opener and the
+    // sign-in code also shows as a notification; "0" turns either off (the
+    // tests do), "1" forces it.
+    const auto nonEmpty = [](const char *name) {
+        const auto value = environment(name);
+        return value && !value->empty();
+    };
+    const bool display = nonEmpty("DISPLAY") || nonEmpty("WAYLAND_DISPLAY");
+    const auto runtime = environment("XDG_RUNTIME_DIR");
+    const bool sessionBus = nonEmpty("DBUS_SESSION_BUS_ADDRESS") ||
+                            (runtime && !runtime->empty() &&
+                             std::filesystem::exists(std::filesystem::path(*runtime) / "bus"));
+    const auto switchOf = [&](const char *name, bool byDefault) {
+        const auto value = environment(name);
+        if (!value || value->empty()) {
+            return byDefault;
+        }
+        return *value == "1";
+    };
+    settings.openEnabled = switchOf("KOVRIT_DEV_OPEN", display);
+    settings.notifyEnabled = switchOf("KOVRIT_DEV_NOTIFY", display && sessionBus);
 
     struct NumberSetting {
         const char *name;

@@ -60,7 +60,8 @@ FaultsResult parseFaults(std::string_view text);
 struct Settings {
     std::string stateDir;                   // KOVRIT_DEV_STATE, else the XDG state home
     std::optional<std::string> fixedCode;   // KOVRIT_DEV_CODE
-    bool openEnabled = false;               // KOVRIT_DEV_OPEN=1
+    bool openEnabled = false;               // KOVRIT_DEV_OPEN, else whether a display is present
+    bool notifyEnabled = false;             // KOVRIT_DEV_NOTIFY, else whether a desktop session is
     double retentionDaySeconds = 86400;     // KOVRIT_DEV_RETENTION_DAY_SECONDS
     double retentionIntervalSeconds = 3600; // KOVRIT_DEV_RETENTION_INTERVAL_SECONDS
     double rescanSeconds = 3;               // KOVRIT_DEV_RESCAN_SECONDS

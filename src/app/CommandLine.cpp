@@ -1,6 +1,7 @@
 #include "CommandLine.h"
 
 #include "ControlServer.h"
+#include "Diagnose.h"
 #include "ItemsProvider.h"
 #include "PollManager.h"
 #include "SettingsActions.h"
@@ -49,6 +50,7 @@ const char *const kCommands = R"(Commands (talk to the running client):
   logout                      sign out; the client then ends
   quit                        end the client
   restart-backend             start the sync engine again after it failed
+  diagnose                    print what a bug report needs (addresses masked)
 
 Without a command, tarnwick starts the client.)";
 
@@ -100,6 +102,7 @@ const CommandShape kShapes[] = {
     {"logout", 0, {}, {}},
     {"quit", 0, {}, {}},
     {"restart-backend", 0, {}, {}},
+    {"diagnose", 0, {}, {}},
 };
 
 const CommandShape *shapeOf(const QString &command) {
@@ -364,6 +367,10 @@ int runControl(const Invocation &invocation) {
     const QStringList &args = invocation.arguments;
     const bool json = args.contains(QStringLiteral("--json"));
     QJsonObject reply;
+
+    if (command == QLatin1String("diagnose")) {
+        return runDiagnose();
+    }
 
     if (command == QLatin1String("status")) {
         if (!request({{QStringLiteral("command"), command}}, kQuickTimeoutMs, &reply)) {

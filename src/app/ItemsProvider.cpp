@@ -3,6 +3,7 @@
 #include "BackendLauncher.h"
 #include "BackendSession.h"
 #include "BinaryPreparation.h"
+#include "ClientLog.h"
 #include "LaunchAtLogin.h"
 #include "PollManager.h"
 
@@ -36,9 +37,7 @@ QString text(const std::string &value) {
 }
 
 void writeLine(const QString &line) {
-    const QByteArray bytes = line.toUtf8() + '\n';
-    std::fwrite(bytes.constData(), 1, static_cast<std::size_t>(bytes.size()), stdout);
-    std::fflush(stdout);
+    ClientLog::line(line);
 }
 
 tidepost::Error tarnwickError(TarnwickError error) {
@@ -110,8 +109,16 @@ void ItemsProvider::startUp() {
     if (options_.isMacOS13) {
         QSettings settings(QStringLiteral("tarnwick"), QStringLiteral("tarnwick"));
         if (!settings.value(QStringLiteral("hasLaunchedBefore"), false).toBool()) {
-            LaunchAtLogin::setEnabled(true);
-            settings.setValue(QStringLiteral("hasLaunchedBefore"), true);
+            if (LaunchAtLogin::runsFromBuildTree()) {
+                // Not marked as launched: the installed client's first start
+                // still switches it on.
+                log(QStringLiteral("Launch at login not switched on: %1 runs from a build tree "
+                                   "(the footer's switch still works)")
+                        .arg(LaunchAtLogin::program()));
+            } else {
+                LaunchAtLogin::setEnabled(true);
+                settings.setValue(QStringLiteral("hasLaunchedBefore"), true);
+            }
         }
     }
 

@@ -18,11 +18,6 @@ QString &programOverride() {
     return program;
 }
 
-QString program() {
-    return programOverride().isEmpty() ? QCoreApplication::applicationFilePath()
-                                       : programOverride();
-}
-
 // Desktop-entry Exec quoting: arguments with special characters go in double
 // quotes, with ", `, $ and \ escaped.
 QString quotedExec(const QString &path) {
@@ -58,6 +53,21 @@ QString LaunchAtLogin::entryPath() {
 
 void LaunchAtLogin::setProgram(const QString &path) {
     programOverride() = path;
+}
+
+QString LaunchAtLogin::program() {
+    return programOverride().isEmpty() ? QCoreApplication::applicationFilePath()
+                                       : programOverride();
+}
+
+bool LaunchAtLogin::runsFromBuildTree() {
+    const QFileInfo executable(program());
+    // The folder the program really lives in (a symbolic link to a build's
+    // executable still runs from the build tree).
+    const QString canonical = executable.canonicalFilePath();
+    const QString folder =
+        canonical.isEmpty() ? executable.absolutePath() : QFileInfo(canonical).absolutePath();
+    return QFileInfo::exists(folder + u'/' + QLatin1String(kBuildTreeMarker));
 }
 
 LaunchAtLogin::Observable *LaunchAtLogin::observable() {
@@ -97,7 +107,7 @@ bool LaunchAtLogin::registerApp(QString *error) {
                                         "Name=Tarnwick\n"
                                         "Comment=Secure file synchronisation\n"
                                         "Exec=%1\n"
-                                        "Icon=tarnwick\n"
+                                        "Icon=" TARNWICK_APP_ID "\n"
                                         "Terminal=false\n"
                                         "X-GNOME-Autostart-enabled=true\n")
                              .arg(quotedExec(program()));

@@ -22,6 +22,15 @@ public:
     static QString entryPath();
     // The program the entry starts; defaults to the running executable.
     static void setProgram(const QString &program);
+    static QString program();
+
+    // Whether that program runs from a build tree rather than an installation:
+    // the build leaves a marker file (kBuildTreeMarker) beside the executables
+    // it makes, and installing never copies it. An entry pointing into a
+    // scratch build would start a stale or vanished program at login, so such
+    // a client does not switch launch at login on by itself.
+    static bool runsFromBuildTree();
+    static constexpr const char *kBuildTreeMarker = ".tarnwick-build-tree";
 
     // Observers of the switch (the UI toggle) hear every change through this.
     class Observable;

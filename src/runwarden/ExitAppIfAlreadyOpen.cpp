@@ -1,4 +1,5 @@
 #include <runwarden/ExitAppIfAlreadyOpen.h>
+#include <runwarden/LogLine.h>
 
 #include <QCoreApplication>
 #include <QDir>
@@ -36,9 +37,7 @@ constexpr int closingTimeoutMs = 5000;
 constexpr qsizetype maxReplyBytes = 16 * 1024 * 1024;
 
 void printLine(const QString &line) {
-    std::fputs(line.toLocal8Bit().constData(), stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
+    writeLine(line.toLocal8Bit().toStdString());
 }
 
 QString resolvedApplicationName(const QString &applicationName) {

@@ -1,3 +1,4 @@
+#include <runwarden/LogLine.h>
 #include <runwarden/ProcessManager.h>
 #include <runwarden/Resources.h>
 
@@ -75,9 +76,7 @@ void closeQuietly(int &fd) {
 }
 
 void printLine(const std::string &line) {
-    std::fputs(line.c_str(), stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
+    writeLine(line);
 }
 
 // Between fork and exec only async-signal-safe calls are allowed: the parent has other threads,

@@ -1,4 +1,5 @@
 #include "AppcastChecker.h"
+#include "ClientLog.h"
 
 #include "UpdateVerifier.h"
 
@@ -42,9 +43,7 @@ QSettings userSettings() {
 }
 
 void printLine(const QString &line) {
-    const QByteArray bytes = (line + u'\n').toUtf8();
-    std::fwrite(bytes.constData(), 1, static_cast<std::size_t>(bytes.size()), stdout);
-    std::fflush(stdout);
+    ClientLog::line(line);
 }
 
 bool isWebURL(const QUrl &url) {

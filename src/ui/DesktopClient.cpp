@@ -43,7 +43,8 @@ int runDesktop(int &argc, char **argv) {
     QApplication application(argc, argv);
     cli::setApplicationIdentity();
     QGuiApplication::setApplicationDisplayName(QStringLiteral("Tarnwick"));
-    QGuiApplication::setDesktopFileName(QStringLiteral("tarnwick"));
+    QGuiApplication::setDesktopFileName(QStringLiteral(TARNWICK_APP_ID));
+    QGuiApplication::setWindowIcon(TrayController::applicationIcon());
     // The tray keeps the client running with its window closed; quitting is
     // always an explicit decision below.
     QApplication::setQuitOnLastWindowClosed(false);
@@ -76,6 +77,20 @@ int runDesktop(int &argc, char **argv) {
         return 1;
     }
     TrayController tray(model, model.isMacOS13());
+    // "Open Tarnwick", a notification's click, a second launch and a start
+    // with nobody signed in show the window by the tray icon.
+    const auto open = [&window, &tray] {
+        window.show(tray.isVisible() ? tray.geometry() : QRect());
+    };
+    // The first thing a user who is not signed in sees is the login screen
+    // (connected before the notifier, which then finds the window shown).
+    QObject::connect(&model, &ItemsProvider::isLoggedInChanged, &window,
+                     [&model, open, shown = false]() mutable {
+                         if (!model.isLoggedIn() && !shown) {
+                             shown = true;
+                             open();
+                         }
+                     });
     Notifier notifier(
         model, [&window] { return window.isVisible(); },
         [&tray](const QString &title, const QString &message) {
@@ -88,11 +103,6 @@ int runDesktop(int &argc, char **argv) {
     QObject::connect(&model, &ItemsProvider::quitRequested, &application, quit);
     QObject::connect(&tray, &TrayController::quitRequested, &application, quit);
     QObject::connect(&tray, &TrayController::toggleRequested, &window, &WindowController::toggle);
-    // "Open Tarnwick", a notification's click and a second launch show the
-    // window by the tray icon.
-    const auto open = [&window, &tray] {
-        window.show(tray.isVisible() ? tray.geometry() : QRect());
-    };
     QObject::connect(&tray, &TrayController::openRequested, &window, open);
     QObject::connect(&model.pm().instanceGuard(), &runwarden::InstanceGuard::showRequested, &window,
                      open);

@@ -65,10 +65,19 @@ void TrayController::showMessage(const QString &title, const QString &message) {
     if (!tray_->isVisible()) {
         return;
     }
-    tray_->showMessage(title, message, iconFor(QStringLiteral("internaldrive")), 10000);
+    tray_->showMessage(title, message, applicationIcon(), 10000);
+}
+
+QIcon TrayController::applicationIcon() {
+    return QIcon::fromTheme(QStringLiteral(TARNWICK_APP_ID),
+                            QIcon(QStringLiteral(":/tarnwick/" TARNWICK_APP_ID ".svg")));
 }
 
 QIcon TrayController::iconFor(const QString &symbol) {
+    // A symbol without a drawing still leaves something to click on.
+    if (!SymbolIconRenderer::hasSymbol(symbol)) {
+        return applicationIcon();
+    }
     QIcon icon;
     for (const int size : {16, 22, 24, 32, 48, 64}) {
         const QImage image = SymbolIconRenderer::renderOutlined(

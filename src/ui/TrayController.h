@@ -45,7 +45,10 @@ public:
 
     // The tray icon for a symbol: the glyph in white with a dark outline,
     // readable on light and dark panels, at the usual tray sizes.
+    // A symbol with no drawing gets the application's icon instead.
     static QIcon iconFor(const QString &symbol);
+    // The application's icon: the icon theme's, else the one built in.
+    static QIcon applicationIcon();
 
 signals:
     // A click on the icon: toggle the window by the icon.

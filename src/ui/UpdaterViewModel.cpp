@@ -1,4 +1,5 @@
 #include "UpdaterViewModel.h"
+#include "ClientLog.h"
 
 #include <QDesktopServices>
 #include <QFileInfo>
@@ -11,9 +12,7 @@ namespace tarnwick::ui {
 namespace {
 
 void printLine(const QString &line) {
-    const QByteArray bytes = (line + u'\n').toUtf8();
-    std::fwrite(bytes.constData(), 1, static_cast<std::size_t>(bytes.size()), stdout);
-    std::fflush(stdout);
+    ClientLog::line(line);
 }
 
 UpdaterViewModel::Options productOptions(bool isMacOS13) {

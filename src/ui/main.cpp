@@ -1,6 +1,7 @@
 // The tarnwick executable: the desktop client, the client without a window
 // (--headless, or no display), or a command for the client that is already
 // running.
+#include "ClientLog.h"
 #include "CommandLine.h"
 #include "DesktopClient.h"
 
@@ -35,6 +36,12 @@ int main(int argc, char *argv[]) {
     case tarnwick::cli::Invocation::Kind::runClient:
         break;
     }
+    // The client's lines go to its log file too; a command for a running
+    // client only prints.
+    tarnwick::ClientLog::install();
+    tarnwick::ClientLog::fileOnly(QString(),
+                                  QStringLiteral("tarnwick %1 started: %2")
+                                      .arg(QStringLiteral(TARNWICK_VERSION), arguments.join(u' ')));
     if (tarnwick::ui::shouldRunHeadless(invocation, QProcessEnvironment::systemEnvironment())) {
         return tarnwick::cli::runHeadless(argc, argv);
     }

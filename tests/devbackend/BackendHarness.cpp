@@ -109,7 +109,9 @@ bool Backend::start(const Options &options, QString *error) {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.remove(QStringLiteral("KOVRIT_DEV_FAULT"));
     environment.remove(QStringLiteral("KOVRIT_DEV_CODE"));
-    environment.remove(QStringLiteral("KOVRIT_DEV_OPEN"));
+    // No desktop opener and no notifications unless a test asks for them.
+    environment.insert(QStringLiteral("KOVRIT_DEV_OPEN"), QStringLiteral("0"));
+    environment.insert(QStringLiteral("KOVRIT_DEV_NOTIFY"), QStringLiteral("0"));
     environment.insert(QStringLiteral("KOVRIT_DEV_STATE"), stateDir_);
     for (const auto &[key, value] : options.environment) {
         environment.insert(key, value);

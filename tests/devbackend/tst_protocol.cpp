@@ -60,6 +60,7 @@ private slots:
     void concurrentRequestsAllAnswer();
     void nothingAClientSendsStopsTheBackend();
     void openCommandsUseTheDesktopOpener();
+    void theSignInCodeShowsAsANotification();
 
     void stateSurvivesARestart();
     void logoutAndExitEndsTheProcess();
@@ -680,6 +681,42 @@ void ProtocolTest::openCommandsUseTheDesktopOpener() {
         return lines;
     };
     QTRY_COMPARE_WITH_TIMEOUT(opened(), expected, 5000);
+}
+
+void ProtocolTest::theSignInCodeShowsAsANotification() {
+    // A stand-in notify-send records its arguments, one per line.
+    QTemporaryDir bin;
+    QVERIFY(bin.isValid());
+    const QString record = bin.path() + QStringLiteral("/notified.txt");
+    QFile script(bin.path() + QStringLiteral("/notify-send"));
+    QVERIFY(script.open(QIODevice::WriteOnly));
+    script.write("#!/bin/sh\nprintf '%s\\n' \"$@\" > '" + record.toUtf8() + ".part' && mv '" +
+                 record.toUtf8() + ".part' '" + record.toUtf8() + "'\n");
+    script.close();
+    QVERIFY(script.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner |
+                                  QFileDevice::ExeOwner));
+
+    Backend backend;
+    Backend::Options options;
+    options.environment = {
+        {QStringLiteral("KOVRIT_DEV_NOTIFY"), QStringLiteral("1")},
+        {QStringLiteral("PATH"), bin.path() + QLatin1Char(':') + qEnvironmentVariable("PATH")}};
+    QString error;
+    QVERIFY2(backend.start(options, &error), qPrintable(error));
+    const auto answer = backend.send("requestCode", "notified@example.org");
+    QCOMPARE(answer.plaintext, kSuccess);
+
+    QFile outbox(backend.stateDir() + QStringLiteral("/outbox/notified@example.org"));
+    QVERIFY(outbox.open(QIODevice::ReadOnly));
+    const QByteArray code = outbox.readAll().trimmed();
+    QCOMPARE(code.size(), 6);
+    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(record), 5000);
+    QFile notified(record);
+    QVERIFY(notified.open(QIODevice::ReadOnly));
+    const QByteArrayList arguments = notified.readAll().split('\n');
+    QVERIFY2(arguments.contains("Your Tarnwick sign-in code: " + code),
+             arguments.join('|').constData());
+    QVERIFY(arguments.contains("--app-name=Tarnwick"));
 }
 
 void ProtocolTest::stateSurvivesARestart() {

@@ -20,6 +20,8 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <optional>
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -85,6 +87,7 @@ private slots:
     void faultSwitchErrors();
     void stateFolderFromTheEnvironment();
     void environmentNumbersAreChecked();
+    void desktopSwitchesFollowTheSession();
 
     void stateRoundTrip();
     void stateDecodeRefusesOtherFiles();
@@ -201,6 +204,57 @@ void UnitsTest::stateFolderFromTheEnvironment() {
     qunsetenv("XDG_STATE_HOME");
     QCOMPARE(settingsFromEnvironment().settings->stateDir,
              std::string("/home/tester/.local/state/kovrit-dev"));
+}
+
+void UnitsTest::desktopSwitchesFollowTheSession() {
+    // The environment as the test found it, put back at the end.
+    const QList<QByteArray> names = {
+        "DISPLAY",         "WAYLAND_DISPLAY", "DBUS_SESSION_BUS_ADDRESS",
+        "XDG_RUNTIME_DIR", "KOVRIT_DEV_OPEN", "KOVRIT_DEV_NOTIFY"};
+    QHash<QByteArray, std::optional<QByteArray>> saved;
+    for (const QByteArray &name : names) {
+        saved.insert(name, qEnvironmentVariableIsSet(name.constData())
+                               ? std::optional<QByteArray>(qgetenv(name.constData()))
+                               : std::nullopt);
+        qunsetenv(name.constData());
+    }
+    QTemporaryDir runtime;
+    QVERIFY(runtime.isValid());
+    qputenv("XDG_RUNTIME_DIR", runtime.path().toUtf8());
+
+    // No display: nothing opens, nothing pops up.
+    auto settings = settingsFromEnvironment().settings;
+    QVERIFY(settings && !settings->openEnabled && !settings->notifyEnabled);
+    // A display but no session bus: the opener works, notifications cannot.
+    qputenv("DISPLAY", ":7");
+    settings = settingsFromEnvironment().settings;
+    QVERIFY(settings && settings->openEnabled && !settings->notifyEnabled);
+    // A Wayland desktop with its session bus socket in the runtime folder.
+    qunsetenv("DISPLAY");
+    qputenv("WAYLAND_DISPLAY", "wayland-0");
+    QFile bus(runtime.filePath("bus"));
+    QVERIFY(bus.open(QIODevice::WriteOnly));
+    bus.close();
+    settings = settingsFromEnvironment().settings;
+    QVERIFY(settings && settings->openEnabled && settings->notifyEnabled);
+    // "0" turns either off on a desktop; "1" forces either without one.
+    qputenv("KOVRIT_DEV_OPEN", "0");
+    qputenv("KOVRIT_DEV_NOTIFY", "0");
+    settings = settingsFromEnvironment().settings;
+    QVERIFY(settings && !settings->openEnabled && !settings->notifyEnabled);
+    qunsetenv("WAYLAND_DISPLAY");
+    qputenv("KOVRIT_DEV_OPEN", "1");
+    qputenv("KOVRIT_DEV_NOTIFY", "1");
+    settings = settingsFromEnvironment().settings;
+    QVERIFY(settings && settings->openEnabled && settings->notifyEnabled);
+
+    for (const QByteArray &name : names) {
+        if (const auto value = saved.value(name)) {
+            qputenv(name.constData(), *value);
+        } else {
+            qunsetenv(name.constData());
+        }
+    }
 }
 
 void UnitsTest::environmentNumbersAreChecked() {

@@ -9,8 +9,10 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QSettings>
 #include <QStandardPaths>
+#include <QTemporaryDir>
 #include <QTest>
 
 using namespace tarnwick::ui::test;
@@ -148,6 +150,48 @@ private slots:
         QTRY_VERIFY(!toggle->property("checked").toBool());
         LaunchAtLogin::setEnabled(true);
         QTRY_VERIFY(toggle->property("checked").toBool());
+    }
+
+    void aBuildTreeClientLeavesItOff() {
+        // A program beside the build's marker file: the first launch says why
+        // it does not register and leaves the first launch to come.
+        QTemporaryDir build;
+        QVERIFY(build.isValid());
+        QDir().mkpath(build.filePath("bin"));
+        writeAll(build.filePath("bin/tarnwick"), "#!/bin/sh\n");
+        writeAll(build.filePath("bin/") + QLatin1String(LaunchAtLogin::kBuildTreeMarker),
+                 "build tree\n");
+        LaunchAtLogin::setProgram(build.filePath("bin/tarnwick"));
+        QVERIFY(LaunchAtLogin::runsFromBuildTree());
+
+        QStringList lines;
+        ItemsProvider::Options options;
+        options.launchBackend = false;
+        options.singleInstance = false;
+        options.log = [&lines](const QString &line) { lines << line; };
+        options.terminate = [] {};
+        ItemsProvider model(std::move(options));
+        QVERIFY(!LaunchAtLogin::isEnabled());
+        QCOMPARE(lines.filter("Launch at login not switched on").size(), 1);
+        QVERIFY(lines.filter("Launch at login not switched on")
+                    .first()
+                    .contains(build.filePath("bin/tarnwick")));
+        QSettings settings(QStringLiteral("tarnwick"), QStringLiteral("tarnwick"));
+        QVERIFY(!settings.value(QStringLiteral("hasLaunchedBefore"), false).toBool());
+
+        // The switch itself works there, pointing at that program.
+        LaunchAtLogin::setEnabled(true);
+        QVERIFY(LaunchAtLogin::isEnabled());
+        QVERIFY(readAll(LaunchAtLogin::entryPath())
+                    .contains("\nExec=" + build.filePath("bin/tarnwick").toUtf8() + "\n"));
+        LaunchAtLogin::setEnabled(false);
+
+        // Without the marker (an installed copy) the first launch registers.
+        QFile::remove(build.filePath("bin/") + QLatin1String(LaunchAtLogin::kBuildTreeMarker));
+        QVERIFY(!LaunchAtLogin::runsFromBuildTree());
+        launch(true);
+        QVERIFY(LaunchAtLogin::isEnabled());
+        LaunchAtLogin::setProgram(QStringLiteral("/opt/tarnwick/bin/tarnwick"));
     }
 
     void aFailureIsLoggedNotShown() {

@@ -213,6 +213,16 @@ private slots:
         QCOMPARE(open.size(), 2);
     }
 
+    void theApplicationIconStandsInForAMissingSymbol() {
+        // The built-in icon (no icon theme here): a full square of colour.
+        const QImage app = TrayController::applicationIcon().pixmap(64, 64).toImage();
+        QCOMPARE(app.size(), QSize(64, 64));
+        QVERIFY(app.pixelColor(32, 10).alpha() == 255);
+        const QImage fallback =
+            TrayController::iconFor(QStringLiteral("no.such.symbol")).pixmap(64, 64).toImage();
+        QCOMPARE(fallback, app);
+    }
+
     void trayIconReadsOnLightAndDarkPanels() {
         const QIcon icon = TrayController::iconFor(QStringLiteral("internaldrive"));
         for (const int size : {16, 22, 32}) {
