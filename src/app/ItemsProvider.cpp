@@ -471,6 +471,14 @@ void ItemsProvider::publish(const QString &type, const QString &id, const QStrin
     publish(type, id, data, {});
 }
 
+void ItemsProvider::openDirPath(const QString &path) {
+    publish(QStringLiteral("openDirPath"), path, QString());
+}
+
+void ItemsProvider::openWeb(const QString &groupID) {
+    publish(QStringLiteral("openWeb"), groupID, QString());
+}
+
 bool ItemsProvider::publish(const QString &type, const QString &id, const QString &data,
                             std::function<void()> done) {
     if (isWaiting_) {

@@ -126,6 +126,11 @@ public:
     // when an accepted one has ended.
     bool publish(const QString &type, const QString &id, const QString &data,
                  std::function<void()> done);
+    // The status list's two links: the folder in the file manager, and the
+    // group's page on the web site (groupID in decimal). The backend opens
+    // both.
+    Q_INVOKABLE void openDirPath(const QString &path);
+    Q_INVOKABLE void openWeb(const QString &groupID);
     Q_INVOKABLE void requestCodeViaEmail(const QString &email);
     void requestCodeViaEmail(const QString &email, std::function<void()> done);
 
