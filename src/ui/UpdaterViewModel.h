@@ -13,7 +13,7 @@
 
 namespace tarnwick::ui {
 
-// The updater as the screens see it (the root-context property "updater"):
+// The updater as the screens see it (the singleton UpdaterViewModel):
 // the checker itself ("updaterController"), its settings and state, and the
 // interactive check. Constructing it starts the updater:
 //  - on the modern path (isMacOS13) with a feed configured: both automatic

@@ -45,9 +45,9 @@ private slots:
     void initTestCase() { UiHarness::prepareApplication(); }
 
     void signedOutShowsTheLoginScreen() {
-        UiHarness h;
         auto updater = makeUpdater(true);
-        h.setContextProperty(QStringLiteral("updater"), updater.get());
+        UiHarness h;
+        h.setUpdater(updater.get());
         h.model().setIsLoggedIn(false);
         QVERIFY2(h.load(QStringLiteral("MenuBarView")), qPrintable(h.errors().join('\n')));
         QVERIFY(shown(h, "loginView"));
@@ -64,9 +64,9 @@ private slots:
     }
 
     void signedInShowsTheTwoTabs() {
-        UiHarness h;
         auto updater = makeUpdater(true);
-        h.setContextProperty(QStringLiteral("updater"), updater.get());
+        UiHarness h;
+        h.setUpdater(updater.get());
         h.model().setIsLoggedIn(true);
         QQuickItem *view = h.load(QStringLiteral("MenuBarView"));
         QVERIFY(view);
@@ -96,9 +96,9 @@ private slots:
     }
 
     void footerOnModernSystems() {
-        UiHarness h;
         auto updater = makeUpdater(true);
-        h.setContextProperty(QStringLiteral("updater"), updater.get());
+        UiHarness h;
+        h.setUpdater(updater.get());
         // At the size the window gives it: the view's own width.
         QQuickItem *probe = h.load(QStringLiteral("MenuBarView"));
         QVERIFY(probe);
@@ -150,9 +150,9 @@ private slots:
     }
 
     void footerWithoutAnUpdateFeed() {
-        UiHarness h;
         auto updater = makeUpdater(false);
-        h.setContextProperty(QStringLiteral("updater"), updater.get());
+        UiHarness h;
+        h.setUpdater(updater.get());
         QVERIFY(h.load(QStringLiteral("MenuBarView")));
         QVERIFY(shown(h, "launchAtLoginToggle"));
         QVERIFY(!shown(h, "checkForUpdatesButton"));
@@ -169,9 +169,9 @@ private slots:
     }
 
     void footerOnOlderSystems() {
-        UiHarness h(UiHarness::Options{false, {}});
         auto updater = makeUpdater(true, false);
-        h.setContextProperty(QStringLiteral("updater"), updater.get());
+        UiHarness h(UiHarness::Options{false, {}});
+        h.setUpdater(updater.get());
         QVERIFY(h.load(QStringLiteral("MenuBarView")));
         QVERIFY(!shown(h, "launchAtLoginToggle"));
         QVERIFY(!shown(h, "checkForUpdatesButton"));

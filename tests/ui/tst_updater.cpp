@@ -958,7 +958,7 @@ private slots:
         UpdaterViewModel vm(options(true, config()));
         QTRY_VERIFY(vm.canCheckForUpdates());
         UiHarness h;
-        h.setContextProperty("updater", &vm);
+        h.setUpdater(&vm);
         QQuickItem *root = h.load("UpdaterSettingsView", QSize(360, 110));
         QVERIFY2(root, qPrintable(h.errors().join('\n')));
         QVERIFY(UiHarness::isShown(root));
@@ -1008,7 +1008,7 @@ private slots:
         server_->hold("/appcast.xml");
         UpdaterViewModel vm(options(true, config()));
         UiHarness h;
-        h.setContextProperty("updater", &vm);
+        h.setUpdater(&vm);
         QQuickItem *root = h.load("CheckForUpdatesView", QSize(360, 130));
         QVERIFY2(root, qPrintable(h.errors().join('\n')));
         auto *button = h.find<QQuickItem>("checkForUpdatesViewButton");
@@ -1046,7 +1046,7 @@ private slots:
         c.feedURL = QUrl();
         UpdaterViewModel vm(options(true, c));
         UiHarness h;
-        h.setContextProperty("updater", &vm);
+        h.setUpdater(&vm);
         QQuickItem *check = h.load("CheckForUpdatesView", QSize(360, 130));
         QVERIFY2(check, qPrintable(h.errors().join('\n')));
         QVERIFY(!check->isVisible());

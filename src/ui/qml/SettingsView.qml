@@ -17,22 +17,19 @@ Item {
     // list stops saying "Loading..." (tests shorten it).
     property alias initialRefreshDelay: controller.initialRefreshDelay
     readonly property alias controller: controller
-    // The context objects, under names the controller's own properties do
-    // not shadow.
-    readonly property var pickerService: typeof pickers !== "undefined" ? pickers : null
 
     readonly property bool showsInstructions: controller.showPhotoLibraryInstructions
     readonly property bool showsRetention: !showsInstructions && controller.showRetentionSettings
                                            && controller.hasSelectedGroup
     readonly property bool showsList: !showsInstructions && !showsRetention
-    readonly property bool isLoadingGroups: !controller.hasTimeElapsed || ip.isLoading
+    readonly property bool isLoadingGroups: !controller.hasTimeElapsed || ItemsProvider.isLoading
 
     SettingsController {
         id: controller
         objectName: "settingsController"
-        model: ip
-        actions: settingsActions
-        pickers: view.pickerService
+        model: ItemsProvider
+        actions: SettingsActions
+        pickers: Pickers
     }
 
     // "Appearing": the tab is shown (again).
@@ -130,7 +127,7 @@ Item {
                 groupIDText: model.groupIDText
                 groupName: model.name
                 walkPaths: model.sortedWalkPaths
-                disabled: ip.isWaiting
+                disabled: ItemsProvider.isWaiting
                 isICloudSyncedPath: path => controller.isICloudSyncedPath(path)
 
                 onOpenRetentionSettings: controller.openRetentionSettings(groupIDText)
