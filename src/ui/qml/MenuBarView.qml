@@ -133,7 +133,10 @@ Rectangle {
                 Connections {
                     target: LaunchAtLogin
                     function onIsEnabledChanged() {
-                        Qt.callLater(function() { launchToggle.generation++ })
+                        // Qt 6.4's type information lists Qt.callLater as a
+                        // plain property, so qmllint cannot tell that it is
+                        // callable.
+                        Qt.callLater(function() { launchToggle.generation++ }) // qmllint disable type
                     }
                 }
             }
