@@ -129,7 +129,7 @@ struct CheckForUpdatesViewModelForeign {
 // The update checker, which the update views read through.
 struct AppcastCheckerForeign {
     Q_GADGET
-    QML_FOREIGN(tarnwick::ui::AppcastChecker)
+    QML_FOREIGN(tarnwick::updater::AppcastChecker)
     QML_NAMED_ELEMENT(AppcastChecker)
     QML_UNCREATABLE("the update checker belongs to UpdaterViewModel")
 };

@@ -132,18 +132,21 @@ private slots:
         QVERIFY(x(quit) + quit->width() <= h.window()->width());
 
         // The button asks the updater for an interactive check.
-        QTRY_VERIFY_WITH_TIMEOUT(updater->canCheckForUpdates(), 10000);
-        const QDateTime before = updater->lastUpdateCheckDate();
-        QSignalSpy started(updater.get(), &UpdaterViewModel::canCheckForUpdatesChanged);
+        QTRY_VERIFY_WITH_TIMEOUT(updater->updaterController()->canCheckForUpdates(), 10000);
+        const QDateTime before = updater->updaterController()->lastUpdateCheckDate();
+        QSignalSpy started(updater->updaterController(),
+                           &tarnwick::updater::AppcastChecker::canCheckForUpdatesChanged);
         h.click(update);
         QTRY_VERIFY(started.size() >= 1);
-        QTRY_VERIFY_WITH_TIMEOUT(updater->canCheckForUpdates(), 10000);
-        QVERIFY(updater->lastUpdateCheckDate() != before || started.size() >= 2);
+        QTRY_VERIFY_WITH_TIMEOUT(updater->updaterController()->canCheckForUpdates(), 10000);
+        QVERIFY(updater->updaterController()->lastUpdateCheckDate() != before ||
+                started.size() >= 2);
 
         // The user sees what the check found, and the update settings.
         QTRY_VERIFY(shown(h, "updateStatusText"));
-        QCOMPARE(shown(h, "updateStatusText")->property("text").toString(), updater->statusText());
-        QVERIFY(!updater->statusText().isEmpty());
+        QCOMPARE(shown(h, "updateStatusText")->property("text").toString(),
+                 updater->updaterController()->statusText());
+        QVERIFY(!updater->updaterController()->statusText().isEmpty());
         QVERIFY(shown(h, "automaticallyChecksToggle"));
         QVERIFY(shown(h, "automaticallyDownloadsToggle"));
         h.grab(QStringLiteral("footer-update-check"));

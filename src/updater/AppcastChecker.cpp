@@ -28,7 +28,7 @@
 #define TARNWICK_DEFAULT_UPDATE_PUBLIC_KEY ""
 #endif
 
-namespace tarnwick::ui {
+namespace tarnwick::updater {
 
 namespace {
 
@@ -687,4 +687,4 @@ void AppcastChecker::log(const QString &line) const {
     config_.log(line);
 }
 
-} // namespace tarnwick::ui
+} // namespace tarnwick::updater
