@@ -7,7 +7,8 @@ namespace tarnwick::ui {
 
 namespace {
 
-// Kept as a child of its engine, so the objects go with it.
+// What was installed in one engine; a child of the engine, so it goes when
+// the engine goes (the objects themselves are not owned).
 class Holder : public QObject {
 public:
     explicit Holder(QQmlEngine &engine) : QObject(&engine) {

@@ -152,6 +152,30 @@ private slots:
         h.grab(QStringLiteral("footer-update-check"));
     }
 
+    // Each engine binds to the objects installed in it: two windows open at
+    // once show their own models.
+    void twoWindowsShowTheirOwnModels() {
+        UiHarness signedIn;
+        UiHarness signedOut;
+        signedIn.model().setIsLoggedIn(true);
+        signedOut.model().setIsLoggedIn(false);
+        QVERIFY2(signedIn.load(QStringLiteral("MenuBarView")),
+                 qPrintable(signedIn.errors().join('\n')));
+        QVERIFY2(signedOut.load(QStringLiteral("MenuBarView")),
+                 qPrintable(signedOut.errors().join('\n')));
+        QVERIFY(shown(signedIn, "tabBar"));
+        QVERIFY(!shown(signedIn, "loginView"));
+        QVERIFY(!shown(signedOut, "tabBar"));
+        QVERIFY(shown(signedOut, "loginView"));
+
+        // A change to one model shows in its own window only.
+        signedOut.model().setIsLoggedIn(true);
+        QVERIFY(shown(signedOut, "tabBar"));
+        signedIn.model().setIsWaiting(true);
+        QVERIFY(!shown(signedIn, "logoutButton")->isEnabled());
+        QVERIFY(shown(signedOut, "logoutButton")->isEnabled());
+    }
+
     void footerWithoutAnUpdateFeed() {
         auto updater = makeUpdater(false);
         UiHarness h;
