@@ -4,10 +4,11 @@
 
 namespace tarnwick::ui {
 
-CheckForUpdatesViewModel::CheckForUpdatesViewModel(AppcastChecker *updater, QObject *parent)
-    : QObject(parent), updater_(updater) {
+CheckForUpdatesViewModel::CheckForUpdatesViewModel(updater::AppcastChecker *checker,
+                                                   QObject *parent)
+    : QObject(parent), updater_(checker) {
     if (updater_ != nullptr) {
-        connect(updater_, &AppcastChecker::canCheckForUpdatesChanged, this,
+        connect(updater_, &updater::AppcastChecker::canCheckForUpdatesChanged, this,
                 &CheckForUpdatesViewModel::refresh);
     }
     refresh();

@@ -2,9 +2,11 @@
 
 #include <QObject>
 
-namespace tarnwick::ui {
-
+namespace tarnwick::updater {
 class AppcastChecker;
+}
+
+namespace tarnwick::ui {
 
 // What the "Check for Updates…" button needs: whether a check may start now.
 // Kept equal to the checker's own canCheckForUpdates.
@@ -13,7 +15,7 @@ class CheckForUpdatesViewModel : public QObject {
     Q_PROPERTY(bool canCheckForUpdates READ canCheckForUpdates NOTIFY canCheckForUpdatesChanged)
 
 public:
-    explicit CheckForUpdatesViewModel(AppcastChecker *updater, QObject *parent = nullptr);
+    explicit CheckForUpdatesViewModel(updater::AppcastChecker *checker, QObject *parent = nullptr);
 
     bool canCheckForUpdates() const { return canCheckForUpdates_; }
 
@@ -23,7 +25,7 @@ signals:
 private:
     void refresh();
 
-    AppcastChecker *updater_;
+    updater::AppcastChecker *updater_;
     bool canCheckForUpdates_ = false;
 };
 

@@ -8,6 +8,7 @@
 #include "Notifier.h"
 #include "Pickers.h"
 #include "PollManager.h"
+#include "ScreenObjects.h"
 #include "SettingsActions.h"
 #include "TrayController.h"
 #include "UpdaterViewModel.h"
@@ -15,7 +16,6 @@
 
 #include <QApplication>
 #include <QFont>
-#include <QQmlContext>
 #include <QQmlEngine>
 #include <QQuickStyle>
 #include <QQuickWindow>
@@ -63,13 +63,8 @@ int runDesktop(int &argc, char **argv) {
 
     QQmlEngine engine;
     engine.addImportPath(QStringLiteral("qrc:/qt/qml"));
-    QQmlContext *context = engine.rootContext();
-    context->setContextProperty(QStringLiteral("ip"), &model);
-    context->setContextProperty(QStringLiteral("settingsActions"), &actions);
-    context->setContextProperty(QStringLiteral("app"), &app);
-    context->setContextProperty(QStringLiteral("launchAtLogin"), LaunchAtLogin::observable());
-    context->setContextProperty(QStringLiteral("updater"), &updater);
-    context->setContextProperty(QStringLiteral("pickers"), &pickers);
+    ScreenObjects::install(
+        engine, {&model, &actions, &app, LaunchAtLogin::observable(), &updater, &pickers});
 
     WindowController window(engine, app);
     if (!window.load()) {

@@ -3,7 +3,6 @@
 #include <QObject>
 #include <QPointer>
 #include <QString>
-#include <QtQml/qqmlregistration.h>
 
 #include <functional>
 #include <optional>
@@ -24,8 +23,6 @@ namespace tarnwick::ui {
 // it comes back once the dialog is answered.
 class Pickers : public QObject {
     Q_OBJECT
-    QML_ELEMENT
-    QML_UNCREATABLE("the pickers are the application's context object 'pickers'")
 
 public:
     enum class Kind { directory, photoLibrary };

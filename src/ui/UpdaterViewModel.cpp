@@ -15,6 +15,14 @@ void printLine(const QString &line) {
     ClientLog::line(line);
 }
 
+// The checker's lines go where every other line of the client goes.
+updater::AppcastChecker::Config withClientLog(updater::AppcastChecker::Config config) {
+    if (!config.log) {
+        config.log = printLine;
+    }
+    return config;
+}
+
 UpdaterViewModel::Options productOptions(bool isMacOS13) {
     UpdaterViewModel::Options options;
     options.isMacOS13 = isMacOS13;
@@ -28,27 +36,11 @@ UpdaterViewModel::UpdaterViewModel(bool isMacOS13, QObject *parent)
 
 UpdaterViewModel::UpdaterViewModel(Options options, QObject *parent)
     : QObject(parent), isMacOS13_(options.isMacOS13), print_(std::move(options.print)),
-      updater_(new AppcastChecker(std::move(options.checker), this)),
+      updater_(new updater::AppcastChecker(withClientLog(std::move(options.checker)), this)),
       checkViewModel_(new CheckForUpdatesViewModel(updater_, this)) {
     if (!print_) {
         print_ = printLine;
     }
-    connect(updater_, &AppcastChecker::canCheckForUpdatesChanged, this,
-            &UpdaterViewModel::canCheckForUpdatesChanged);
-    connect(updater_, &AppcastChecker::automaticallyChecksForUpdatesChanged, this,
-            &UpdaterViewModel::automaticallyChecksForUpdatesChanged);
-    connect(updater_, &AppcastChecker::automaticallyDownloadsUpdatesChanged, this,
-            &UpdaterViewModel::automaticallyDownloadsUpdatesChanged);
-    connect(updater_, &AppcastChecker::statusChanged, this, &UpdaterViewModel::statusChanged);
-    connect(updater_, &AppcastChecker::availableVersionChanged, this,
-            &UpdaterViewModel::availableVersionChanged);
-    connect(updater_, &AppcastChecker::downloadedFileChanged, this,
-            &UpdaterViewModel::downloadedFileChanged);
-    connect(updater_, &AppcastChecker::lastUpdateCheckDateChanged, this,
-            &UpdaterViewModel::lastUpdateCheckDateChanged);
-    connect(updater_, &AppcastChecker::interactiveSessionFinished, this,
-            &UpdaterViewModel::interactiveCheckFinished);
-
     // On older systems the checker exists but is never started, so no check
     // ever runs. Without a feed (a distribution package) there is nothing to
     // check against; the schedule is not set up either, so its line is not

@@ -3,7 +3,6 @@
 #include "AppcastChecker.h"
 #include "CheckForUpdatesViewModel.h"
 
-#include <QDateTime>
 #include <QObject>
 #include <QString>
 #include <QTimer>
@@ -13,9 +12,10 @@
 
 namespace tarnwick::ui {
 
-// The updater as the screens see it (the root-context property "updater"):
-// the checker itself ("updaterController"), its settings and state, and the
-// interactive check. Constructing it starts the updater:
+// The updater as the screens see it (the singleton UpdaterViewModel): the
+// checker itself ("updaterController", whose settings and state the screens
+// read and write directly) and the interactive check. Constructing it starts
+// the updater:
 //  - on the modern path (isMacOS13) with a feed configured: both automatic
 //    settings are switched on whatever was chosen before, a background check
 //    starts at once, and every checkInterval (4 hours) a tick prints
@@ -24,32 +24,21 @@ namespace tarnwick::ui {
 //  - on the older path the checker exists but is never started: no check
 //    ever runs;
 //  - with no feed configured (a distribution package) nothing runs and
-//    nothing is printed, and isConfigured is false so the controls hide.
+//    nothing is printed, and the checker's isConfigured is false so the
+//    controls hide.
 class UpdaterViewModel : public QObject {
     Q_OBJECT
     Q_PROPERTY(bool isMacOS13 READ isMacOS13 CONSTANT)
-    Q_PROPERTY(tarnwick::ui::AppcastChecker *updaterController READ updaterController CONSTANT)
+    Q_PROPERTY(tarnwick::updater::AppcastChecker *updaterController READ updaterController CONSTANT)
     Q_PROPERTY(tarnwick::ui::CheckForUpdatesViewModel *checkForUpdatesViewModel READ
                    checkForUpdatesViewModel CONSTANT)
-    Q_PROPERTY(bool isConfigured READ isConfigured CONSTANT)
-    Q_PROPERTY(bool canCheckForUpdates READ canCheckForUpdates NOTIFY canCheckForUpdatesChanged)
-    Q_PROPERTY(bool automaticallyChecksForUpdates READ automaticallyChecksForUpdates WRITE
-                   setAutomaticallyChecksForUpdates NOTIFY automaticallyChecksForUpdatesChanged)
-    Q_PROPERTY(bool automaticallyDownloadsUpdates READ automaticallyDownloadsUpdates WRITE
-                   setAutomaticallyDownloadsUpdates NOTIFY automaticallyDownloadsUpdatesChanged)
-    Q_PROPERTY(QString status READ status NOTIFY statusChanged)
-    Q_PROPERTY(QString statusText READ statusText NOTIFY statusChanged)
-    Q_PROPERTY(QString availableVersion READ availableVersion NOTIFY availableVersionChanged)
-    Q_PROPERTY(QString downloadedFile READ downloadedFile NOTIFY downloadedFileChanged)
-    Q_PROPERTY(
-        QDateTime lastUpdateCheckDate READ lastUpdateCheckDate NOTIFY lastUpdateCheckDateChanged)
 
 public:
     struct Options {
         // Modern behaviour; false selects the older-system path.
         bool isMacOS13 = true;
         // Feed, key, limits, log and clock of the checker.
-        AppcastChecker::Config checker = AppcastChecker::configFromEnvironment();
+        updater::AppcastChecker::Config checker = updater::AppcastChecker::configFromEnvironment();
         // The background schedule.
         std::chrono::milliseconds checkInterval{std::chrono::hours(4)};
         // Where the tick's line goes (default: standard output).
@@ -62,24 +51,8 @@ public:
     ~UpdaterViewModel() override;
 
     bool isMacOS13() const { return isMacOS13_; }
-    AppcastChecker *updaterController() const { return updater_; }
+    updater::AppcastChecker *updaterController() const { return updater_; }
     CheckForUpdatesViewModel *checkForUpdatesViewModel() const { return checkViewModel_; }
-
-    bool isConfigured() const { return updater_->isConfigured(); }
-    bool canCheckForUpdates() const { return updater_->canCheckForUpdates(); }
-    bool automaticallyChecksForUpdates() const { return updater_->automaticallyChecksForUpdates(); }
-    void setAutomaticallyChecksForUpdates(bool on) {
-        updater_->setAutomaticallyChecksForUpdates(on);
-    }
-    bool automaticallyDownloadsUpdates() const { return updater_->automaticallyDownloadsUpdates(); }
-    void setAutomaticallyDownloadsUpdates(bool on) {
-        updater_->setAutomaticallyDownloadsUpdates(on);
-    }
-    QString status() const { return updater_->status(); }
-    QString statusText() const { return updater_->statusText(); }
-    QString availableVersion() const { return updater_->availableVersion(); }
-    QString downloadedFile() const { return updater_->downloadedFile(); }
-    QDateTime lastUpdateCheckDate() const { return updater_->lastUpdateCheckDate(); }
 
     // The interactive check ("Check for Updates" in the footer, "Check for
     // Updates…" in CheckForUpdatesView). Does nothing while
@@ -95,22 +68,10 @@ public:
     // The background schedule's timer; inactive when nothing is scheduled.
     const QTimer &checkTimer() const { return timer_; }
 
-signals:
-    void canCheckForUpdatesChanged();
-    void automaticallyChecksForUpdatesChanged();
-    void automaticallyDownloadsUpdatesChanged();
-    void statusChanged();
-    void availableVersionChanged();
-    void downloadedFileChanged();
-    void lastUpdateCheckDateChanged();
-    // A check or download the user asked for has ended: statusText holds the
-    // outcome to show (the footer's button has no text of its own).
-    void interactiveCheckFinished();
-
 private:
     bool isMacOS13_;
     std::function<void(const QString &)> print_;
-    AppcastChecker *updater_;
+    updater::AppcastChecker *updater_;
     CheckForUpdatesViewModel *checkViewModel_;
     QTimer timer_;
 };

@@ -2,6 +2,7 @@
 
 #include "CommandLine.h"
 #include "LaunchAtLogin.h"
+#include "ScreenObjects.h"
 
 #include <QDir>
 #include <QFont>
@@ -47,6 +48,16 @@ UiHarness::UiHarness(Options options) : options_(options), log_(std::make_shared
     model_ = std::make_unique<ItemsProvider>(std::move(modelOptions));
     actions_ = std::make_unique<SettingsActions>(*model_);
     app_ = std::make_unique<AppController>(options_.isMacOS13);
+    UpdaterViewModel::Options updaterOptions;
+    updaterOptions.isMacOS13 = options_.isMacOS13;
+    updaterOptions.checker = {};
+    updaterOptions.checker.log = [](const QString &) {};
+    updaterOptions.print = [](const QString &) {};
+    ownUpdater_ = std::make_unique<UpdaterViewModel>(std::move(updaterOptions));
+    updater_ = ownUpdater_.get();
+    ownPickers_ = std::make_unique<Pickers>();
+    ownPickers_->setRunner([](const Pickers::Request &) { return std::optional<QString>(); });
+    pickers_ = ownPickers_.get();
     engine_ = std::make_unique<QQmlEngine>();
     // Where the statically linked Tarnwick module keeps its qmldir.
     engine_->addImportPath(QStringLiteral("qrc:/qt/qml"));
@@ -56,11 +67,7 @@ UiHarness::UiHarness(Options options) : options_(options), log_(std::make_shared
                              errors_.append(warning.toString());
                          }
                      });
-    QQmlContext *root = engine_->rootContext();
-    root->setContextProperty(QStringLiteral("ip"), model_.get());
-    root->setContextProperty(QStringLiteral("settingsActions"), actions_.get());
-    root->setContextProperty(QStringLiteral("app"), app_.get());
-    root->setContextProperty(QStringLiteral("launchAtLogin"), LaunchAtLogin::observable());
+    installScreenObjects();
 }
 
 UiHarness::~UiHarness() {
@@ -70,8 +77,19 @@ UiHarness::~UiHarness() {
     engine_.reset();
 }
 
-void UiHarness::setContextProperty(const QString &name, QObject *object) {
-    engine_->rootContext()->setContextProperty(name, object);
+void UiHarness::installScreenObjects() {
+    ScreenObjects::install(*engine_, {model_.get(), actions_.get(), app_.get(),
+                                      LaunchAtLogin::observable(), updater_, pickers_});
+}
+
+void UiHarness::setUpdater(UpdaterViewModel *updater) {
+    updater_ = updater;
+    installScreenObjects();
+}
+
+void UiHarness::setPickers(Pickers *pickers) {
+    pickers_ = pickers;
+    installScreenObjects();
 }
 
 QQuickItem *UiHarness::load(const QString &typeName, QSize size,

@@ -1,18 +1,20 @@
 #pragma once
 
 // A small harness for the screens' tests: the model in a known state (no
-// backend), the context objects the screens bind to, one screen loaded from
-// the Tarnwick QML module into an offscreen window, lookups by objectName and
-// screenshots into the build tree.
+// backend), the objects the screens bind to (the Tarnwick module's
+// singletons, the harness's own engine's set), one screen loaded from the
+// module into an offscreen window, lookups by objectName and screenshots into
+// the build tree.
 
 #include "AppController.h"
 #include "ItemsProvider.h"
+#include "Pickers.h"
 #include "SettingsActions.h"
+#include "UpdaterViewModel.h"
 
 #include <QImage>
 #include <QObject>
 #include <QPointer>
-#include <QQmlContext>
 #include <QQmlEngine>
 #include <QQuickItem>
 #include <QQuickWindow>
@@ -49,13 +51,15 @@ public:
     SettingsActions &settingsActions() { return *actions_; }
     AppController &app() { return *app_; }
     QQmlEngine &engine() { return *engine_; }
-    QQmlContext *context() { return engine_->rootContext(); }
     // The model's log lines, in order.
     const QStringList &logLines() const { return *log_; }
 
-    // Further context objects ("updater", "pickers", ...). The harness keeps
-    // no ownership.
-    void setContextProperty(const QString &name, QObject *object);
+    // The updater and the pickers the screens bind to, in place of the
+    // harness's own: an updater without a feed (the update controls hide)
+    // and pickers that always answer "nothing chosen". Set them before the
+    // first load; they must outlive the harness, which keeps no ownership.
+    void setUpdater(UpdaterViewModel *updater);
+    void setPickers(Pickers *pickers);
 
     // Loads the QML type `typeName` of the Tarnwick module (e.g. "LoginView")
     // with the given initial properties into a window of the given size. The
@@ -99,11 +103,17 @@ public:
     void hover(QQuickItem *item);
 
 private:
+    void installScreenObjects();
+
     Options options_;
     std::shared_ptr<QStringList> log_;
     std::unique_ptr<ItemsProvider> model_;
     std::unique_ptr<SettingsActions> actions_;
     std::unique_ptr<AppController> app_;
+    std::unique_ptr<UpdaterViewModel> ownUpdater_;
+    std::unique_ptr<Pickers> ownPickers_;
+    UpdaterViewModel *updater_ = nullptr;
+    Pickers *pickers_ = nullptr;
     std::unique_ptr<QQmlEngine> engine_;
     std::unique_ptr<QQuickWindow> window_;
     QPointer<QQuickItem> root_;

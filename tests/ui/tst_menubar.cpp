@@ -45,9 +45,9 @@ private slots:
     void initTestCase() { UiHarness::prepareApplication(); }
 
     void signedOutShowsTheLoginScreen() {
-        UiHarness h;
         auto updater = makeUpdater(true);
-        h.setContextProperty(QStringLiteral("updater"), updater.get());
+        UiHarness h;
+        h.setUpdater(updater.get());
         h.model().setIsLoggedIn(false);
         QVERIFY2(h.load(QStringLiteral("MenuBarView")), qPrintable(h.errors().join('\n')));
         QVERIFY(shown(h, "loginView"));
@@ -64,9 +64,9 @@ private slots:
     }
 
     void signedInShowsTheTwoTabs() {
-        UiHarness h;
         auto updater = makeUpdater(true);
-        h.setContextProperty(QStringLiteral("updater"), updater.get());
+        UiHarness h;
+        h.setUpdater(updater.get());
         h.model().setIsLoggedIn(true);
         QQuickItem *view = h.load(QStringLiteral("MenuBarView"));
         QVERIFY(view);
@@ -96,9 +96,9 @@ private slots:
     }
 
     void footerOnModernSystems() {
-        UiHarness h;
         auto updater = makeUpdater(true);
-        h.setContextProperty(QStringLiteral("updater"), updater.get());
+        UiHarness h;
+        h.setUpdater(updater.get());
         // At the size the window gives it: the view's own width.
         QQuickItem *probe = h.load(QStringLiteral("MenuBarView"));
         QVERIFY(probe);
@@ -132,27 +132,54 @@ private slots:
         QVERIFY(x(quit) + quit->width() <= h.window()->width());
 
         // The button asks the updater for an interactive check.
-        QTRY_VERIFY_WITH_TIMEOUT(updater->canCheckForUpdates(), 10000);
-        const QDateTime before = updater->lastUpdateCheckDate();
-        QSignalSpy started(updater.get(), &UpdaterViewModel::canCheckForUpdatesChanged);
+        QTRY_VERIFY_WITH_TIMEOUT(updater->updaterController()->canCheckForUpdates(), 10000);
+        const QDateTime before = updater->updaterController()->lastUpdateCheckDate();
+        QSignalSpy started(updater->updaterController(),
+                           &tarnwick::updater::AppcastChecker::canCheckForUpdatesChanged);
         h.click(update);
         QTRY_VERIFY(started.size() >= 1);
-        QTRY_VERIFY_WITH_TIMEOUT(updater->canCheckForUpdates(), 10000);
-        QVERIFY(updater->lastUpdateCheckDate() != before || started.size() >= 2);
+        QTRY_VERIFY_WITH_TIMEOUT(updater->updaterController()->canCheckForUpdates(), 10000);
+        QVERIFY(updater->updaterController()->lastUpdateCheckDate() != before ||
+                started.size() >= 2);
 
         // The user sees what the check found, and the update settings.
         QTRY_VERIFY(shown(h, "updateStatusText"));
-        QCOMPARE(shown(h, "updateStatusText")->property("text").toString(), updater->statusText());
-        QVERIFY(!updater->statusText().isEmpty());
+        QCOMPARE(shown(h, "updateStatusText")->property("text").toString(),
+                 updater->updaterController()->statusText());
+        QVERIFY(!updater->updaterController()->statusText().isEmpty());
         QVERIFY(shown(h, "automaticallyChecksToggle"));
         QVERIFY(shown(h, "automaticallyDownloadsToggle"));
         h.grab(QStringLiteral("footer-update-check"));
     }
 
+    // Each engine binds to the objects installed in it: two windows open at
+    // once show their own models.
+    void twoWindowsShowTheirOwnModels() {
+        UiHarness signedIn;
+        UiHarness signedOut;
+        signedIn.model().setIsLoggedIn(true);
+        signedOut.model().setIsLoggedIn(false);
+        QVERIFY2(signedIn.load(QStringLiteral("MenuBarView")),
+                 qPrintable(signedIn.errors().join('\n')));
+        QVERIFY2(signedOut.load(QStringLiteral("MenuBarView")),
+                 qPrintable(signedOut.errors().join('\n')));
+        QVERIFY(shown(signedIn, "tabBar"));
+        QVERIFY(!shown(signedIn, "loginView"));
+        QVERIFY(!shown(signedOut, "tabBar"));
+        QVERIFY(shown(signedOut, "loginView"));
+
+        // A change to one model shows in its own window only.
+        signedOut.model().setIsLoggedIn(true);
+        QVERIFY(shown(signedOut, "tabBar"));
+        signedIn.model().setIsWaiting(true);
+        QVERIFY(!shown(signedIn, "logoutButton")->isEnabled());
+        QVERIFY(shown(signedOut, "logoutButton")->isEnabled());
+    }
+
     void footerWithoutAnUpdateFeed() {
-        UiHarness h;
         auto updater = makeUpdater(false);
-        h.setContextProperty(QStringLiteral("updater"), updater.get());
+        UiHarness h;
+        h.setUpdater(updater.get());
         QVERIFY(h.load(QStringLiteral("MenuBarView")));
         QVERIFY(shown(h, "launchAtLoginToggle"));
         QVERIFY(!shown(h, "checkForUpdatesButton"));
@@ -169,9 +196,9 @@ private slots:
     }
 
     void footerOnOlderSystems() {
-        UiHarness h(UiHarness::Options{false, {}});
         auto updater = makeUpdater(true, false);
-        h.setContextProperty(QStringLiteral("updater"), updater.get());
+        UiHarness h(UiHarness::Options{false, {}});
+        h.setUpdater(updater.get());
         QVERIFY(h.load(QStringLiteral("MenuBarView")));
         QVERIFY(!shown(h, "launchAtLoginToggle"));
         QVERIFY(!shown(h, "checkForUpdatesButton"));

@@ -170,7 +170,7 @@ struct Screen {
             pickerRequests.push_back(seen);
             return nextChoice;
         });
-        h.setContextProperty(QStringLiteral("pickers"), &pickers);
+        h.setPickers(&pickers);
     }
 
     ~Screen() {

@@ -7,6 +7,7 @@
 #include "ItemsProvider.h"
 #include "Pickers.h"
 #include "PollManager.h"
+#include "ScreenObjects.h"
 #include "SettingsActions.h"
 #include "SettingsController.h"
 #include "UiHarness.h"
@@ -15,7 +16,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QQmlComponent>
-#include <QQmlContext>
 #include <QQmlEngine>
 #include <QQuickItem>
 #include <QQuickWindow>
@@ -123,9 +123,13 @@ private slots:
         QQmlEngine engine;
         // Where the statically linked Tarnwick module keeps its qmldir.
         engine.addImportPath("qrc:/qt/qml");
-        engine.rootContext()->setContextProperty("ip", model.get());
-        engine.rootContext()->setContextProperty("settingsActions", &actions);
-        engine.rootContext()->setContextProperty("pickers", &pickers);
+        // The settings screen binds to the model, the settings actions and
+        // the pickers only.
+        tarnwick::ui::ScreenObjects screenObjects;
+        screenObjects.model = model.get();
+        screenObjects.settingsActions = &actions;
+        screenObjects.pickers = &pickers;
+        tarnwick::ui::ScreenObjects::install(engine, screenObjects);
         QQuickWindow window;
         window.resize(450, 650);
         QQmlComponent component(&engine);

@@ -1,235 +1,32 @@
-// The update checker against a local HTTP server: offers, downloads kept only
-// with a valid Ed25519 signature, version rules, hostile feeds, redirects and
-// limits, the start-up and the four-hour schedule, the older-system path, a
-// build without a feed, and the two small views.
+// The updater's view model over a local HTTP server: the start-up and the
+// four-hour schedule, the older-system path, a build without a feed, the
+// interactive check's button model, and the two small views. The checker's
+// own behaviour is tested in tests/updater.
 #include "AppcastChecker.h"
-#include "AppcastFeed.h"
 #include "UiHarness.h"
-#include "UpdateVerifier.h"
+#include "UpdateFeedServer.h"
 #include "UpdaterViewModel.h"
 
 #include <QCoreApplication>
-#include <QDir>
 #include <QFile>
-#include <QHash>
 #include <QNetworkProxy>
 #include <QQuickItem>
 #include <QSettings>
 #include <QSignalSpy>
-#include <QTcpServer>
-#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTest>
 
-#include <openssl/evp.h>
-
 #include <memory>
 
-using tarnwick::ui::AppcastChecker;
-using tarnwick::ui::AppcastItem;
 using tarnwick::ui::UpdaterViewModel;
 using tarnwick::ui::test::UiHarness;
-namespace UpdateVerifier = tarnwick::ui::UpdateVerifier;
+using tarnwick::updater::AppcastChecker;
+using namespace tarnwick::updater::test;
 
 namespace {
 
 // The version the tests run as.
 const QString kRunningVersion = QStringLiteral("1.1.0");
-
-// A tiny HTTP/1.1 server on 127.0.0.1 serving fixed answers by path. It
-// counts every request, and can hold the answers for some paths back until
-// told to send them (a check "in progress").
-class TestServer : public QObject {
-public:
-    struct Answer {
-        int status = 200;
-        QByteArray body;
-        QList<QPair<QByteArray, QByteArray>> headers;
-    };
-
-    TestServer() {
-        connect(&server_, &QTcpServer::newConnection, this, [this] {
-            while (QTcpSocket *socket = server_.nextPendingConnection()) {
-                connect(socket, &QTcpSocket::readyRead, this, [this, socket] { read(socket); });
-                connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
-            }
-        });
-        if (!server_.listen(QHostAddress::LocalHost, 0)) {
-            qFatal("test server cannot listen");
-        }
-    }
-
-    QUrl url(const QString &path) const {
-        return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(server_.serverPort()).arg(path));
-    }
-    void set(const QString &path, Answer answer) { answers_[path] = std::move(answer); }
-    void set(const QString &path, const QByteArray &body) {
-        answers_[path] = Answer{200, body, {}};
-    }
-    void redirect(const QString &path, const QUrl &to) {
-        answers_[path] = Answer{302, {}, {{"Location", to.toEncoded()}}};
-    }
-    void hold(const QString &path) { held_.insert(path); }
-    void release() {
-        held_.clear();
-        const auto waiting = std::exchange(waiting_, {});
-        for (const auto &[socket, path] : waiting) {
-            if (socket) {
-                answer(socket, path);
-            }
-        }
-    }
-
-    const QStringList &requests() const { return requests_; }
-    int count(const QString &path) const { return int(requests_.count(path)); }
-
-private:
-    void read(QTcpSocket *socket) {
-        QByteArray &buffer = buffers_[socket];
-        buffer += socket->readAll();
-        const qsizetype end = buffer.indexOf("\r\n\r\n");
-        if (end < 0) {
-            return;
-        }
-        const QList<QByteArray> requestLine = buffer.left(buffer.indexOf("\r\n")).split(' ');
-        buffers_.remove(socket);
-        const QString path =
-            requestLine.size() >= 2 ? QString::fromLatin1(requestLine[1]) : QString();
-        requests_.append(path);
-        if (held_.contains(path)) {
-            waiting_.append({QPointer<QTcpSocket>(socket), path});
-            return;
-        }
-        answer(socket, path);
-    }
-
-    void answer(QTcpSocket *socket, const QString &path) {
-        const Answer a = answers_.value(path, Answer{404, "not found", {}});
-        QByteArray response = "HTTP/1.1 " + QByteArray::number(a.status) +
-                              (a.status == 200 ? " OK" : " Other") + "\r\n";
-        response += "Content-Length: " + QByteArray::number(a.body.size()) + "\r\n";
-        response += "Connection: close\r\n";
-        for (const auto &[name, value] : a.headers) {
-            response += name + ": " + value + "\r\n";
-        }
-        response += "\r\n" + a.body;
-        socket->write(response);
-        socket->disconnectFromHost();
-    }
-
-    QTcpServer server_;
-    QHash<QString, Answer> answers_;
-    QHash<QTcpSocket *, QByteArray> buffers_;
-    QSet<QString> held_;
-    QList<QPair<QPointer<QTcpSocket>, QString>> waiting_;
-    QStringList requests_;
-};
-
-// An Ed25519 key pair made for the test.
-class KeyPair {
-public:
-    KeyPair() : key_(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519")) {
-        if (key_ == nullptr) {
-            qFatal("cannot make an Ed25519 key");
-        }
-    }
-    ~KeyPair() { EVP_PKEY_free(key_); }
-    KeyPair(const KeyPair &) = delete;
-    KeyPair &operator=(const KeyPair &) = delete;
-
-    QByteArray publicKey() const {
-        QByteArray raw(32, '\0');
-        std::size_t size = 32;
-        if (EVP_PKEY_get_raw_public_key(key_, reinterpret_cast<unsigned char *>(raw.data()),
-                                        &size) != 1 ||
-            size != 32) {
-            qFatal("cannot read the public key");
-        }
-        return raw;
-    }
-
-    QByteArray sign(const QByteArray &message) const {
-        EVP_MD_CTX *ctx = EVP_MD_CTX_new();
-        QByteArray signature(64, '\0');
-        std::size_t size = 64;
-        const bool ok =
-            EVP_DigestSignInit(ctx, nullptr, nullptr, nullptr, key_) == 1 &&
-            EVP_DigestSign(ctx, reinterpret_cast<unsigned char *>(signature.data()), &size,
-                           reinterpret_cast<const unsigned char *>(message.constData()),
-                           static_cast<std::size_t>(message.size())) == 1;
-        EVP_MD_CTX_free(ctx);
-        if (!ok || size != 64) {
-            qFatal("cannot sign");
-        }
-        return signature;
-    }
-
-    // Verifies directly with OpenSSL, independently of the code under test.
-    bool verifies(const QByteArray &message, const QByteArray &signature) const {
-        EVP_MD_CTX *ctx = EVP_MD_CTX_new();
-        const bool ok =
-            EVP_DigestVerifyInit(ctx, nullptr, nullptr, nullptr, key_) == 1 &&
-            EVP_DigestVerify(ctx, reinterpret_cast<const unsigned char *>(signature.constData()),
-                             static_cast<std::size_t>(signature.size()),
-                             reinterpret_cast<const unsigned char *>(message.constData()),
-                             static_cast<std::size_t>(message.size())) == 1;
-        EVP_MD_CTX_free(ctx);
-        return ok;
-    }
-
-private:
-    EVP_PKEY *key_;
-};
-
-struct FeedItem {
-    QString version;
-    QString url;
-    QByteArray signature; // raw; empty: no attribute
-    qint64 length = -1;   // -1: no attribute
-    QString shortVersion;
-    QString extraAttributes;
-    QString extraElements;
-};
-
-QByteArray feedOf(const QList<FeedItem> &items) {
-    QString xml = QStringLiteral(
-        "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
-        "<rss version=\"2.0\" xmlns:sparkle=\"http://www.andymatuschak.org/xml-namespaces/"
-        "sparkle\">\n<channel>\n<title>Tarnwick</title>\n");
-    for (const FeedItem &item : items) {
-        xml += QStringLiteral("<item><title>Version %1</title>%2<enclosure url=\"%3\"")
-                   .arg(item.version, item.extraElements, item.url.toHtmlEscaped());
-        if (!item.version.isEmpty()) {
-            xml += QStringLiteral(" sparkle:version=\"%1\"").arg(item.version);
-        }
-        if (!item.shortVersion.isEmpty()) {
-            xml += QStringLiteral(" sparkle:shortVersionString=\"%1\"").arg(item.shortVersion);
-        }
-        if (item.length >= 0) {
-            xml += QStringLiteral(" length=\"%1\"").arg(item.length);
-        }
-        if (!item.signature.isEmpty()) {
-            xml += QStringLiteral(" sparkle:edSignature=\"%1\"")
-                       .arg(QString::fromLatin1(item.signature.toBase64()));
-        }
-        xml += QStringLiteral(" type=\"application/octet-stream\" %1/></item>\n")
-                   .arg(item.extraAttributes);
-    }
-    xml += QStringLiteral("</channel>\n</rss>\n");
-    return xml.toUtf8();
-}
-
-QByteArray releaseBytes(const QString &version) {
-    QByteArray bytes;
-    for (int i = 0; i < 20000; ++i) {
-        bytes += "Tarnwick " + version.toLatin1() + " block " + QByteArray::number(i) + '\n';
-    }
-    return bytes;
-}
-
-QStringList filesIn(const QString &directory) {
-    return QDir(directory).entryList(QDir::Files | QDir::Hidden, QDir::Name);
-}
 
 } // namespace
 
@@ -258,23 +55,6 @@ private:
         o.checker = std::move(c);
         o.print = [printed = printed_](const QString &line) { printed->append(line); };
         return o;
-    }
-
-    // A checker that may check (started), as a view model would start it.
-    std::unique_ptr<AppcastChecker> startedChecker(AppcastChecker::Config c) {
-        auto checker = std::make_unique<AppcastChecker>(std::move(c));
-        checker->startUpdater();
-        return checker;
-    }
-
-    // Runs an interactive check to its end.
-    static bool runCheck(AppcastChecker &checker) {
-        QSignalSpy finished(&checker, &AppcastChecker::sessionFinished);
-        checker.checkForUpdates();
-        if (!checker.sessionInProgress()) {
-            return false;
-        }
-        return finished.wait(20000);
     }
 
     // Serves a release of `version` at /<file> with a signature by `signer`.
@@ -309,504 +89,6 @@ private slots:
 
     void cleanup() { server_.reset(); }
 
-    // ---- versions, feed and signatures on their own ----
-
-    void versions_data() {
-        QTest::addColumn<QString>("a");
-        QTest::addColumn<QString>("b");
-        QTest::addColumn<int>("order");
-        QTest::newRow("equal") << "1.2.0"
-                               << "1.2.0" << 0;
-        QTest::newRow("missing part is zero") << "1.2"
-                                              << "1.2.0" << 0;
-        QTest::newRow("leading zeros") << "1.02"
-                                       << "1.2" << 0;
-        QTest::newRow("numeric not textual") << "1.10"
-                                             << "1.9" << 1;
-        QTest::newRow("older") << "1.1.9"
-                               << "1.2" << -1;
-        QTest::newRow("longer is newer") << "1.2.0.1"
-                                         << "1.2" << 1;
-        QTest::newRow("huge parts") << "1.123456789012345678901234567890"
-                                    << "1.99" << 1;
-    }
-    void versions() {
-        QFETCH(QString, a);
-        QFETCH(QString, b);
-        QFETCH(int, order);
-        QVERIFY(tarnwick::ui::isDottedNumericVersion(a));
-        QVERIFY(tarnwick::ui::isDottedNumericVersion(b));
-        QCOMPARE(tarnwick::ui::compareVersions(a, b), order);
-        QCOMPARE(tarnwick::ui::compareVersions(b, a), -order);
-    }
-
-    void notVersions() {
-        for (const char *text :
-             {"", "1.", ".1", "1..2", "1.2a", "v1.2", "1.2-beta", " 1.2", "١.٢"}) {
-            QVERIFY2(!tarnwick::ui::isDottedNumericVersion(QString::fromUtf8(text)), text);
-        }
-        QVERIFY(!tarnwick::ui::isDottedNumericVersion(QString(65, u'1')));
-    }
-
-    void newestStrictlyNewerItemWins() {
-        auto item = [](const QString &v) {
-            AppcastItem i;
-            i.version = v;
-            return i;
-        };
-        const QList<AppcastItem> items{item("1.0"), item("1.3"), item("1.1.0"), item("1.2.5")};
-        QCOMPARE(tarnwick::ui::newestUpdate(items, "1.1.0")->version, QStringLiteral("1.3"));
-        QVERIFY(!tarnwick::ui::newestUpdate(items, "1.3.0").has_value());
-        QVERIFY(!tarnwick::ui::newestUpdate(items, "2").has_value());
-        QVERIFY(!tarnwick::ui::newestUpdate({}, "1.0").has_value());
-    }
-
-    void feedItemsAndSkips() {
-        const QByteArray signature(64, 'S');
-        const QList<FeedItem> items{
-            {"1.2.0", "tarnwick-1.2.0.tar.gz", signature, 100, "1.2", {}, {}},
-            {"1.3.0", "https://example.org/a", {}, 5, {}, {}, {}},
-            {"1.4.0", "https://example.org/b", signature, 5, {}, "sparkle:os=\"macos\"", {}},
-            {"1.5.0",
-             "https://example.org/c",
-             signature,
-             5,
-             {},
-             {},
-             "<sparkle:channel>beta</sparkle:channel>"},
-            {"x.y", "https://example.org/d", signature, 5, {}, {}, {}},
-            {"1.6.0", "ftp://example.org/e", signature, 5, {}, {}, {}},
-            {"1.7.0", "https://example.org/f", QByteArray(10, 'S'), 5, {}, {}, {}},
-            {"1.8.0", "https://example.org/g", signature, -1, {}, "length=\"-3\"", {}},
-            {"1.9.0", "https://example.org/h", signature, -1, {}, "sparkle:os=\"linux\"", {}},
-        };
-        const auto result = tarnwick::ui::parseAppcast(
-            feedOf(items), QUrl("https://updates.example.org/feed/appcast.xml"));
-        QVERIFY2(result.error.isEmpty(), qPrintable(result.error));
-        QCOMPARE(result.items.size(), 2);
-        const AppcastItem &first = result.items[0];
-        QCOMPARE(first.version, QStringLiteral("1.2.0"));
-        QCOMPARE(first.displayVersion, QStringLiteral("1.2"));
-        QCOMPARE(first.title, QStringLiteral("Version 1.2.0"));
-        QCOMPARE(first.length, 100);
-        QCOMPARE(first.edSignature, signature);
-        // A relative URL is resolved against the feed's.
-        QCOMPARE(first.url, QUrl("https://updates.example.org/feed/tarnwick-1.2.0.tar.gz"));
-        QCOMPARE(result.items[1].version, QStringLiteral("1.9.0"));
-        QCOMPARE(result.items[1].length, 0);
-        QCOMPARE(result.skipped.size(), 7);
-        const QString skipped = result.skipped.join('\n');
-        for (const char *why :
-             {"no signature", "another system", "named channel", "not a dotted number",
-              "unusable download URL", "malformed signature", "malformed length"}) {
-            QVERIFY2(skipped.contains(QLatin1String(why)), why);
-        }
-    }
-
-    void itemLevelVersionElements() {
-        const QByteArray xml =
-            "<rss xmlns:sparkle=\"http://www.andymatuschak.org/xml-namespaces/sparkle\"><channel>"
-            "<item><title>T</title><sparkle:version>2.0.1</sparkle:version>"
-            "<sparkle:shortVersionString>2.0</sparkle:shortVersionString>"
-            "<enclosure url=\"https://example.org/x\" sparkle:edSignature=\"" +
-            QByteArray(64, 'A').toBase64() + "\"/></item></channel></rss>";
-        const auto result = tarnwick::ui::parseAppcast(xml, QUrl("https://example.org/feed"));
-        QVERIFY2(result.error.isEmpty(), qPrintable(result.error));
-        QCOMPARE(result.items.size(), 1);
-        QCOMPARE(result.items[0].version, QStringLiteral("2.0.1"));
-        QCOMPARE(result.items[0].displayVersion, QStringLiteral("2.0"));
-    }
-
-    void hostileFeeds_data() {
-        QTest::addColumn<QByteArray>("xml");
-        QTest::newRow("empty") << QByteArray();
-        QTest::newRow("truncated")
-            << feedOf({{"1.2.0", "https://e.org/a", QByteArray(64, 'S'), 1, {}, {}, {}}}).left(200);
-        QTest::newRow("not xml") << QByteArray("\x00\xff\xfe garbage <<<>>>", 18);
-        QTest::newRow("not rss") << QByteArray("<html><body>Hello</body></html>");
-        QTest::newRow("rss without channel") << QByteArray("<rss version=\"2.0\"></rss>");
-        QTest::newRow("undeclared prefix") << QByteArray(
-            "<rss><channel><item><enclosure sparkle:version=\"2\"/></item></channel></rss>");
-        QTest::newRow("junk after root") << QByteArray("<rss><channel/></rss><rss/>");
-        QByteArray bomb = "<?xml version=\"1.0\"?><!DOCTYPE rss [<!ENTITY a \"aaaaaaaaaaaaaaaa\">";
-        char previous = 'a';
-        for (char name = 'b'; name <= 'k'; ++name) {
-            bomb += QByteArray("<!ENTITY ") + name + " \"" +
-                    QByteArray("&").append(previous).append(';').repeated(16) + "\">";
-            previous = name;
-        }
-        bomb += "]><rss><channel><item><title>&k;</title></item></channel></rss>";
-        QTest::newRow("entity expansion") << bomb;
-    }
-    void hostileFeeds() {
-        QFETCH(QByteArray, xml);
-        const auto result = tarnwick::ui::parseAppcast(xml, QUrl("https://example.org/feed"));
-        QVERIFY(!result.error.isEmpty());
-        QVERIFY(result.items.isEmpty());
-    }
-
-    void verifier() {
-        const QByteArray message = "release bytes";
-        const QByteArray signature = key_->sign(message);
-        QVERIFY(UpdateVerifier::verify(key_->publicKey(), signature, message));
-        QVERIFY(!UpdateVerifier::verify(key_->publicKey(), signature, message + "!"));
-        QByteArray flipped = signature;
-        flipped[5] = char(flipped[5] ^ 1);
-        QVERIFY(!UpdateVerifier::verify(key_->publicKey(), flipped, message));
-        KeyPair other;
-        QVERIFY(!UpdateVerifier::verify(other.publicKey(), signature, message));
-        QVERIFY(!UpdateVerifier::verify(key_->publicKey().left(31), signature, message));
-        QVERIFY(!UpdateVerifier::verify(key_->publicKey(), signature.left(63), message));
-        // An empty file has a signature too.
-        QVERIFY(UpdateVerifier::verify(key_->publicKey(), key_->sign({}), QByteArray()));
-
-        QCOMPARE(UpdateVerifier::decodePublicKey(QString::fromLatin1(key_->publicKey().toBase64())),
-                 key_->publicKey());
-        QVERIFY(UpdateVerifier::decodePublicKey("not base64!").isEmpty());
-        QVERIFY(UpdateVerifier::decodePublicKey(QString::fromLatin1(QByteArray(31, 'k').toBase64()))
-                    .isEmpty());
-    }
-
-    // ---- the checker against the local server ----
-
-    void newerSignedItemIsOfferedAndKept() {
-        const FeedItem newer = publish("1.2.0", *key_);
-        server_->set("/appcast.xml",
-                     feedOf({publish("1.0.0", *key_), newer, publish("1.1.5", *key_)}));
-        auto checker = startedChecker(config());
-        QVERIFY(checker->canCheckForUpdates());
-        QSignalSpy canCheck(checker.get(), &AppcastChecker::canCheckForUpdatesChanged);
-        QVERIFY(runCheck(*checker));
-
-        QCOMPARE(checker->status(), QStringLiteral("downloaded"));
-        QCOMPARE(checker->availableVersion(), QStringLiteral("1.2.0"));
-        QCOMPARE(checker->statusText(), QStringLiteral("Tarnwick 1.2.0 has been downloaded"));
-        QCOMPARE(server_->requests(), QStringList({"/appcast.xml", "/tarnwick-1.2.0.tar.gz"}));
-        // The session made checks impossible and then possible again.
-        QCOMPARE(canCheck.count(), 2);
-        QVERIFY(checker->canCheckForUpdates());
-
-        const QString file = checker->downloadedFile();
-        QCOMPARE(file, downloads_->path() + "/updates/tarnwick-1.2.0.tar.gz");
-        QFile kept(file);
-        QVERIFY(kept.open(QIODevice::ReadOnly));
-        const QByteArray bytes = kept.readAll();
-        QCOMPARE(bytes, releaseBytes("1.2.0"));
-        QVERIFY(key_->verifies(bytes, newer.signature));
-        // Only the kept file is left: no partial download beside it.
-        QCOMPARE(filesIn(downloads_->path() + "/updates"), QStringList{"tarnwick-1.2.0.tar.gz"});
-        QVERIFY(log_->contains("Downloaded Tarnwick 1.2.0 to " + file));
-    }
-
-    void badSignatureIsDiscarded() {
-        KeyPair stranger;
-        FeedItem forged = publish("1.2.0", stranger);
-        server_->set("/appcast.xml", feedOf({forged}));
-        auto checker = startedChecker(config());
-        QVERIFY(runCheck(*checker));
-
-        QCOMPARE(server_->count("/tarnwick-1.2.0.tar.gz"), 1);
-        QCOMPARE(checker->status(), QStringLiteral("error"));
-        QVERIFY(checker->statusText().contains("could not be verified and was discarded"));
-        QVERIFY(checker->downloadedFile().isEmpty());
-        QVERIFY(filesIn(downloads_->path() + "/updates").isEmpty());
-        bool logged = false;
-        for (const QString &line : *log_) {
-            logged =
-                logged || (line.startsWith("warning: discarded the download of Tarnwick 1.2.0") &&
-                           line.contains("the signature does not match"));
-        }
-        QVERIFY2(logged, qPrintable(log_->join('\n')));
-    }
-
-    void damagedDownloadIsDiscarded() {
-        // Right key, but the served bytes are not the signed ones.
-        FeedItem item = publish("1.2.0", *key_);
-        QByteArray damaged = releaseBytes("1.2.0");
-        damaged[1000] = 'X';
-        server_->set("/tarnwick-1.2.0.tar.gz", damaged);
-        server_->set("/appcast.xml", feedOf({item}));
-        auto checker = startedChecker(config());
-        QVERIFY(runCheck(*checker));
-        QCOMPARE(checker->status(), QStringLiteral("error"));
-        QVERIFY(filesIn(downloads_->path() + "/updates").isEmpty());
-    }
-
-    void equalVersionOffersNothing() {
-        server_->set("/appcast.xml", feedOf({publish("1.0.0", *key_), publish("1.1.0", *key_),
-                                             publish("1.1", *key_, "other.tar.gz")}));
-        auto checker = startedChecker(config());
-        QVERIFY(runCheck(*checker));
-        QCOMPARE(checker->status(), QStringLiteral("upToDate"));
-        QCOMPARE(checker->statusText(), QStringLiteral("You're up to date"));
-        QVERIFY(checker->availableVersion().isEmpty());
-        QVERIFY(checker->downloadedFile().isEmpty());
-        QCOMPARE(server_->requests(), QStringList{"/appcast.xml"});
-    }
-
-    void olderVersionOffersNothing() {
-        server_->set("/appcast.xml", feedOf({publish("0.9.9", *key_), publish("1.0", *key_)}));
-        auto checker = startedChecker(config());
-        QVERIFY(runCheck(*checker));
-        QCOMPARE(checker->status(), QStringLiteral("upToDate"));
-        QVERIFY(checker->availableVersion().isEmpty());
-        QCOMPARE(server_->requests(), QStringList{"/appcast.xml"});
-    }
-
-    void newestValidItemWins() {
-        FeedItem unsigned_ = publish("1.4.0", *key_);
-        unsigned_.signature.clear();
-        FeedItem valid = publish("1.3.0", *key_);
-        server_->set("/appcast.xml", feedOf({publish("1.2.0", *key_), unsigned_, valid}));
-        auto checker = startedChecker(config());
-        QVERIFY(runCheck(*checker));
-        QCOMPARE(checker->availableVersion(), QStringLiteral("1.3.0"));
-        QCOMPARE(checker->status(), QStringLiteral("downloaded"));
-        QCOMPARE(server_->count("/tarnwick-1.4.0.tar.gz"), 0);
-        QVERIFY(log_->join('\n').contains("\"Version 1.4.0\": no signature"));
-    }
-
-    void malformedFeedGivesAnError_data() {
-        QTest::addColumn<int>("status");
-        QTest::addColumn<QByteArray>("body");
-        QTest::addColumn<QString>("words");
-        QTest::newRow("broken xml")
-            << 200 << QByteArray("<rss><channel><item>") << "could not be read";
-        QTest::newRow("html page") << 200 << QByteArray("<html></html>") << "not an RSS feed";
-        QTest::newRow("empty") << 200 << QByteArray() << "could not be read";
-        QTest::newRow("binary") << 200 << QByteArray("\x89PNG\r\n\x1a\n\x00\x00", 10)
-                                << "could not be read";
-        QTest::newRow("not found") << 404 << QByteArray("gone") << "The update check failed";
-        QTest::newRow("server error")
-            << 500 << QByteArray("<rss><channel/></rss>") << "The update check failed";
-    }
-    void malformedFeedGivesAnError() {
-        QFETCH(int, status);
-        QFETCH(QByteArray, body);
-        QFETCH(QString, words);
-        server_->set("/appcast.xml", TestServer::Answer{status, body, {}});
-        auto checker = startedChecker(config());
-        QVERIFY(runCheck(*checker));
-        QCOMPARE(checker->status(), QStringLiteral("error"));
-        QVERIFY2(checker->statusText().contains(words), qPrintable(checker->statusText()));
-        QVERIFY(checker->statusText().startsWith("The update check failed"));
-        QVERIFY(checker->canCheckForUpdates());
-        QVERIFY(log_->join('\n').contains("Update check failed: "));
-    }
-
-    void oversizedFeedIsRefused() {
-        FeedItem item = publish("1.2.0", *key_);
-        QList<FeedItem> many(400, item);
-        server_->set("/appcast.xml", feedOf(many));
-        AppcastChecker::Config c = config();
-        c.maxFeedBytes = 16 * 1024;
-        auto checker = startedChecker(c);
-        QVERIFY(runCheck(*checker));
-        QCOMPARE(checker->status(), QStringLiteral("error"));
-        QVERIFY2(checker->statusText().contains("larger than 16384 bytes"),
-                 qPrintable(checker->statusText()));
-        QCOMPARE(server_->count("/tarnwick-1.2.0.tar.gz"), 0);
-    }
-
-    void downloadLargerThanAnnouncedIsDiscarded() {
-        FeedItem item = publish("1.2.0", *key_);
-        item.length = 1000;
-        server_->set("/appcast.xml", feedOf({item}));
-        auto checker = startedChecker(config());
-        QVERIFY(runCheck(*checker));
-        QCOMPARE(checker->status(), QStringLiteral("error"));
-        QVERIFY2(checker->statusText().contains("larger than the announced 1000 bytes"),
-                 qPrintable(checker->statusText()));
-        QVERIFY(filesIn(downloads_->path() + "/updates").isEmpty());
-    }
-
-    void silentServerEndsTheCheck() {
-        server_->hold("/appcast.xml");
-        AppcastChecker::Config c = config();
-        c.transferTimeout = std::chrono::milliseconds(300);
-        auto checker = startedChecker(c);
-        QVERIFY(runCheck(*checker));
-        QCOMPARE(checker->status(), QStringLiteral("error"));
-        QVERIFY2(checker->statusText().contains("nothing arrived"),
-                 qPrintable(checker->statusText()));
-    }
-
-    void sameOriginRedirectIsFollowed() {
-        server_->set("/appcast.xml", feedOf({publish("1.2.0", *key_)}));
-        server_->redirect("/feed", server_->url("/appcast.xml"));
-        auto checker = startedChecker(config("/feed"));
-        QVERIFY(runCheck(*checker));
-        QCOMPARE(checker->status(), QStringLiteral("downloaded"));
-        QCOMPARE(server_->requests().mid(0, 2), QStringList({"/feed", "/appcast.xml"}));
-    }
-
-    void plainRedirectToAnotherOriginIsRefused() {
-        TestServer elsewhere;
-        elsewhere.set("/appcast.xml", feedOf({publish("1.2.0", *key_)}));
-        // Same host, another port: another origin, and not https.
-        server_->redirect("/appcast.xml", elsewhere.url("/appcast.xml"));
-        auto checker = startedChecker(config());
-        QVERIFY(runCheck(*checker));
-        QCOMPARE(checker->status(), QStringLiteral("error"));
-        QVERIFY2(checker->statusText().contains("refused a redirect"),
-                 qPrintable(checker->statusText()));
-        QTest::qWait(100);
-        QVERIFY(elsewhere.requests().isEmpty());
-    }
-
-    void backgroundCheckWithoutAutomaticDownloadOnlyOffers() {
-        server_->set("/appcast.xml", feedOf({publish("1.2.0", *key_)}));
-        auto checker = startedChecker(config());
-        checker->setAutomaticallyDownloadsUpdates(false);
-        QSignalSpy finished(checker.get(), &AppcastChecker::sessionFinished);
-        checker->checkForUpdatesInBackground();
-        QVERIFY(finished.wait(20000));
-        QCOMPARE(checker->status(), QStringLiteral("available"));
-        QCOMPARE(checker->statusText(), QStringLiteral("Tarnwick 1.2.0 is available"));
-        QCOMPARE(server_->requests(), QStringList{"/appcast.xml"});
-
-        checker->downloadUpdate();
-        QVERIFY(finished.wait(20000));
-        QCOMPARE(checker->status(), QStringLiteral("downloaded"));
-        QCOMPARE(server_->count("/tarnwick-1.2.0.tar.gz"), 1);
-    }
-
-    void backgroundFailureStaysInTheLog() {
-        server_->set("/appcast.xml", QByteArray("<rss>"));
-        auto checker = startedChecker(config());
-        QSignalSpy finished(checker.get(), &AppcastChecker::sessionFinished);
-        checker->checkForUpdatesInBackground();
-        QVERIFY(finished.wait(20000));
-        QCOMPARE(checker->status(), QStringLiteral("idle"));
-        QVERIFY(checker->statusText().isEmpty());
-        QVERIFY(log_->join('\n').contains("Update check failed: "));
-    }
-
-    void earlierVerifiedDownloadIsReused() {
-        server_->set("/appcast.xml", feedOf({publish("1.2.0", *key_)}));
-        {
-            auto first = startedChecker(config());
-            QVERIFY(runCheck(*first));
-            QCOMPARE(first->status(), QStringLiteral("downloaded"));
-        }
-        // A later run finds the verified file and does not fetch it again.
-        auto second = startedChecker(config());
-        QVERIFY(runCheck(*second));
-        QCOMPARE(second->status(), QStringLiteral("downloaded"));
-        QCOMPARE(server_->count("/tarnwick-1.2.0.tar.gz"), 1);
-
-        // A file of that name that is not the release is replaced.
-        QFile file(second->downloadedFile());
-        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        file.write("something else");
-        file.close();
-        auto third = startedChecker(config());
-        QVERIFY(runCheck(*third));
-        QCOMPARE(third->status(), QStringLiteral("downloaded"));
-        QCOMPARE(server_->count("/tarnwick-1.2.0.tar.gz"), 2);
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        QCOMPARE(file.readAll(), releaseBytes("1.2.0"));
-    }
-
-    void downloadsGoToTheCacheByDefault() {
-        server_->set("/appcast.xml", feedOf({publish("1.2.0", *key_)}));
-        AppcastChecker::Config c = config();
-        c.downloadDirectory.clear();
-        auto checker = startedChecker(c);
-        QVERIFY(runCheck(*checker));
-        const QString cache = qEnvironmentVariable("XDG_CACHE_HOME");
-        QVERIFY(!cache.isEmpty());
-        QCOMPARE(checker->downloadedFile(),
-                 cache + "/tarnwick/tarnwick/updates/tarnwick-1.2.0.tar.gz");
-        QVERIFY(QFile::remove(checker->downloadedFile()));
-    }
-
-    void lastCheckDateComesFromTheClock() {
-        server_->set("/appcast.xml", feedOf({}));
-        const QDateTime when(QDate(2031, 5, 6), QTime(7, 8, 9), Qt::UTC);
-        AppcastChecker::Config c = config();
-        c.clock = [when] { return when; };
-        auto checker = startedChecker(c);
-        QVERIFY(!checker->lastUpdateCheckDate().isValid());
-        QVERIFY(runCheck(*checker));
-        QCOMPARE(checker->lastUpdateCheckDate(), when);
-    }
-
-    void unstartedCheckerNeverChecks() {
-        server_->set("/appcast.xml", feedOf({publish("1.2.0", *key_)}));
-        AppcastChecker checker(config());
-        QVERIFY(checker.isConfigured());
-        QVERIFY(!checker.canCheckForUpdates());
-        checker.checkForUpdates();
-        checker.checkForUpdatesInBackground();
-        QVERIFY(!checker.sessionInProgress());
-        QTest::qWait(100);
-        QVERIFY(server_->requests().isEmpty());
-    }
-
-    void destroyedDuringACheck() {
-        server_->hold("/appcast.xml");
-        auto checker = startedChecker(config());
-        checker->checkForUpdates();
-        QTRY_COMPARE(server_->requests().size(), 1);
-        checker.reset();
-        server_->release();
-        QTest::qWait(50);
-    }
-
-    void settingsArePersisted() {
-        {
-            AppcastChecker checker(config());
-            QVERIFY(checker.automaticallyChecksForUpdates());
-            QVERIFY(!checker.automaticallyDownloadsUpdates());
-            QSignalSpy changed(&checker, &AppcastChecker::automaticallyChecksForUpdatesChanged);
-            checker.setAutomaticallyChecksForUpdates(false);
-            checker.setAutomaticallyChecksForUpdates(false);
-            QCOMPARE(changed.count(), 1);
-            checker.setAutomaticallyDownloadsUpdates(true);
-        }
-        AppcastChecker again(config());
-        QVERIFY(!again.automaticallyChecksForUpdates());
-        QVERIFY(again.automaticallyDownloadsUpdates());
-    }
-
-    // ---- configuration ----
-
-    void configurationFromTheEnvironment() {
-        const QByteArray key = key_->publicKey().toBase64();
-        qputenv("TARNWICK_APPCAST_URL", server_->url("/appcast.xml").toEncoded());
-        qputenv("TARNWICK_UPDATE_PUBLIC_KEY", key);
-        AppcastChecker::Config c = AppcastChecker::configFromEnvironment();
-        QCOMPARE(c.feedURL, server_->url("/appcast.xml"));
-        QCOMPARE(c.publicKey, key_->publicKey());
-
-        // Set but empty: no feed, whatever the build's default.
-        qputenv("TARNWICK_APPCAST_URL", "");
-        c = AppcastChecker::configFromEnvironment();
-        QVERIFY(c.feedURL.isEmpty());
-        AppcastChecker none(c);
-        QVERIFY(!none.isConfigured());
-
-        qputenv("TARNWICK_APPCAST_URL", server_->url("/appcast.xml").toEncoded());
-        qputenv("TARNWICK_UPDATE_PUBLIC_KEY", "bm90IGEga2V5");
-        c = AppcastChecker::configFromEnvironment();
-        c.log = [log = log_](const QString &line) { log->append(line); };
-        AppcastChecker badKey(c);
-        QVERIFY(!badKey.isConfigured());
-        QVERIFY(log_->join('\n').contains("no valid public key"));
-        qunsetenv("TARNWICK_APPCAST_URL");
-        qunsetenv("TARNWICK_UPDATE_PUBLIC_KEY");
-    }
-
-    void unusableFeedURLsAreNotConfigured() {
-        for (const char *url : {"file:///etc/passwd", "ftp://example.org/appcast.xml", "http://"}) {
-            AppcastChecker::Config c = config();
-            c.feedURL = QUrl(QString::fromLatin1(url));
-            AppcastChecker checker(c);
-            QVERIFY2(!checker.isConfigured(), url);
-        }
-    }
-
     // ---- the view model: start-up, schedule, older path, no feed ----
 
     void modernStartUpSwitchesBothSettingsOnAndChecks() {
@@ -818,19 +100,19 @@ private slots:
 
         UpdaterViewModel vm(options(true, config()));
         QVERIFY(vm.isMacOS13());
-        QVERIFY(vm.isConfigured());
-        QVERIFY(vm.automaticallyChecksForUpdates());
-        QVERIFY(vm.automaticallyDownloadsUpdates());
+        QVERIFY(vm.updaterController()->isConfigured());
+        QVERIFY(vm.updaterController()->automaticallyChecksForUpdates());
+        QVERIFY(vm.updaterController()->automaticallyDownloadsUpdates());
         settings.sync();
         QCOMPARE(settings.value("updater/automaticallyChecksForUpdates").toBool(), true);
         QCOMPARE(settings.value("updater/automaticallyDownloadsUpdates").toBool(), true);
         // The background check has started at once.
         QVERIFY(vm.updaterController()->sessionInProgress());
-        QVERIFY(!vm.canCheckForUpdates());
+        QVERIFY(!vm.updaterController()->canCheckForUpdates());
         QTRY_COMPARE(server_->count("/appcast.xml"), 1);
-        QTRY_VERIFY(vm.canCheckForUpdates());
+        QTRY_VERIFY(vm.updaterController()->canCheckForUpdates());
         // Quietly: a background check that finds nothing shows nothing.
-        QCOMPARE(vm.status(), QStringLiteral("idle"));
+        QCOMPARE(vm.updaterController()->status(), QStringLiteral("idle"));
         QVERIFY(vm.checkTimer().isActive());
         QCOMPARE(vm.checkTimer().interval(), 14400 * 1000);
         QVERIFY(printed_->isEmpty());
@@ -839,9 +121,9 @@ private slots:
     void backgroundStartUpDownloadsANewerRelease() {
         server_->set("/appcast.xml", feedOf({publish("1.2.0", *key_)}));
         UpdaterViewModel vm(options(true, config()));
-        QTRY_COMPARE(vm.status(), QStringLiteral("downloaded"));
-        QCOMPARE(vm.availableVersion(), QStringLiteral("1.2.0"));
-        QVERIFY(QFile::exists(vm.downloadedFile()));
+        QTRY_COMPARE(vm.updaterController()->status(), QStringLiteral("downloaded"));
+        QCOMPARE(vm.updaterController()->availableVersion(), QStringLiteral("1.2.0"));
+        QVERIFY(QFile::exists(vm.updaterController()->downloadedFile()));
     }
 
     void tickDuringASessionOnlyPrints() {
@@ -859,7 +141,7 @@ private slots:
 
         // Once the session is over, the next tick checks again.
         server_->release();
-        QTRY_VERIFY(vm.canCheckForUpdates());
+        QTRY_VERIFY(vm.updaterController()->canCheckForUpdates());
         vm.checkTimerFired();
         QCOMPARE(printed_->size(), 2);
         QTRY_COMPARE(server_->count("/appcast.xml"), 2);
@@ -868,8 +150,8 @@ private slots:
     void tickWithAutomaticChecksOffOnlyPrints() {
         server_->set("/appcast.xml", feedOf({}));
         UpdaterViewModel vm(options(true, config()));
-        QTRY_VERIFY(vm.canCheckForUpdates());
-        vm.setAutomaticallyChecksForUpdates(false);
+        QTRY_VERIFY(vm.updaterController()->canCheckForUpdates());
+        vm.updaterController()->setAutomaticallyChecksForUpdates(false);
         vm.checkTimerFired();
         QCOMPARE(*printed_, QStringList{"Check for sparkle update"});
         QTest::qWait(100);
@@ -898,11 +180,11 @@ private slots:
         QVERIFY(!vm.isMacOS13());
         QVERIFY(vm.updaterController() != nullptr);
         QVERIFY(!vm.updaterController()->isStarted());
-        QVERIFY(!vm.canCheckForUpdates());
+        QVERIFY(!vm.updaterController()->canCheckForUpdates());
         QVERIFY(!vm.checkForUpdatesViewModel()->canCheckForUpdates());
         QVERIFY(!vm.checkTimer().isActive());
         // The settings stay as they were.
-        QVERIFY(!vm.automaticallyChecksForUpdates());
+        QVERIFY(!vm.updaterController()->automaticallyChecksForUpdates());
         vm.checkForUpdates();
         vm.downloadUpdate();
         QTest::qWait(200);
@@ -915,8 +197,8 @@ private slots:
         AppcastChecker::Config c = config();
         c.feedURL = QUrl();
         UpdaterViewModel vm(options(true, c));
-        QVERIFY(!vm.isConfigured());
-        QVERIFY(!vm.canCheckForUpdates());
+        QVERIFY(!vm.updaterController()->isConfigured());
+        QVERIFY(!vm.updaterController()->canCheckForUpdates());
         QVERIFY(!vm.checkTimer().isActive());
         vm.checkForUpdates();
         vm.checkTimerFired();
@@ -939,15 +221,17 @@ private slots:
         server_->release();
         QTRY_VERIFY(mirror->canCheckForUpdates());
         QCOMPARE(changed.count(), 1);
-        QSignalSpy interactiveEnd(&vm, &UpdaterViewModel::interactiveCheckFinished);
+        QSignalSpy interactiveEnd(vm.updaterController(),
+                                  &AppcastChecker::interactiveSessionFinished);
         // The start-up check was a background one.
         QCOMPARE(interactiveEnd.count(), 0);
         vm.checkForUpdates();
         QVERIFY(!mirror->canCheckForUpdates());
-        QCOMPARE(vm.status(), QStringLiteral("checking"));
-        QCOMPARE(vm.statusText(), QStringLiteral("Checking for updates\u2026"));
+        QCOMPARE(vm.updaterController()->status(), QStringLiteral("checking"));
+        QCOMPARE(vm.updaterController()->statusText(),
+                 QStringLiteral("Checking for updates\u2026"));
         QTRY_VERIFY(mirror->canCheckForUpdates());
-        QCOMPARE(vm.statusText(), QStringLiteral("You're up to date"));
+        QCOMPARE(vm.updaterController()->statusText(), QStringLiteral("You're up to date"));
         QCOMPARE(interactiveEnd.count(), 1);
     }
 
@@ -956,9 +240,9 @@ private slots:
     void settingsViewToggles() {
         server_->set("/appcast.xml", feedOf({}));
         UpdaterViewModel vm(options(true, config()));
-        QTRY_VERIFY(vm.canCheckForUpdates());
+        QTRY_VERIFY(vm.updaterController()->canCheckForUpdates());
         UiHarness h;
-        h.setContextProperty("updater", &vm);
+        h.setUpdater(&vm);
         QQuickItem *root = h.load("UpdaterSettingsView", QSize(360, 110));
         QVERIFY2(root, qPrintable(h.errors().join('\n')));
         QVERIFY(UiHarness::isShown(root));
@@ -977,7 +261,7 @@ private slots:
 
         // Turning automatic checks off by hand disables the second toggle.
         h.click(checks);
-        QTRY_VERIFY(!vm.automaticallyChecksForUpdates());
+        QTRY_VERIFY(!vm.updaterController()->automaticallyChecksForUpdates());
         QVERIFY(!checks->property("checked").toBool());
         QVERIFY(!downloads->isEnabled());
         QVERIFY(downloads->property("checked").toBool());
@@ -986,16 +270,16 @@ private slots:
         // A click on the disabled toggle changes nothing.
         h.click(downloads);
         h.settle();
-        QVERIFY(vm.automaticallyDownloadsUpdates());
+        QVERIFY(vm.updaterController()->automaticallyDownloadsUpdates());
 
         // Changes from elsewhere show, and the toggles keep following.
-        vm.setAutomaticallyChecksForUpdates(true);
+        vm.updaterController()->setAutomaticallyChecksForUpdates(true);
         QTRY_VERIFY(checks->property("checked").toBool());
         QVERIFY(downloads->isEnabled());
         h.click(downloads);
-        QTRY_VERIFY(!vm.automaticallyDownloadsUpdates());
+        QTRY_VERIFY(!vm.updaterController()->automaticallyDownloadsUpdates());
         QVERIFY(!downloads->property("checked").toBool());
-        vm.setAutomaticallyDownloadsUpdates(true);
+        vm.updaterController()->setAutomaticallyDownloadsUpdates(true);
         QTRY_VERIFY(downloads->property("checked").toBool());
 
         auto *lastCheck = h.find<QQuickItem>("lastUpdateCheckText");
@@ -1008,7 +292,7 @@ private slots:
         server_->hold("/appcast.xml");
         UpdaterViewModel vm(options(true, config()));
         UiHarness h;
-        h.setContextProperty("updater", &vm);
+        h.setUpdater(&vm);
         QQuickItem *root = h.load("CheckForUpdatesView", QSize(360, 130));
         QVERIFY2(root, qPrintable(h.errors().join('\n')));
         auto *button = h.find<QQuickItem>("checkForUpdatesViewButton");
@@ -1037,7 +321,7 @@ private slots:
                      QStringLiteral("Tarnwick 1.2.0 has been downloaded"));
         auto *file = h.findVisible("downloadedFileText");
         QVERIFY(file);
-        QCOMPARE(file->property("text").toString(), vm.downloadedFile());
+        QCOMPARE(file->property("text").toString(), vm.updaterController()->downloadedFile());
         h.grab("updater_downloaded");
     }
 
@@ -1046,7 +330,7 @@ private slots:
         c.feedURL = QUrl();
         UpdaterViewModel vm(options(true, c));
         UiHarness h;
-        h.setContextProperty("updater", &vm);
+        h.setUpdater(&vm);
         QQuickItem *check = h.load("CheckForUpdatesView", QSize(360, 130));
         QVERIFY2(check, qPrintable(h.errors().join('\n')));
         QVERIFY(!check->isVisible());

@@ -23,14 +23,14 @@ Item {
             type: "error"
             icon: "exclamationmark.triangle.fill"
             title: "Syncing has stopped"
-            message: ip.error !== "" ? ip.error : "The sync engine is not running."
+            message: ItemsProvider.error !== "" ? ItemsProvider.error : "The sync engine is not running."
         }
         PrimaryButton {
             objectName: "restartBackendButton"
             Layout.alignment: Qt.AlignHCenter
             text: "Restart backend"
             symbol: "arrow.clockwise"
-            onClicked: ip.restartBackend()
+            onClicked: ItemsProvider.restartBackend()
         }
     }
 }

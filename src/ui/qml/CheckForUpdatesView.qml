@@ -9,27 +9,26 @@ import Tarnwick
 ColumnLayout {
     id: view
 
-    // The updater view model (the window's "updater" unless given).
-    property QtObject viewModel: typeof updater !== "undefined" ? updater : null
-    readonly property string status: viewModel ? viewModel.status : ""
+    // The update checker: what the last check found is its state.
+    readonly property AppcastChecker checker: UpdaterViewModel.updaterController
+    readonly property string status: checker.status
 
-    visible: viewModel !== null && viewModel.isConfigured
+    visible: checker.isConfigured
     spacing: 8
 
     PrimaryButton {
         objectName: "checkForUpdatesViewButton"
         text: "Check for Updates\u2026"
-        enabled: view.viewModel !== null
-                 && view.viewModel.checkForUpdatesViewModel.canCheckForUpdates
+        enabled: UpdaterViewModel.checkForUpdatesViewModel.canCheckForUpdates
         busy: view.status === "checking" || view.status === "downloading"
-        onClicked: view.viewModel.checkForUpdates()
+        onClicked: UpdaterViewModel.checkForUpdates()
     }
 
     Text {
         objectName: "updateStatusText"
         Layout.fillWidth: true
         visible: text !== ""
-        text: view.viewModel ? view.viewModel.statusText : ""
+        text: view.checker.statusText
         wrapMode: Text.Wrap
         font.family: Theme.fontFamily
         font.pixelSize: Theme.bodySize
@@ -42,23 +41,22 @@ ColumnLayout {
     IconButton {
         objectName: "downloadUpdateButton"
         visible: view.status === "available"
-        enabled: view.viewModel !== null
-                 && view.viewModel.checkForUpdatesViewModel.canCheckForUpdates
+        enabled: UpdaterViewModel.checkForUpdatesViewModel.canCheckForUpdates
         symbol: "arrow.down.circle"
         text: "Download"
         helpText: "Download the new version"
-        onClicked: view.viewModel.downloadUpdate()
+        onClicked: UpdaterViewModel.downloadUpdate()
     }
 
     // The verified download and where it is.
     RowLayout {
-        visible: view.viewModel !== null && view.viewModel.downloadedFile !== ""
+        visible: view.checker.downloadedFile !== ""
         spacing: 6
 
         Text {
             objectName: "downloadedFileText"
             Layout.fillWidth: true
-            text: view.viewModel ? view.viewModel.downloadedFile : ""
+            text: view.checker.downloadedFile
             elide: Text.ElideMiddle
             font.family: Theme.fontFamily
             font.pixelSize: Theme.captionSize
@@ -69,7 +67,7 @@ ColumnLayout {
             symbol: "folder"
             text: "Show"
             helpText: "Show the downloaded update in its folder"
-            onClicked: view.viewModel.showDownloadedFile()
+            onClicked: UpdaterViewModel.showDownloadedFile()
         }
     }
 }

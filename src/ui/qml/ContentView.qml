@@ -1,3 +1,5 @@
+pragma ComponentBehavior: Bound
+
 import QtQuick
 import QtQuick.Controls.Basic
 import QtQuick.Layouts
@@ -20,7 +22,7 @@ Rectangle {
     // The path of the card under the pointer, or "".
     property string hoveredItem: ""
 
-    readonly property int folderCount: ip.dirItems.count
+    readonly property int folderCount: ItemsProvider.dirItems.count
     readonly property bool shownOnScreen: visible && Window.window !== null
                                           && Window.window.visible
 
@@ -50,14 +52,15 @@ Rectangle {
 
     // The backend stopped after crashing again and again.
     BackendFailedView {
-        visible: ip.backendFailed
+        visible: ItemsProvider.backendFailed
         anchors.fill: parent
     }
 
     // No folders, the model still loading.
     ColumnLayout {
         objectName: "loadingState"
-        visible: !ip.backendFailed && view.folderCount === 0 && ip.isLoading
+        visible: !ItemsProvider.backendFailed && view.folderCount === 0
+                 && ItemsProvider.isLoading
         anchors.centerIn: parent
         spacing: 14
 
@@ -81,7 +84,8 @@ Rectangle {
     // No folders, the model idle.
     EmptyStateView {
         objectName: "emptyState"
-        visible: !ip.backendFailed && view.folderCount === 0 && !ip.isLoading
+        visible: !ItemsProvider.backendFailed && view.folderCount === 0
+                 && !ItemsProvider.isLoading
         anchors.fill: parent
         icon: "folder.badge.plus"
         title: view.hasTimeElapsed ? "No Folders Syncing" : "Loading..."
@@ -92,7 +96,7 @@ Rectangle {
     // The folders.
     ColumnLayout {
         objectName: "listState"
-        visible: !ip.backendFailed && view.folderCount > 0
+        visible: !ItemsProvider.backendFailed && view.folderCount > 0
         anchors.fill: parent
         spacing: 0
 
@@ -103,7 +107,7 @@ Rectangle {
             spacing: 8
             Text {
                 objectName: "headingAppName"
-                text: app.appName
+                text: AppController.appName
                 color: Theme.primary
                 font.family: Theme.fontFamily
                 font.pixelSize: Theme.headlineSize + 2
@@ -136,7 +140,7 @@ Rectangle {
             reuseItems: true
             cacheBuffer: 200
             boundsBehavior: Flickable.StopAtBounds
-            model: ip.dirItems
+            model: ItemsProvider.dirItems
             ScrollBar.vertical: ScrollBar {
                 objectName: "folderListScrollBar"
             }
@@ -161,7 +165,7 @@ Rectangle {
                     name: row.name
                     progress: row.progress
                     icon: row.icon
-                    webSiteName: app.siteName(ip.loginURL)
+                    webSiteName: AppController.siteName(ItemsProvider.loginURL)
                     hovered: view.hoveredItem === row.path
                     onHoverChanged: function(inside) {
                         if (inside)
@@ -169,8 +173,9 @@ Rectangle {
                         else if (view.hoveredItem === row.path)
                             view.hoveredItem = ""
                     }
-                    onOpenFolder: ip.publish("openDirPath", row.path, "")
-                    onOpenWeb: ip.publish("openWeb", app.groupIDText(ip.dirItems, row.index), "")
+                    onOpenFolder: ItemsProvider.openDirPath(row.path)
+                    onOpenWeb: ItemsProvider.openWeb(
+                                   AppController.groupIDText(ItemsProvider.dirItems, row.index))
                 }
             }
         }

@@ -1,3 +1,5 @@
+pragma ComponentBehavior: Bound
+
 import QtQuick
 import QtQuick.Controls.Basic
 import QtQuick.Layouts
@@ -15,8 +17,9 @@ CardView {
     // The group's folders, already in the order to show.
     property var walkPaths: []
     property bool disabled: false
-    // Tells whether iCloud manages a path (the screen's file-system check).
-    property var isICloudSyncedPath: function (path) { return false }
+    // Those of walkPaths that iCloud manages (the screen's file-system
+    // check).
+    property var iCloudSyncedPaths: []
 
     signal addPhotoLibrary()
     signal addFolder()
@@ -97,7 +100,7 @@ CardView {
             required property string modelData
             Layout.fillWidth: true
             path: modelData
-            iCloudSynced: card.isICloudSyncedPath(modelData)
+            iCloudSynced: card.iCloudSyncedPaths.indexOf(modelData) >= 0
             onOpenFolder: card.openFolder(modelData)
             onRemoveFolder: card.removeFolder(modelData)
         }

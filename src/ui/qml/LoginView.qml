@@ -38,7 +38,7 @@ Rectangle {
     // Sends the code as typed; the model shows "Authenticating ..." and,
     // without a sign-in 5 s later, the failure text.
     function performLogin() {
-        ip.performLogin(view.password)
+        ItemsProvider.performLogin(view.password)
     }
 
     color: Theme.windowBackground
@@ -71,7 +71,7 @@ Rectangle {
                     spacing: 2
                     Text {
                         objectName: "loginTitle"
-                        text: app.appName
+                        text: AppController.appName
                         color: Theme.primary
                         font.family: Theme.fontFamily
                         font.pixelSize: Theme.titleSize
@@ -103,10 +103,10 @@ Rectangle {
                     objectName: "emailField"
                     Layout.fillWidth: true
                     placeholderText: "you@tarnwick.app"
-                    text: ip.userName
+                    text: ItemsProvider.userName
                     inputMethodHints: Qt.ImhEmailCharactersOnly | Qt.ImhNoPredictiveText
                                       | Qt.ImhNoAutoUppercase
-                    onTextEdited: ip.userName = text
+                    onTextEdited: ItemsProvider.userName = text
                 }
             }
 
@@ -114,14 +114,14 @@ Rectangle {
                 objectName: "sendCodeButton"
                 symbol: "envelope"
                 text: "Send 6-digit code via email"
-                onClicked: ip.requestCodeViaEmail(ip.userName)
+                onClicked: ItemsProvider.requestCodeViaEmail(ItemsProvider.userName)
             }
 
             // The code and "Login", once there is an address.
             ColumnLayout {
                 objectName: "codeBlock"
                 Layout.fillWidth: true
-                visible: ip.userName !== ""
+                visible: ItemsProvider.userName !== ""
                 spacing: 4
                 Text {
                     objectName: "codeLabel"
@@ -147,8 +147,8 @@ Rectangle {
                     Layout.topMargin: 8
                     text: "Login"
                     symbol: "arrow.right.circle.fill"
-                    busy: ip.isWaiting
-                    enabled: !ip.isWaiting
+                    busy: ItemsProvider.isWaiting
+                    enabled: !ItemsProvider.isWaiting
                     onClicked: view.performLogin()
                 }
             }
@@ -158,9 +158,9 @@ Rectangle {
                 id: statusBox
                 objectName: "statusBox"
                 Layout.fillWidth: true
-                visible: ip.error !== ""
-                readonly property string symbol: view.statusSymbol(ip.error)
-                readonly property color tint: view.statusColor(ip.error)
+                visible: ItemsProvider.error !== ""
+                readonly property string symbol: view.statusSymbol(ItemsProvider.error)
+                readonly property color tint: view.statusColor(ItemsProvider.error)
                 implicitHeight: statusRow.implicitHeight + 24
                 radius: 8
                 color: Theme.withOpacity(tint, 0.1)
@@ -182,7 +182,7 @@ Rectangle {
                     Text {
                         objectName: "statusBoxText"
                         Layout.fillWidth: true
-                        text: ip.error
+                        text: ItemsProvider.error
                         wrapMode: Text.Wrap
                         color: Theme.primary
                         font.family: Theme.fontFamily
@@ -196,14 +196,16 @@ Rectangle {
                 symbol: "power"
                 text: "Quit"
                 helpText: "Quit (Ctrl+Q)"
-                onClicked: app.quit()
+                onClicked: AppController.quit()
             }
         }
     }
 
     Shortcut {
-        sequences: [StandardKey.Quit, "Ctrl+Q"]
+        // StandardKey is the enumeration of a value type, which qmllint of
+        // Qt 6.4 does not look up (the engine does).
+        sequences: [StandardKey.Quit, "Ctrl+Q"] // qmllint disable unqualified
         context: Qt.WindowShortcut
-        onActivated: app.quit()
+        onActivated: AppController.quit()
     }
 }

@@ -10,7 +10,7 @@ Rectangle {
     property alias statusGracePeriod: content.statusGracePeriod
 
     color: Theme.windowBackground
-    border.width: app.framed ? 0 : 1
+    border.width: AppController.framed ? 0 : 1
     border.color: Theme.separator
     implicitWidth: content.implicitWidth + 10
     implicitHeight: 640

@@ -12,13 +12,12 @@ Rectangle {
 
     // Passed on to the status list (tests shorten it).
     property int statusGracePeriod: 5000
-    readonly property bool updaterConfigured: typeof updater !== "undefined" && updater !== null
-                                              && updater.isConfigured
+    readonly property bool updaterConfigured: UpdaterViewModel.updaterController.isConfigured
     property alias currentTab: tabBar.currentIndex
 
     color: Theme.windowBackground
     // The footer's update button needs room beside the other controls.
-    implicitWidth: app.isMacOS13 && updaterConfigured ? 540 : 450
+    implicitWidth: AppController.isMacOS13 && updaterConfigured ? 540 : 450
     implicitHeight: 650
 
     ColumnLayout {
@@ -27,7 +26,7 @@ Rectangle {
 
         LoginView {
             objectName: "loginView"
-            visible: !ip.isLoggedIn && !ip.backendFailed
+            visible: !ItemsProvider.isLoggedIn && !ItemsProvider.backendFailed
             Layout.fillWidth: true
             Layout.fillHeight: true
         }
@@ -35,7 +34,7 @@ Rectangle {
         // Signing in needs the backend: while it has failed, the way to
         // start it again stands in the login screen's place.
         BackendFailedView {
-            visible: !ip.isLoggedIn && ip.backendFailed
+            visible: !ItemsProvider.isLoggedIn && ItemsProvider.backendFailed
             Layout.fillWidth: true
             Layout.fillHeight: true
         }
@@ -43,7 +42,7 @@ Rectangle {
         TabBar {
             id: tabBar
             objectName: "tabBar"
-            visible: ip.isLoggedIn
+            visible: ItemsProvider.isLoggedIn
             Layout.fillWidth: true
             Layout.leftMargin: 10
             Layout.rightMargin: 10
@@ -68,7 +67,7 @@ Rectangle {
 
         StackLayout {
             objectName: "tabStack"
-            visible: ip.isLoggedIn
+            visible: ItemsProvider.isLoggedIn
             Layout.fillWidth: true
             Layout.fillHeight: true
             currentIndex: tabBar.currentIndex
@@ -119,22 +118,25 @@ Rectangle {
                 // Bumped after each change is announced: the switch reads the
                 // entry again once the change has been made.
                 property int generation: 0
-                visible: app.isMacOS13
+                visible: AppController.isMacOS13
                 text: "Launch at login"
                 checked: launchToggle.readState()
                 function readState() {
                     launchToggle.generation
-                    return launchAtLogin.isEnabled
+                    return LaunchAtLogin.isEnabled
                 }
                 onToggled: {
-                    launchAtLogin.isEnabled = checked
+                    LaunchAtLogin.isEnabled = checked
                     // Show what the system now says, whatever happened.
                     checked = Qt.binding(readState)
                 }
                 Connections {
-                    target: launchAtLogin
+                    target: LaunchAtLogin
                     function onIsEnabledChanged() {
-                        Qt.callLater(function() { launchToggle.generation++ })
+                        // Qt 6.4's type information lists Qt.callLater as a
+                        // plain property, so qmllint cannot tell that it is
+                        // callable.
+                        Qt.callLater(function() { launchToggle.generation++ }) // qmllint disable type
                     }
                 }
             }
@@ -143,13 +145,14 @@ Rectangle {
             }
             IconButton {
                 objectName: "checkForUpdatesButton"
-                visible: app.isMacOS13 && view.updaterConfigured
+                visible: AppController.isMacOS13 && view.updaterConfigured
                 symbol: "arrow.down.circle"
                 text: "Check for Updates"
                 helpText: "Check for app updates"
-                enabled: view.updaterConfigured && updater.canCheckForUpdates
+                enabled: view.updaterConfigured
+                         && UpdaterViewModel.updaterController.canCheckForUpdates
                 onClicked: {
-                    updater.checkForUpdates()
+                    UpdaterViewModel.checkForUpdates()
                     updatesPanel.open()
                 }
             }
@@ -158,10 +161,10 @@ Rectangle {
                 symbol: "rectangle.portrait.and.arrow.right"
                 text: "Logout"
                 helpText: "Logout and quit"
-                enabled: !ip.isWaiting
+                enabled: !ItemsProvider.isWaiting
                 onClicked: {
-                    app.closeWindow()
-                    ip.logout()
+                    AppController.closeWindow()
+                    ItemsProvider.logout()
                 }
             }
             Item {
@@ -169,7 +172,7 @@ Rectangle {
             }
             Text {
                 objectName: "versionText"
-                text: app.versionText
+                text: AppController.versionText
                 color: Theme.secondary
                 font.family: Theme.fontFamily
                 font.pixelSize: Theme.captionSize
@@ -177,7 +180,7 @@ Rectangle {
             IconButton {
                 objectName: "quitButton"
                 text: "Quit"
-                onClicked: app.quit()
+                onClicked: AppController.quit()
             }
         }
     }

@@ -1,5 +1,6 @@
 import QtQuick
 import QtQuick.Controls.Basic
+import QtQuick.Layouts
 import Tarnwick
 
 // A tab of the window: symbol and title, the selected one on a raised chip.
@@ -12,26 +13,25 @@ TabButton {
     font.family: Theme.fontFamily
     font.pixelSize: Theme.bodySize
 
-    contentItem: Item {
-        implicitWidth: row.implicitWidth
-        implicitHeight: row.implicitHeight
-        Row {
-            id: row
-            anchors.centerIn: parent
-            spacing: 6
-            SymbolIcon {
-                anchors.verticalCenter: parent.verticalCenter
-                name: tab.symbol
-                size: 14
-                color: tab.checked ? Theme.accent : Theme.secondary
-            }
-            Text {
-                anchors.verticalCenter: parent.verticalCenter
-                text: tab.text
-                color: tab.checked ? Theme.primary : Theme.secondary
-                font: tab.font
-            }
+    // Symbol and title centred in the tab. The two fillers share the room
+    // left over, and add nothing to the tab's implicit width.
+    contentItem: RowLayout {
+        spacing: 0
+        Item { Layout.fillWidth: true }
+        SymbolIcon {
+            Layout.alignment: Qt.AlignVCenter
+            name: tab.symbol
+            size: 14
+            color: tab.checked ? Theme.accent : Theme.secondary
         }
+        Text {
+            Layout.alignment: Qt.AlignVCenter
+            Layout.leftMargin: 6
+            text: tab.text
+            color: tab.checked ? Theme.primary : Theme.secondary
+            font: tab.font
+        }
+        Item { Layout.fillWidth: true }
     }
 
     background: Rectangle {

@@ -9,10 +9,10 @@ import Tarnwick
 ColumnLayout {
     id: view
 
-    // The updater view model (the window's "updater" unless given).
-    property QtObject viewModel: typeof updater !== "undefined" ? updater : null
+    // The update checker keeps both settings.
+    readonly property AppcastChecker checker: UpdaterViewModel.updaterController
 
-    visible: viewModel !== null && viewModel.isConfigured
+    visible: checker.isConfigured
     spacing: 4
 
     CheckBox {
@@ -20,9 +20,8 @@ ColumnLayout {
         text: "Automatically check for updates"
         font.family: Theme.fontFamily
         font.pixelSize: Theme.bodySize
-        enabled: view.viewModel !== null
-        checked: view.viewModel !== null && view.viewModel.automaticallyChecksForUpdates
-        onToggled: view.viewModel.automaticallyChecksForUpdates = checked
+        checked: view.checker.automaticallyChecksForUpdates
+        onToggled: view.checker.automaticallyChecksForUpdates = checked
     }
 
     CheckBox {
@@ -30,16 +29,16 @@ ColumnLayout {
         text: "Automatically download updates"
         font.family: Theme.fontFamily
         font.pixelSize: Theme.bodySize
-        enabled: view.viewModel !== null && view.viewModel.automaticallyChecksForUpdates
-        checked: view.viewModel !== null && view.viewModel.automaticallyDownloadsUpdates
-        onToggled: view.viewModel.automaticallyDownloadsUpdates = checked
+        enabled: view.checker.automaticallyChecksForUpdates
+        checked: view.checker.automaticallyDownloadsUpdates
+        onToggled: view.checker.automaticallyDownloadsUpdates = checked
     }
 
     Text {
         objectName: "lastUpdateCheckText"
-        visible: view.viewModel !== null && !isNaN(view.viewModel.lastUpdateCheckDate.getTime())
+        visible: !isNaN(view.checker.lastUpdateCheckDate.getTime())
         text: visible ? "Last checked: "
-                        + Qt.formatDateTime(view.viewModel.lastUpdateCheckDate, "yyyy-MM-dd hh:mm")
+                        + Qt.formatDateTime(view.checker.lastUpdateCheckDate, "yyyy-MM-dd hh:mm")
                       : ""
         font.family: Theme.fontFamily
         font.pixelSize: Theme.captionSize

@@ -1,5 +1,4 @@
 #include "AppcastChecker.h"
-#include "ClientLog.h"
 
 #include "UpdateVerifier.h"
 
@@ -29,7 +28,7 @@
 #define TARNWICK_DEFAULT_UPDATE_PUBLIC_KEY ""
 #endif
 
-namespace tarnwick::ui {
+namespace tarnwick::updater {
 
 namespace {
 
@@ -43,7 +42,9 @@ QSettings userSettings() {
 }
 
 void printLine(const QString &line) {
-    ClientLog::line(line);
+    const QByteArray bytes = line.toUtf8() + '\n';
+    std::fwrite(bytes.constData(), 1, static_cast<std::size_t>(bytes.size()), stdout);
+    std::fflush(stdout);
 }
 
 bool isWebURL(const QUrl &url) {
@@ -686,4 +687,4 @@ void AppcastChecker::log(const QString &line) const {
     config_.log(line);
 }
 
-} // namespace tarnwick::ui
+} // namespace tarnwick::updater

@@ -5,7 +5,7 @@
 #include <QStringView>
 #include <QXmlStreamReader>
 
-namespace tarnwick::ui {
+namespace tarnwick::updater {
 
 namespace {
 
@@ -276,4 +276,4 @@ std::optional<AppcastItem> newestUpdate(const QList<AppcastItem> &items,
     return newest;
 }
 
-} // namespace tarnwick::ui
+} // namespace tarnwick::updater

@@ -5,7 +5,7 @@
 
 #include <cstddef>
 
-namespace tarnwick::ui {
+namespace tarnwick::updater {
 
 // Ed25519 verification of downloaded updates (OpenSSL EVP, one-shot).
 namespace UpdateVerifier {
@@ -29,4 +29,4 @@ QByteArray decodePublicKey(const QString &base64);
 
 } // namespace UpdateVerifier
 
-} // namespace tarnwick::ui
+} // namespace tarnwick::updater

@@ -8,7 +8,7 @@
 
 #include <optional>
 
-namespace tarnwick::ui {
+namespace tarnwick::updater {
 
 // One downloadable release announced by an appcast feed.
 struct AppcastItem {
@@ -57,4 +57,4 @@ int compareVersions(const QString &a, const QString &b);
 std::optional<AppcastItem> newestUpdate(const QList<AppcastItem> &items,
                                         const QString &currentVersion);
 
-} // namespace tarnwick::ui
+} // namespace tarnwick::updater

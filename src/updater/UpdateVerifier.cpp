@@ -6,7 +6,7 @@
 
 #include <memory>
 
-namespace tarnwick::ui::UpdateVerifier {
+namespace tarnwick::updater::UpdateVerifier {
 
 namespace {
 
@@ -85,4 +85,4 @@ QByteArray decodePublicKey(const QString &base64) {
     return decoded.decoded;
 }
 
-} // namespace tarnwick::ui::UpdateVerifier
+} // namespace tarnwick::updater::UpdateVerifier

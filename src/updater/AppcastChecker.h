@@ -14,7 +14,7 @@
 #include <functional>
 #include <optional>
 
-namespace tarnwick::ui {
+namespace tarnwick::updater {
 
 // The software-update checker: fetches the appcast feed, offers the newest
 // release that is strictly newer than the running version, downloads it into
@@ -176,4 +176,4 @@ private:
     bool automaticallyDownloads_ = false;
 };
 
-} // namespace tarnwick::ui
+} // namespace tarnwick::updater
