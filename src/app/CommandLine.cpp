@@ -16,6 +16,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QLocale>
+#include <QRegularExpression>
 #include <QSocketNotifier>
 #include <QTextStream>
 
@@ -291,7 +292,11 @@ Invocation parse(const QStringList &arguments) {
         return usageError(parser.errorText());
     }
     if (parser.isSet(help)) {
-        return exitWith(0, parser.helpText(), false);
+        // The help is asked for before any application object exists, so Qt
+        // cannot know the program's name and writes a placeholder for it.
+        QString text = parser.helpText();
+        text.replace(QStringLiteral("<executable_name>"), QStringLiteral("tarnwick"));
+        return exitWith(0, text, false);
     }
     if (parser.isSet(version)) {
         return exitWith(0, QStringLiteral("tarnwick %1\n").arg(QStringLiteral(TARNWICK_VERSION)),
@@ -323,6 +328,17 @@ Invocation parse(const QStringList &arguments) {
         options << QCommandLineOption(name, QString(), name.toUpper());
     }
     commandParser.addOptions(options);
+    if (command == QLatin1String("retention")) {
+        // "-5" would otherwise read as an unknown option "5".
+        static const QRegularExpression negative(QStringLiteral("^-[0-9]+$"));
+        for (const QString &argument : positional.mid(1)) {
+            if (negative.match(argument).hasMatch()) {
+                return usageError(QStringLiteral("retention takes a group ID and a number of days "
+                                                 "(0 or more), not a negative number: %1")
+                                      .arg(argument));
+            }
+        }
+    }
     const QStringList commandArguments = QStringList{QStringLiteral("tarnwick")} + positional;
     if (!commandParser.parse(commandArguments)) {
         return usageError(commandParser.errorText());

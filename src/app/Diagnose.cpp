@@ -63,12 +63,9 @@ QString statusSection() {
     if (!answer.finished || answer.lines.isEmpty()) {
         return QStringLiteral("(no answer from the running client: %1)\n").arg(answer.error);
     }
-    const QJsonObject reply = answer.lines.first();
-    QString text = reply.value(QStringLiteral("json")).toString() + u'\n';
-    if (reply.value(QStringLiteral("backendFailed")).toBool()) {
-        text += QStringLiteral("backend failed: yes\n");
-    }
-    return text;
+    // The status document carries whether the backend failed.
+    const QJsonObject status = answer.lines.first().value(QStringLiteral("status")).toObject();
+    return QString::fromUtf8(QJsonDocument(status).toJson(QJsonDocument::Compact)) + u'\n';
 }
 
 QString backendSection() {

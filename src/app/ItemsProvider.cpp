@@ -215,8 +215,19 @@ void ItemsProvider::setIsWaiting(bool value) {
 void ItemsProvider::setIsLoggedIn(bool value) {
     if (isLoggedIn_ != value) {
         isLoggedIn_ = value;
+        // The sign-in's own progress line has said all it had to once a user
+        // is signed in; any other message stays.
+        if (value && !loginMessage_.isEmpty() && error_ == loginMessage_) {
+            setError(QString());
+        }
+        loginMessage_.clear();
         emit isLoggedInChanged();
     }
+}
+
+void ItemsProvider::setLoginMessage(const QString &message) {
+    loginMessage_ = message;
+    setError(message);
 }
 
 void ItemsProvider::setIsLoading(bool value) {
@@ -479,7 +490,7 @@ void ItemsProvider::requestCodeViaEmail(const QString &email) {
 }
 
 void ItemsProvider::requestCodeViaEmail(const QString &email, Completion done) {
-    setError(QStringLiteral("Sending 6-digit code to %1 ...").arg(email));
+    setLoginMessage(QStringLiteral("Sending 6-digit code to %1 ...").arg(email));
     publishAndWait(commands::requestCode(email), [this, email, done = std::move(done)](
                                                      const CommandOutcome &outcome) {
         // The login screen's line reads the same whatever the outcome;
@@ -499,10 +510,11 @@ void ItemsProvider::performLogin(const QString &code, Completion sent) {
     // The code goes as typed: the backend is the judge of it.
     publish(commands::auth(userName_, code), std::move(sent));
     QMetaObject::invokeMethod(
-        this, [this] { setError(QStringLiteral("Authenticating ...")); }, Qt::QueuedConnection);
+        this, [this] { setLoginMessage(QStringLiteral("Authenticating ...")); },
+        Qt::QueuedConnection);
     QTimer::singleShot(loginFailureDelay_, this, [this] {
         if (!isLoggedIn_) {
-            setError(QString::fromLatin1(loginFailedText));
+            setLoginMessage(QString::fromLatin1(loginFailedText));
             emit loginFailed();
         }
     });

@@ -191,10 +191,14 @@ private:
                     const Completion &done);
     void replaceGroups(std::vector<GroupItem> incoming);
     void publishAttempt(const TypeIDAndData &command, int attempt, Completion done);
+    // Shows a line of the sign-in flow (the login screen's message line).
+    void setLoginMessage(const QString &message);
     QString architecture() const;
 
     Options options_;
     QString error_;
+    // The sign-in flow's last line, cleared from error_ once a user is in.
+    QString loginMessage_;
     bool isWaiting_ = false;
     bool isLoggedIn_ = true;
     QString userName_;

@@ -149,6 +149,8 @@ private slots:
         QCOMPARE(result.exitCode, 0);
         QVERIFY(result.out.contains("status [--json]"));
         QVERIFY(result.out.contains("--headless"));
+        QVERIFY2(result.out.startsWith("Usage: tarnwick "), qPrintable(result.out));
+        QVERIFY(!result.out.contains("<executable_name>"));
         result = run(home, {"--version"});
         QCOMPARE(result.exitCode, 0);
         QVERIFY(result.out.startsWith("tarnwick "));
@@ -160,6 +162,14 @@ private slots:
             result = run(home, bad);
             QVERIFY2(result.exitCode == 2, qPrintable(bad.join(' ')));
             QVERIFY(result.err.contains("Usage:"));
+        }
+        // A negative number is named as such, not taken for an option.
+        for (const QStringList &negative :
+             {QStringList{"retention", "1", "-5"}, QStringList{"retention", "-1", "5"}}) {
+            result = run(home, negative);
+            QCOMPARE(result.exitCode, 2);
+            QVERIFY2(result.err.contains("not a negative number: -"), qPrintable(result.err));
+            QVERIFY(!result.err.contains("Unknown option"));
         }
     }
 
@@ -224,6 +234,9 @@ private slots:
         QVERIFY(login.out.contains("Signed in as ana@example.org"));
         QCOMPARE(statusOf(home).value("userName").toString(), "ana@example.org");
         QVERIFY(QTest::qWaitFor([&] { return statusOf(home).value("isLoggedIn") == true; }, 10000));
+        // Signed in, the sign-in's progress line is gone.
+        QCOMPARE(statusOf(home).value("error").toString(), QString());
+        QVERIFY(!run(home, {"status"}).out.contains("Authenticating"));
 
         // Groups of a new account.
         QJsonArray groups = groupsOf(home);

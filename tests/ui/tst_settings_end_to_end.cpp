@@ -81,6 +81,116 @@ std::optional<std::int64_t> retentionDays(const ItemsProvider &model, std::int64
 
 } // namespace
 
+namespace {
+
+// The real model over the development backend, signed in, with the settings
+// screen in a window as the app shows it.
+struct SettingsScreen {
+    QStringList log;
+    std::unique_ptr<ItemsProvider> model;
+    std::unique_ptr<SettingsActions> actions;
+    Pickers pickers;
+    std::optional<QString> choice;
+    QQmlEngine engine;
+    tarnwick::ui::ScreenObjects screenObjects;
+    QQuickWindow window;
+    std::unique_ptr<QObject> object;
+    QQuickItem *view = nullptr;
+    SettingsController *controller = nullptr;
+
+    // Fails the test (returns false) when a step does not happen.
+    bool open() {
+        ItemsProvider::Options options;
+        options.singleInstance = false;
+        options.log = [this](const QString &line) { log << line; };
+        model = std::make_unique<ItemsProvider>(options);
+        actions = std::make_unique<SettingsActions>(*model);
+        pickers.setRunner([this](const Pickers::Request &) { return choice; });
+
+        // Signed in against the development backend (whose state may already
+        // have a user): the first reply says which.
+        QSignalSpy reported(model.get(), &ItemsProvider::loginStateReported);
+        if (!QTest::qWaitFor([&] { return reported.count() > 0; }, 15000)) {
+            return false;
+        }
+        if (!model->isLoggedIn()) {
+            model->setUserName("ana@example.org");
+            model->requestCodeViaEmail("ana@example.org");
+            if (!QTest::qWaitFor(
+                    [&] {
+                        return model->error() ==
+                               "6-digit code sent to ana@example.org. Check your email.";
+                    },
+                    15000)) {
+                return false;
+            }
+            model->performLogin("123456");
+        }
+        if (!QTest::qWaitFor([&] { return model->isLoggedIn() && !model->isWaiting(); }, 15000)) {
+            return false;
+        }
+
+        // Where the statically linked Tarnwick module keeps its qmldir.
+        engine.addImportPath("qrc:/qt/qml");
+        // The settings screen binds to the model, the settings actions and
+        // the pickers only.
+        screenObjects.model = model.get();
+        screenObjects.settingsActions = actions.get();
+        screenObjects.pickers = &pickers;
+        tarnwick::ui::ScreenObjects::install(engine, screenObjects);
+        window.resize(450, 650);
+        QQmlComponent component(&engine);
+        component.setData("import Tarnwick\nSettingsView {}\n",
+                          QUrl("qrc:/tarnwick-test/SettingsViewHost.qml"));
+        if (!component.isReady()) {
+            qWarning("%s", qPrintable(component.errorString()));
+            return false;
+        }
+        object.reset(component.createWithInitialProperties({{"initialRefreshDelay", 500}}));
+        view = qobject_cast<QQuickItem *>(object.get());
+        if (!view) {
+            return false;
+        }
+        view->setParentItem(window.contentItem());
+        view->setSize(QSizeF(450, 650));
+        window.show();
+        controller = qvariant_cast<SettingsController *>(view->property("controller"));
+        return QTest::qWaitForWindowExposed(&window) && controller;
+    }
+
+    ~SettingsScreen() {
+        object.reset();
+        actions.reset();
+        model.reset();
+    }
+
+    void click(QQuickItem *item) {
+        QVERIFY(item);
+        const QPointF centre = item->mapToScene(QPointF(item->width() / 2, item->height() / 2));
+        QTest::mouseClick(&window, Qt::LeftButton, Qt::NoModifier, centre.toPoint());
+    }
+
+    // The paths the group's card lists.
+    QStringList rows(const QString &card) {
+        QStringList paths;
+        collectRows(findIn(view, card), paths);
+        return paths;
+    }
+    static void collectRows(QQuickItem *item, QStringList &paths) {
+        if (!item) {
+            return;
+        }
+        if (item->objectName() == "folderRow" && UiHarness::isShown(item)) {
+            paths << item->property("path").toString();
+        }
+        for (QQuickItem *child : item->childItems()) {
+            collectRows(child, paths);
+        }
+    }
+};
+
+} // namespace
+
 class SettingsEndToEndTest : public QObject {
     Q_OBJECT
     QTemporaryDir state_;
@@ -98,59 +208,15 @@ private slots:
     }
 
     void addAFolderAndChangeRetentionThroughTheScreen() {
-        QStringList log;
-        ItemsProvider::Options options;
-        options.singleInstance = false;
-        options.log = [&log](const QString &line) { log << line; };
-        auto model = std::make_unique<ItemsProvider>(options);
-        SettingsActions actions(*model);
-        Pickers pickers;
-        std::optional<QString> choice;
-        pickers.setRunner([&](const Pickers::Request &) { return choice; });
-
-        // Signed in against the development backend.
-        QTRY_VERIFY_WITH_TIMEOUT(model->pm().kes.hasSharedSecret(), 15000);
-        QTRY_VERIFY_WITH_TIMEOUT(!model->isLoggedIn(), 15000);
-        model->setUserName("ana@example.org");
-        model->requestCodeViaEmail("ana@example.org");
-        QTRY_COMPARE_WITH_TIMEOUT(model->error(),
-                                  "6-digit code sent to ana@example.org. Check your email.", 15000);
-        model->performLogin("123456");
-        QTRY_VERIFY_WITH_TIMEOUT(model->isLoggedIn(), 15000);
-        QTRY_VERIFY_WITH_TIMEOUT(!model->isWaiting(), 15000);
-
-        // The settings screen, as the window shows it.
-        QQmlEngine engine;
-        // Where the statically linked Tarnwick module keeps its qmldir.
-        engine.addImportPath("qrc:/qt/qml");
-        // The settings screen binds to the model, the settings actions and
-        // the pickers only.
-        tarnwick::ui::ScreenObjects screenObjects;
-        screenObjects.model = model.get();
-        screenObjects.settingsActions = &actions;
-        screenObjects.pickers = &pickers;
-        tarnwick::ui::ScreenObjects::install(engine, screenObjects);
-        QQuickWindow window;
-        window.resize(450, 650);
-        QQmlComponent component(&engine);
-        component.setData("import Tarnwick\nSettingsView {}\n",
-                          QUrl("qrc:/tarnwick-test/SettingsViewHost.qml"));
-        QVERIFY2(component.isReady(), qPrintable(component.errorString()));
-        std::unique_ptr<QObject> object(
-            component.createWithInitialProperties({{"initialRefreshDelay", 500}}));
-        auto *view = qobject_cast<QQuickItem *>(object.get());
-        QVERIFY2(view, qPrintable(component.errorString()));
-        view->setParentItem(window.contentItem());
-        view->setSize(QSizeF(450, 650));
-        window.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&window));
-        auto *controller = qvariant_cast<SettingsController *>(view->property("controller"));
-        QVERIFY(controller);
-        const auto click = [&](QQuickItem *item) {
-            QVERIFY(item);
-            const QPointF centre = item->mapToScene(QPointF(item->width() / 2, item->height() / 2));
-            QTest::mouseClick(&window, Qt::LeftButton, Qt::NoModifier, centre.toPoint());
-        };
+        SettingsScreen screen;
+        QVERIFY(screen.open());
+        QStringList &log = screen.log;
+        auto &model = screen.model;
+        auto &choice = screen.choice;
+        auto &window = screen.window;
+        QQuickItem *view = screen.view;
+        SettingsController *controller = screen.controller;
+        const auto click = [&screen](QQuickItem *item) { screen.click(item); };
 
         // A new account's two groups, listed by ID.
         QTRY_VERIFY_WITH_TIMEOUT(findIn(view, "groupCard1") && findIn(view, "groupCard2"), 15000);
@@ -211,8 +277,44 @@ private slots:
         QTRY_VERIFY(findIn(view, "retentionDaysField"));
         QCOMPARE(findIn(view, "retentionDaysField")->property("text").toString(), "30");
         click(findIn(view, "retentionCancelButton"));
+    }
 
-        object.reset();
+    void aSlowBackendStillListsTheNewFolderAndARefusalIsShown() {
+        // Every answer takes 400 ms: the add waits behind the ping on the
+        // wire and both group refreshes meet the one-request gate.
+        qputenv("KOVRIT_DEV_FAULT", "slow=400");
+        SettingsScreen screen;
+        const bool opened = screen.open();
+        qunsetenv("KOVRIT_DEV_FAULT");
+        QVERIFY(opened);
+        QTRY_VERIFY_WITH_TIMEOUT(findIn(screen.view, "groupCard2"), 15000);
+
+        const QString folder = state_.filePath("Slow");
+        QVERIFY(QDir().mkpath(folder));
+        screen.choice = folder;
+        QTRY_VERIFY_WITH_TIMEOUT(!screen.model->isWaiting() && screen.controller->hasTimeElapsed(),
+                                 15000);
+        screen.click(findIn(findIn(screen.view, "groupCard2"), "folderButton"));
+        QTRY_VERIFY_WITH_TIMEOUT(screen.rows("groupCard2").contains(folder), 15000);
+        QVERIFY(!findIn(screen.view, "settingsErrorPanel"));
+
+        // The same folder in the other group: the backend says no, and the
+        // screen shows its reason.
+        QTRY_VERIFY_WITH_TIMEOUT(!screen.model->isWaiting(), 15000);
+        screen.click(findIn(findIn(screen.view, "groupCard1"), "folderButton"));
+        QTRY_VERIFY_WITH_TIMEOUT(findIn(screen.view, "settingsErrorPanel"), 30000);
+        QCOMPARE(findIn(screen.view, "settingsErrorPanel")->property("message").toString(),
+                 "Folder is already watched in group Family: " + folder);
+        QVERIFY(!screen.rows("groupCard1").contains(folder));
+        QDir().mkpath(UiHarness::screenshotDirectory());
+        screen.window.grabWindow().save(UiHarness::screenshotDirectory() +
+                                        "/settings_end_to_end_refused.png");
+
+        // The next change that succeeds clears it.
+        QTRY_VERIFY_WITH_TIMEOUT(!screen.model->isWaiting(), 15000);
+        screen.click(findIn(findIn(screen.view, "groupCard2"), "removeFolderButton"));
+        QTRY_VERIFY_WITH_TIMEOUT(!findIn(screen.view, "settingsErrorPanel"), 30000);
+        QTRY_VERIFY_WITH_TIMEOUT(!screen.rows("groupCard2").contains(folder), 15000);
     }
 };
 
