@@ -137,8 +137,10 @@ QString formatBytes(qint64 bytes) {
     return QLocale().formattedDataSize(bytes);
 }
 
-QString describeStatus(const QJsonObject &status) {
+// loginMessage: the status's error is the sign-in flow's own line.
+QString describeStatus(const QJsonObject &status, bool loginMessage) {
     const bool backendFailed = status.value(QStringLiteral("backendFailed")).toBool();
+    const bool signedIn = status.value(QStringLiteral("isLoggedIn")).toBool();
     QString text;
     QTextStream stream(&text);
     const QString user = status.value(QStringLiteral("userName")).toString();
@@ -152,7 +154,7 @@ QString describeStatus(const QJsonObject &status) {
     const QString error = status.value(QStringLiteral("error")).toString();
     if (backendFailed) {
         stream << "Backend stopped: " << error << " (try: tarnwick restart-backend)\n";
-    } else if (!error.isEmpty()) {
+    } else if (!error.isEmpty() && !(signedIn && loginMessage)) {
         stream << error << '\n';
     }
     QHash<qint64, QString> groupNames;
@@ -394,7 +396,8 @@ int runControl(const Invocation &invocation) {
         }
         const QJsonObject status = reply.value(QStringLiteral("status")).toObject();
         print(json ? QString::fromUtf8(QJsonDocument(status).toJson(QJsonDocument::Compact)) + u'\n'
-                   : describeStatus(status));
+                   : describeStatus(status,
+                                    reply.value(QStringLiteral("errorIsLoginMessage")).toBool()));
         return 0;
     }
     if (command == QLatin1String("groups")) {

@@ -130,6 +130,8 @@ QJsonObject ControlServer::statusObject(const ItemsProvider &model) {
 void ControlServer::status(GuardConnection *connection) {
     QJsonObject line = ok();
     line.insert(QStringLiteral("status"), statusObject(model_));
+    // For the readable report: the message is only the sign-in's progress.
+    line.insert(QStringLiteral("errorIsLoginMessage"), model_.errorIsLoginMessage());
     reply(connection, line);
 }
 

@@ -215,12 +215,6 @@ void ItemsProvider::setIsWaiting(bool value) {
 void ItemsProvider::setIsLoggedIn(bool value) {
     if (isLoggedIn_ != value) {
         isLoggedIn_ = value;
-        // The sign-in's own progress line has said all it had to once a user
-        // is signed in; any other message stays.
-        if (value && !loginMessage_.isEmpty() && error_ == loginMessage_) {
-            setError(QString());
-        }
-        loginMessage_.clear();
         emit isLoggedInChanged();
     }
 }

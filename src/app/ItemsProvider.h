@@ -81,6 +81,9 @@ public:
 
     // Observable state.
     QString error() const { return error_; }
+    // Whether the message is the sign-in flow's own line (which the login
+    // screen keeps after a sign-in, and a status report need not repeat).
+    bool errorIsLoginMessage() const { return !loginMessage_.isEmpty() && error_ == loginMessage_; }
     void setError(const QString &error);
     bool isWaiting() const { return isWaiting_; }
     bool isLoggedIn() const { return isLoggedIn_; }
@@ -197,7 +200,7 @@ private:
 
     Options options_;
     QString error_;
-    // The sign-in flow's last line, cleared from error_ once a user is in.
+    // The sign-in flow's last line.
     QString loginMessage_;
     bool isWaiting_ = false;
     bool isLoggedIn_ = true;
