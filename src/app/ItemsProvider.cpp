@@ -12,7 +12,6 @@
 #include <QCoreApplication>
 #include <QPointer>
 #include <QSettings>
-#include <QTimer>
 
 #include <cstdio>
 
@@ -55,8 +54,9 @@ tidepost::Error serverError(const std::string &message) {
 ItemsProvider::ItemsProvider() : ItemsProvider(Options{}) {}
 
 ItemsProvider::ItemsProvider(Options options, QObject *parent)
-    : QObject(parent), options_(std::move(options)), dirItems_(new DirItemsModel(this)),
-      groups_(new GroupsModel(this)) {
+    : QObject(parent), options_(std::move(options)),
+      clock_(options_.clock ? options_.clock : &runwarden::Clock::system()),
+      dirItems_(new DirItemsModel(this)), groups_(new GroupsModel(this)) {
     startUp();
 }
 
@@ -95,6 +95,8 @@ void ItemsProvider::startUp() {
         tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
     tidepost::PollManager &pm = session_->pollManager();
     pm.setLogSink([this](const std::string &line) { log(text(line)); });
+    pm.setClock([clock = clock_] { return clock->epochMilliseconds(); });
+    pm.timestamp = clock_->epochMilliseconds();
 
     // 3.-5. The backend's command line: -pid, -token, -port.
     port_ = pm.randomOpenPort(kPortLower, kPortUpper);
@@ -129,7 +131,7 @@ void ItemsProvider::startUp() {
 
     // 8. Older systems end the client after a while.
     if (!options_.isMacOS13) {
-        QTimer::singleShot(options_.olderSystemLifetime, this, [this] {
+        clock_->singleShot(options_.olderSystemLifetime, this, [this] {
             if (options_.terminate) {
                 options_.terminate();
             } else {
@@ -154,9 +156,7 @@ void ItemsProvider::startUp() {
     hooks.setError = [this](const QString &message) { setError(message); };
     launcher_ = std::make_unique<supervisor::BackendLauncher>(pm, std::move(preparation),
                                                               std::move(hooks), options_.isMacOS13);
-    if (options_.clock) {
-        launcher_->setClock(options_.clock);
-    }
+    launcher_->setClock(*clock_);
     launcher_->setRelaunchDelay(options_.relaunchDelay);
     connect(launcher_.get(), &supervisor::BackendLauncher::stateChanged, this,
             &ItemsProvider::backendFailedChanged);
@@ -259,7 +259,7 @@ void ItemsProvider::deleteItem(const QString &path) {
     dirItems_->removePath(key);
     // Once more shortly after: a status report already in flight may bring
     // the folder back.
-    QTimer::singleShot(kDeleteRepeat, this, [this, key] { dirItems_->removePath(key); });
+    clock_->singleShot(kDeleteRepeat, this, [this, key] { dirItems_->removePath(key); });
 }
 
 QString ItemsProvider::walkDirIcon(const QString &path) const {
@@ -506,7 +506,7 @@ void ItemsProvider::performLogin(const QString &code, Completion sent) {
     QMetaObject::invokeMethod(
         this, [this] { setLoginMessage(QStringLiteral("Authenticating ...")); },
         Qt::QueuedConnection);
-    QTimer::singleShot(loginFailureDelay_, this, [this] {
+    clock_->singleShot(loginFailureDelay_, this, [this] {
         if (!isLoggedIn_) {
             setLoginMessage(QString::fromLatin1(loginFailedText));
             emit loginFailed();
@@ -518,7 +518,7 @@ bool ItemsProvider::logout() {
     if (isWaiting_) {
         return false;
     }
-    QTimer::singleShot(100, this, [this] {
+    clock_->singleShot(std::chrono::milliseconds(100), this, [this] {
         publish(commands::logoutAndExit(),
                 [this](const CommandOutcome &) { emit quitRequested(); });
     });

@@ -5,6 +5,8 @@
 #include "GroupsModel.h"
 #include "Models.h"
 
+#include <runwarden/Clock.h>
+
 #include <QObject>
 #include <QSet>
 #include <QString>
@@ -48,7 +50,6 @@ class ItemsProvider : public QObject {
 public:
     // Hears how a command ended: nothing on success, else why it failed.
     using Completion = std::function<void(const CommandOutcome &outcome)>;
-    using Clock = std::function<std::chrono::steady_clock::time_point()>;
 
     // How the client starts. The defaults are the product; tests choose.
     struct Options {
@@ -69,7 +70,9 @@ public:
         // Ends the application (older systems end themselves after a while).
         std::function<void()> terminate;
         std::chrono::milliseconds olderSystemLifetime{600'000};
-        Clock clock;
+        // The time source of the model, its launcher, its request client's
+        // freshness check and the screens' delays (the system's when null).
+        runwarden::Clock *clock = nullptr;
         std::chrono::milliseconds relaunchDelay{1000};
         // The service's web site (the logout page is its /users/logout).
         QString serviceURL;
@@ -105,6 +108,7 @@ public:
 
     // Plain state.
     bool isMacOS13() const { return options_.isMacOS13; }
+    runwarden::Clock &clock() const { return *clock_; }
     tidepost::PollManager &pm();
     tidepost::BackendSession &session() { return *session_; }
     supervisor::BackendLauncher &launcher() { return *launcher_; }
@@ -199,6 +203,7 @@ private:
     QString architecture() const;
 
     Options options_;
+    runwarden::Clock *clock_;
     QString error_;
     // The sign-in flow's last line.
     QString loginMessage_;

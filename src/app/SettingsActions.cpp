@@ -6,7 +6,6 @@
 
 #include <QDir>
 #include <QPointer>
-#include <QTimer>
 
 #include <memory>
 
@@ -78,7 +77,7 @@ bool SettingsActions::changeGroups(const TypeIDAndData &command, Completion done
     };
     refresh();
     // The backend applies changes asynchronously: ask again shortly after.
-    QTimer::singleShot(refreshDelayMs, this, refresh);
+    model_.clock().singleShot(std::chrono::milliseconds(refreshDelayMs), this, refresh);
     return sent;
 }
 

@@ -16,7 +16,7 @@ namespace tarnwick::supervisor {
 BackendLauncher::BackendLauncher(tidepost::PollManager &pm, BinaryPreparation preparation,
                                  Hooks hooks, bool withRetry, QObject *parent)
     : QObject(parent), pm_(pm), preparation_(std::move(preparation)), hooks_(std::move(hooks)),
-      withRetry_(withRetry), clock_([] { return std::chrono::steady_clock::now(); }) {}
+      withRetry_(withRetry) {}
 
 QString BackendLauncher::secondsText(double seconds) {
     QString text = QString::number(seconds, 'g', QLocale::FloatingPointShortest);
@@ -71,7 +71,7 @@ void BackendLauncher::prepareAndLaunch(const QString &architecture) {
 }
 
 void BackendLauncher::launchBinary(const QString &binURL, const QString &binName) {
-    binaryLaunchTime_ = clock_();
+    binaryLaunchTime_ = clock_->steadyNow();
     setCurrentBinary(binURL, binName);
     setState(State::running);
 
@@ -129,7 +129,7 @@ void BackendLauncher::setCurrentBinary(const QString &binURL, const QString &bin
 }
 
 void BackendLauncher::markLaunched() {
-    binaryLaunchTime_ = clock_();
+    binaryLaunchTime_ = clock_->steadyNow();
     if (state_ != State::failed) {
         setState(State::running);
     }
@@ -144,7 +144,7 @@ void BackendLauncher::handleOutput(const QString &chunk) {
 }
 
 void BackendLauncher::schedulePing() {
-    QTimer::singleShot(pingInterval, this, &BackendLauncher::pingTick);
+    clock_->singleShot(pingInterval, this, [this] { pingTick(); });
 }
 
 void BackendLauncher::pingTick() {
@@ -170,7 +170,7 @@ void BackendLauncher::handleExit(const std::optional<std::error_code> &error) {
     if (!binaryLaunchTime_) {
         return;
     }
-    const auto now = clock_();
+    const auto now = clock_->steadyNow();
     if (error) {
         // The child never ran.
         binaryLaunchTime_ = now;
@@ -216,7 +216,7 @@ void BackendLauncher::recover(const QString &binName) {
         return;
     }
     hooks_.log(QStringLiteral("Binary replaced successfully, relaunching..."));
-    QTimer::singleShot(relaunchDelay_, this, [this, url = *url, binName] {
+    clock_->singleShot(relaunchDelay_, this, [this, url = *url, binName] {
         if (state_ == State::recovering) {
             launchBinary(url, binName);
         }

@@ -2,6 +2,8 @@
 
 #include "BinaryPreparation.h"
 
+#include <runwarden/Clock.h>
+
 #include <QObject>
 #include <QString>
 
@@ -27,8 +29,6 @@ class BackendLauncher : public QObject {
     Q_OBJECT
 
 public:
-    using Clock = std::function<std::chrono::steady_clock::time_point()>;
-
     struct Hooks {
         std::function<void(const QString &line)> log;
         // The JSON text of the current folder list, sent with each ping.
@@ -53,7 +53,8 @@ public:
     BackendLauncher(tidepost::PollManager &pm, BinaryPreparation preparation, Hooks hooks,
                     bool withRetry, QObject *parent = nullptr);
 
-    void setClock(Clock clock) { clock_ = std::move(clock); }
+    // The time source for run lengths, the ping loop and the relaunch delay.
+    void setClock(runwarden::Clock &clock) { clock_ = &clock; }
     // Shorter delays for tests.
     void setRelaunchDelay(std::chrono::milliseconds delay) { relaunchDelay_ = delay; }
 
@@ -109,7 +110,7 @@ private:
     BinaryPreparation preparation_;
     Hooks hooks_;
     bool withRetry_;
-    Clock clock_;
+    runwarden::Clock *clock_ = &runwarden::Clock::system();
     std::chrono::milliseconds relaunchDelay_ = relaunchDelay;
 
     bool isFirstRun_ = true;

@@ -8,7 +8,6 @@
 
 #include <QDateTime>
 #include <QFileInfo>
-#include <QTimer>
 
 #include <algorithm>
 #include <memory>
@@ -214,7 +213,8 @@ void SettingsController::publishGetGroups() {
 
 void SettingsController::appeared() {
     publishGetGroups();
-    QTimer::singleShot(initialRefreshDelay_, this, [this] {
+    runwarden::Clock &clock = provider() ? provider()->clock() : runwarden::Clock::system();
+    clock.singleShot(std::chrono::milliseconds(initialRefreshDelay_), this, [this] {
         publishGetGroups();
         if (!hasTimeElapsed_) {
             hasTimeElapsed_ = true;

@@ -14,11 +14,11 @@ namespace tarnwick::ui {
 namespace {
 // A focus loss this recent means the click on the tray icon that follows
 // belongs to the same gesture.
-constexpr qint64 kRetoggleGuardMs = 400;
+constexpr std::chrono::milliseconds kRetoggleGuard{400};
 // Likewise a window shown this recently stays: one click that both opens it
 // (a notification lying over the tray icon) and reaches the icon must not
 // close it again.
-constexpr qint64 kShownGuardMs = 400;
+constexpr std::chrono::milliseconds kShownGuard{400};
 constexpr int kMarginToIcon = 4;
 } // namespace
 
@@ -46,7 +46,7 @@ bool WindowController::load() {
     view_->installEventFilter(this);
     connect(view_.get(), &QWindow::activeChanged, this, [this] {
         if (mode_ == Mode::popup && view_->isVisible() && !view_->isActive() && !hiding_) {
-            hiddenOnFocusLoss_.start();
+            hiddenOnFocusLoss_ = clock_->steadyNow();
             hide();
         }
     });
@@ -99,7 +99,7 @@ void WindowController::show() {
     view_->show();
     view_->raise();
     view_->requestActivate();
-    shownAt_.start();
+    shownAt_ = clock_->steadyNow();
 }
 
 void WindowController::show(const QRect &anchor) {
@@ -123,14 +123,14 @@ void WindowController::toggle(const QRect &anchor) {
         return;
     }
     if (view_->isVisible()) {
-        if (shownAt_.isValid() && shownAt_.elapsed() < kShownGuardMs) {
+        if (shownAt_ && clock_->steadyNow() - *shownAt_ < kShownGuard) {
             return;
         }
         hide();
         return;
     }
-    if (hiddenOnFocusLoss_.isValid() && hiddenOnFocusLoss_.elapsed() < kRetoggleGuardMs) {
-        hiddenOnFocusLoss_.invalidate();
+    if (hiddenOnFocusLoss_ && clock_->steadyNow() - *hiddenOnFocusLoss_ < kRetoggleGuard) {
+        hiddenOnFocusLoss_.reset();
         return;
     }
     show(anchor);

@@ -1,10 +1,12 @@
 #pragma once
 
-#include <QElapsedTimer>
+#include <runwarden/Clock.h>
+
 #include <QObject>
 #include <QPoint>
 #include <QRect>
 #include <QSize>
+#include <optional>
 
 #include <memory>
 
@@ -36,6 +38,9 @@ public:
 
     Mode mode() const { return mode_; }
     void setMode(Mode mode);
+    // The time source of the guards against a click that would undo what the
+    // previous one did (the system's by default).
+    void setClock(runwarden::Clock &clock) { clock_ = &clock; }
 
     bool isVisible() const;
     // Shows the window (raised and focused): the popup by the last known
@@ -70,8 +75,9 @@ private:
     QRect lastAnchor_;
     // When the popup last hid itself on losing the focus: a click on the
     // tray icon takes the focus first, and must not show it again at once.
-    QElapsedTimer hiddenOnFocusLoss_;
-    QElapsedTimer shownAt_;
+    std::optional<runwarden::Clock::TimePoint> hiddenOnFocusLoss_;
+    std::optional<runwarden::Clock::TimePoint> shownAt_;
+    runwarden::Clock *clock_ = &runwarden::Clock::system();
     bool hiding_ = false;
 };
 

@@ -153,7 +153,7 @@ AppcastChecker::AppcastChecker(Config config, QObject *parent)
         config_.log = printLine;
     }
     if (!config_.clock) {
-        config_.clock = [] { return QDateTime::currentDateTimeUtc(); };
+        config_.clock = &runwarden::Clock::system();
     }
     network_.setRedirectPolicy(QNetworkRequest::UserVerifiedRedirectPolicy);
 
@@ -394,7 +394,7 @@ void AppcastChecker::feedFinished() {
     for (const QString &line : parsed.skipped) {
         log(line);
     }
-    lastUpdateCheckDate_ = config_.clock();
+    lastUpdateCheckDate_ = config_.clock->currentDateTimeUtc();
     emit lastUpdateCheckDateChanged();
 
     const QString current = config_.currentVersion.isEmpty()

@@ -6,6 +6,8 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
+#include <runwarden/Clock.h>
+
 #include <QObject>
 #include <QString>
 #include <QUrl>
@@ -65,8 +67,9 @@ public:
         std::chrono::milliseconds feedTimeLimit{60'000};
         // Lines of the log (default: standard output).
         std::function<void(const QString &)> log;
-        // The wall clock used for the last check's date (default: now).
-        std::function<QDateTime()> clock;
+        // The client's time source, for the last check's date (the
+        // system's when null).
+        runwarden::Clock *clock = nullptr;
     };
 
     // The feed URL from TARNWICK_APPCAST_URL (set, even empty, it wins) else

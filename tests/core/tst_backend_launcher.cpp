@@ -3,14 +3,17 @@
 #include "BackendLauncher.h"
 #include "PollManager.h"
 
+#include <runwarden/Clock.h>
+
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <cmath>
+
 using tarnwick::supervisor::BackendLauncher;
 using tarnwick::supervisor::BinaryPreparation;
-using Clock = std::chrono::steady_clock;
 
 namespace {
 
@@ -18,7 +21,7 @@ struct Fixture {
     QTemporaryDir dir;
     QStringList log;
     QString error;
-    Clock::time_point now = Clock::time_point(std::chrono::hours(1));
+    runwarden::ManualClock clock;
     tidepost::PollManager pm{tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM};
     std::unique_ptr<BackendLauncher> launcher;
 
@@ -41,7 +44,7 @@ struct Fixture {
         hooks.setError = [this](const QString &message) { error = message; };
         launcher =
             std::make_unique<BackendLauncher>(pm, std::move(preparation), std::move(hooks), true);
-        launcher->setClock([this] { return now; });
+        launcher->setClock(clock);
         launcher->setRelaunchDelay(std::chrono::hours(1));
         launcher->setCurrentBinary(dir.filePath("data/tarnwick/bin/kovrit-linux-amd64"),
                                    QStringLiteral("kovrit-linux-amd64"));
@@ -50,7 +53,7 @@ struct Fixture {
     // One run of the given length that ends.
     void run(double seconds, std::optional<std::error_code> error = std::nullopt) {
         launcher->markLaunched();
-        now += std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+        clock.advance(std::chrono::milliseconds(std::llround(seconds * 1000)));
         launcher->handleExit(error);
     }
     int count(const QString &line) const { return int(log.count(line)); }
@@ -118,7 +121,7 @@ private slots:
     void aFailedStartCountsAsACrash() {
         Fixture f;
         f.launcher->markLaunched();
-        f.now += std::chrono::seconds(60); // long since the last launch
+        f.clock.advance(std::chrono::seconds(60)); // long since the last launch
         f.launcher->handleExit(std::make_error_code(std::errc::no_such_file_or_directory));
         QCOMPARE(f.count("Crash recovery attempt 1 of 3"), 1);
         QCOMPARE(f.count("Binary crashed after only 0.0 seconds - attempting recovery"), 1);

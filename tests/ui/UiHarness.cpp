@@ -42,6 +42,10 @@ UiHarness::UiHarness(Options options) : options_(options), log_(std::make_shared
     modelOptions.launchBackend = false;
     modelOptions.log = [log = log_](const QString &line) { log->append(line); };
     modelOptions.terminate = [] {};
+    if (options_.manualClock) {
+        clock_ = runwarden::ManualClock::withSystemWallTime();
+        modelOptions.clock = clock_.get();
+    }
     if (options_.configureModel) {
         options_.configureModel(modelOptions);
     }
@@ -188,6 +192,14 @@ bool UiHarness::isShown(const QQuickItem *item) {
         }
     }
     return item != nullptr;
+}
+
+void UiHarness::passTime(std::chrono::milliseconds span) {
+    if (!clock_) {
+        qFatal("passTime needs a harness with a manual clock");
+    }
+    clock_->advance(span);
+    QCoreApplication::processEvents();
 }
 
 void UiHarness::settle(int milliseconds) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <runwarden/Clock.h>
+
 // A small harness for the screens' tests: the model in a known state (no
 // backend), the objects the screens bind to (the Tarnwick module's
 // singletons, the harness's own engine's set), one screen loaded from the
@@ -35,6 +37,10 @@ public:
         // Further choices for the model (by default it launches no backend
         // and runs no single-instance guard).
         std::function<void(ItemsProvider::Options &)> configureModel;
+        // The model's delays run on a manual clock that passTime() moves
+        // (its wall time stays the system's, which scripted backends stamp
+        // their replies with).
+        bool manualClock = false;
     };
 
     UiHarness();
@@ -48,6 +54,9 @@ public:
     static void prepareApplication();
 
     ItemsProvider &model() { return *model_; }
+    // With Options::manualClock: moves the model's clock on, firing the
+    // delays that fall due, and lets the event loop deliver what they started.
+    void passTime(std::chrono::milliseconds span);
     SettingsActions &settingsActions() { return *actions_; }
     AppController &app() { return *app_; }
     QQmlEngine &engine() { return *engine_; }
@@ -107,6 +116,7 @@ private:
 
     Options options_;
     std::shared_ptr<QStringList> log_;
+    std::unique_ptr<runwarden::ManualClock> clock_;
     std::unique_ptr<ItemsProvider> model_;
     std::unique_ptr<SettingsActions> actions_;
     std::unique_ptr<AppController> app_;

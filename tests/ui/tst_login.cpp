@@ -17,6 +17,15 @@ QString textOf(UiHarness &h, const QString &name) {
 }
 } // namespace
 
+namespace {
+// The model's delays on a clock the test moves.
+UiHarness::Options manualClock() {
+    UiHarness::Options options;
+    options.manualClock = true;
+    return options;
+}
+} // namespace
+
 class LoginTest : public QObject {
     Q_OBJECT
 
@@ -181,11 +190,10 @@ private slots:
     }
 
     void loginSendsTheCodeAndFailsAfterTheDelay() {
-        ScreenWithBackend backend;
+        ScreenWithBackend backend(manualClock());
         UiHarness &h = backend.h;
         h.model().setIsLoggedIn(false);
         h.model().setUserName(QStringLiteral("a@b.c"));
-        h.model().setLoginFailureDelay(std::chrono::milliseconds(400));
         QVERIFY(h.load(QStringLiteral("LoginView")));
 
         auto *code = h.find<QQuickItem>("codeField");
@@ -208,8 +216,11 @@ private slots:
         QCOMPARE(backend.requests("auth")[0].id, "a@b.c");
         QCOMPARE(backend.requests("auth")[0].data, "12x");
 
-        QTRY_COMPARE_WITH_TIMEOUT(h.model().error(), "Authentication failed. Please retry ...",
-                                  3000);
+        // Not signed in 5 s later.
+        h.passTime(std::chrono::milliseconds(4999));
+        QCOMPARE(h.model().error(), "Authenticating ...");
+        h.passTime(std::chrono::milliseconds(1));
+        QCOMPARE(h.model().error(), "Authentication failed. Please retry ...");
         QCOMPARE(h.find("statusBoxIcon")->property("name").toString(),
                  "exclamationmark.triangle.fill");
         QVERIFY(sameRgb(colorProperty(h.find("statusBoxIcon"), "color"),
@@ -220,30 +231,29 @@ private slots:
     }
 
     void anEmptyCodeIsSentAsItIs() {
-        ScreenWithBackend backend;
+        ScreenWithBackend backend(manualClock());
         UiHarness &h = backend.h;
         h.model().setIsLoggedIn(false);
         h.model().setUserName(QStringLiteral("a@b.c"));
-        h.model().setLoginFailureDelay(std::chrono::milliseconds(300));
         QVERIFY(h.load(QStringLiteral("LoginView")));
         h.click(h.find<QQuickItem>("loginButton"));
         QTRY_COMPARE(backend.requests("auth").size(), std::size_t(1));
         QCOMPARE(backend.requests("auth")[0].data, "");
-        QTRY_COMPARE_WITH_TIMEOUT(h.model().error(), "Authentication failed. Please retry ...",
-                                  3000);
+        QTRY_COMPARE(h.model().error(), "Authenticating ...");
+        h.passTime(std::chrono::seconds(5));
+        QCOMPARE(h.model().error(), "Authentication failed. Please retry ...");
     }
 
     void aSignInWithinTheDelayLeavesNoFailure() {
-        ScreenWithBackend backend;
+        ScreenWithBackend backend(manualClock());
         UiHarness &h = backend.h;
         h.model().setIsLoggedIn(false);
         h.model().setUserName(QStringLiteral("a@b.c"));
-        h.model().setLoginFailureDelay(std::chrono::milliseconds(400));
         QVERIFY(h.load(QStringLiteral("LoginView")));
         h.click(h.find<QQuickItem>("loginButton"));
         QTRY_COMPARE(h.model().error(), "Authenticating ...");
         h.model().setIsLoggedIn(true);
-        h.settle(700);
+        h.passTime(std::chrono::seconds(6));
         QCOMPARE(h.model().error(), "Authenticating ...");
     }
 

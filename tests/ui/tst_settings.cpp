@@ -151,7 +151,14 @@ QString textOf(const QObject *item) {
 // whose dialog is replaced by the next scripted answer.
 struct Screen {
     std::unique_ptr<FakeBackend> backend;
-    UiHarness h;
+    // The model's delays (the screen's second refresh, the follow-up
+    // refreshes) run on a clock the test moves.
+    UiHarness h{[] {
+        UiHarness::Options options;
+        options.manualClock = true;
+        return options;
+    }()};
+    int refreshDelay = 300;
     Pickers pickers;
     GroupsBackend groups;
     std::vector<Pickers::Request> pickerRequests;
@@ -179,6 +186,7 @@ struct Screen {
     }
 
     QQuickItem *load(QSize size = QSize(450, 650), int initialRefreshDelay = 300) {
+        refreshDelay = initialRefreshDelay;
         QQuickItem *root = h.load(QStringLiteral("SettingsView"), size,
                                   {{QStringLiteral("initialRefreshDelay"), initialRefreshDelay}});
         if (!root) {
@@ -198,13 +206,19 @@ struct Screen {
     // Waits until the model's group list is the backend's, the screen's
     // start-up refreshes are done and no request is under way.
     bool waitForGroups(std::size_t count) {
-        return QTest::qWaitFor(
-            [&] {
-                return h.model().groups().size() == count && !h.model().isWaiting() &&
-                       controller() && controller()->hasTimeElapsed();
-            },
-            10000);
+        const auto listed = [&] {
+            return h.model().groups().size() == count && !h.model().isWaiting() && controller();
+        };
+        if (!QTest::qWaitFor(listed, 10000)) {
+            return false;
+        }
+        if (!controller()->hasTimeElapsed()) {
+            h.passTime(std::chrono::milliseconds(refreshDelay));
+        }
+        return QTest::qWaitFor([&] { return listed() && controller()->hasTimeElapsed(); }, 10000);
     }
+    // Time passes (the model's delays fall due).
+    void pass(int milliseconds) { h.passTime(std::chrono::milliseconds(milliseconds)); }
     std::vector<FakeRequest> sent(const std::string &type) const {
         std::vector<FakeRequest> out;
         for (const auto &r : backend->requests()) {
@@ -266,9 +280,15 @@ private slots:
         QCOMPARE(first.id, "");
         QCOMPARE(first.data, "");
         QVERIFY(!s.controller()->hasTimeElapsed());
+        QTRY_VERIFY_WITH_TIMEOUT(!s.h.model().isWaiting(), 5000);
+        s.pass(399);
+        QVERIFY(!s.controller()->hasTimeElapsed());
+        s.pass(1);
         QTRY_COMPARE_WITH_TIMEOUT(s.backend->requestCount("getGroups"), 2, 5000);
         QVERIFY(s.controller()->hasTimeElapsed());
-        QTest::qWait(600);
+        QTRY_VERIFY_WITH_TIMEOUT(!s.h.model().isWaiting(), 5000);
+        s.pass(600);
+        QVERIFY(!s.h.model().isWaiting());
         QCOMPARE(s.backend->requestCount("getGroups"), 2);
     }
 
@@ -286,6 +306,7 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(!s.h.model().isLoading(), 5000);
         QVERIFY(!s.controller()->hasTimeElapsed());
         QCOMPARE(textOf(s.h.find("emptyStateTitle")), "Loading...");
+        s.pass(600);
         QTRY_VERIFY_WITH_TIMEOUT(s.controller()->hasTimeElapsed(), 5000);
         QCOMPARE(textOf(s.h.find("emptyStateTitle")), "No Groups Found");
         // While the model says it is loading, the list keeps waiting.
@@ -447,7 +468,7 @@ private slots:
         s.nextChoice.reset();
         s.h.click(s.in(s.card(1), "folderButton"));
         QCOMPARE(s.pickerRequests.size(), std::size_t(1));
-        QTest::qWait(700);
+        s.pass(700);
         QCOMPARE(int(s.backend->requests().size()), before);
         QVERIFY(!s.controller()->showICloudWarning());
         QVERIFY(!s.h.find<QObject>("iCloudAlert")->property("visible").toBool());
@@ -476,7 +497,7 @@ private slots:
         QVERIFY(!s.controller()->showICloudWarning());
         QVERIFY(!s.controller()->pendingICloudPath().has_value());
         QVERIFY(!s.controller()->pendingICloudGroupName().has_value());
-        QTest::qWait(700);
+        s.pass(700);
         QVERIFY(s.sent("addWatchDir").empty());
     }
 
@@ -521,7 +542,7 @@ private slots:
         QTest::keyClick(s.h.window(), Qt::Key_Escape);
         QTRY_VERIFY(!s.controller()->showICloudWarning());
         QVERIFY(!s.controller()->pendingICloudPath().has_value());
-        QTest::qWait(700);
+        s.pass(700);
         QVERIFY(s.sent("addWatchDir").empty());
     }
 
@@ -642,7 +663,7 @@ private slots:
         s.h.click(s.in(s.card(1), "photosButton"));
         s.h.click(s.h.findVisible("photoLibraryContinueButton"));
         QCOMPARE(s.pickerRequests.size(), std::size_t(1));
-        QTest::qWait(700);
+        s.pass(700);
         QVERIFY(s.sent("addWatchDir").empty());
         QVERIFY(!s.controller()->showICloudWarning());
         QVERIFY(!s.controller()->showPhotoLibraryInstructions());
@@ -652,14 +673,14 @@ private slots:
         s.nextChoice = make("Pictures/Holiday");
         s.h.click(s.in(s.card(1), "photosButton"));
         s.h.click(s.h.findVisible("photoLibraryContinueButton"));
-        QTest::qWait(700);
+        s.pass(700);
         QVERIFY(s.sent("addWatchDir").empty());
         // And a cancelled library picker.
         s.nextChoice.reset();
         s.h.click(s.in(s.card(1), "photosButton"));
         s.h.click(s.h.findVisible("photoLibraryContinueButton"));
         QCOMPARE(s.pickerRequests.size(), std::size_t(3));
-        QTest::qWait(700);
+        s.pass(700);
         QVERIFY(s.sent("addWatchDir").empty());
     }
 
@@ -685,7 +706,7 @@ private slots:
         s.h.click(s.h.findVisible("iCloudAlertAddAnywayButton"));
         QTRY_VERIFY(!s.h.findVisible("iCloudAlertTitle"));
         QVERIFY(!s.controller()->showICloudWarning());
-        QTest::qWait(700);
+        s.pass(700);
         QVERIFY(s.sent("addWatchDir").empty());
     }
 
@@ -829,7 +850,7 @@ private slots:
             QTRY_VERIFY(s.h.findVisible("groupList"));
             QCOMPARE(s.h.model().groups()[0].retentionSettings->retentionDays.value_or(-1), 14);
         }
-        QTest::qWait(300);
+        s.pass(300);
         QVERIFY(s.sent("updateGroup").empty());
         QVERIFY(!s.h.logLines().filter("Updating retention").size());
     }
@@ -848,7 +869,7 @@ private slots:
         QVERIFY(!s.controller()->showRetentionSettings());
         QVERIFY(!s.controller()->hasSelectedGroup());
         QVERIFY(!s.controller()->isUpdatingRetention());
-        QTest::qWait(300);
+        s.pass(300);
         QVERIFY(s.sent("updateGroup").empty());
     }
 

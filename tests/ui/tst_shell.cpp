@@ -73,6 +73,8 @@ private slots:
     void windowModes() {
         UiHarness h;
         WindowController window(h.engine(), h.app());
+        runwarden::ManualClock clock;
+        window.setClock(clock);
         QVERIFY(window.load());
         QQuickWindow *w = window.window();
         QVERIFY(w);
@@ -105,6 +107,8 @@ private slots:
     void toggleShowHideAndClose() {
         UiHarness h;
         WindowController window(h.engine(), h.app());
+        runwarden::ManualClock clock;
+        window.setClock(clock);
         QVERIFY(window.load());
         window.setMode(WindowController::Mode::popup);
         const QRect icon(300, 0, 22, 22);
@@ -119,7 +123,7 @@ private slots:
         window.toggle(icon);
         QVERIFY(window.isVisible());
         // ...a later click does.
-        QTest::qWait(500);
+        clock.advance(std::chrono::milliseconds(500));
         window.toggle(icon);
         QVERIFY(!window.isVisible());
         window.toggle(icon);
@@ -140,6 +144,8 @@ private slots:
     void thePopupHidesWhenItLosesTheFocus() {
         UiHarness h;
         WindowController window(h.engine(), h.app());
+        runwarden::ManualClock clock;
+        window.setClock(clock);
         QVERIFY(window.load());
         window.setMode(WindowController::Mode::popup);
         window.toggle(QRect(300, 0, 22, 22));
@@ -157,10 +163,10 @@ private slots:
         window.toggle(QRect(300, 0, 22, 22));
         QVERIFY(!window.isVisible());
         // ...a later click does.
-        QTest::qWait(500);
+        clock.advance(std::chrono::milliseconds(500));
         window.toggle(QRect(300, 0, 22, 22));
         QVERIFY(window.isVisible());
-        QTest::qWait(500);
+        clock.advance(std::chrono::milliseconds(500));
 
         // The ordinary window does not hide on losing the focus.
         window.hide();

@@ -515,7 +515,8 @@ private slots:
         server_->set("/appcast.xml", feedOf({}));
         const QDateTime when(QDate(2031, 5, 6), QTime(7, 8, 9), Qt::UTC);
         AppcastChecker::Config c = config();
-        c.clock = [when] { return when; };
+        runwarden::ManualClock clock(when.toMSecsSinceEpoch());
+        c.clock = &clock;
         auto checker = startedChecker(c);
         QVERIFY(!checker->lastUpdateCheckDate().isValid());
         QVERIFY(runCheck(*checker));
