@@ -292,31 +292,21 @@ void ControlServer::add(GuardConnection *connection) {
             if (!guard) {
                 return;
             }
-            const bool sent =
-                actions_.addFolderToSync(watched, group, [=, this](const CommandOutcome &outcome) {
-                    if (!guard) {
-                        return;
+            changeAndConfirm(
+                guard,
+                [=, this](SettingsActions::Completion done) {
+                    return actions_.addFolderToSync(watched, group, std::move(done));
+                },
+                [=, this] { return groupHasPath(model_, group, watched); },
+                [=] {
+                    QJsonObject line = ok(QStringLiteral("Added %1 to %2").arg(watched, group));
+                    line.insert(QStringLiteral("path"), watched);
+                    if (!check.message.isEmpty()) {
+                        line.insert(QStringLiteral("warning"), check.message);
                     }
-                    if (outcome) {
-                        failWith(guard, *outcome);
-                        return;
-                    }
-                    waitForGroups(
-                        guard, [=, this] { return groupHasPath(model_, group, watched); },
-                        [=] {
-                            QJsonObject line =
-                                ok(QStringLiteral("Added %1 to %2").arg(watched, group));
-                            line.insert(QStringLiteral("path"), watched);
-                            if (!check.message.isEmpty()) {
-                                line.insert(QStringLiteral("warning"), check.message);
-                            }
-                            reply(guard, line);
-                        },
-                        QStringLiteral("The backend did not confirm the new folder."));
-                });
-            if (!sent) {
-                fail(guard, QString::fromLatin1(busyText));
-            }
+                    reply(guard, line);
+                },
+                QStringLiteral("The backend did not confirm the new folder."));
         });
     });
 }
@@ -333,22 +323,14 @@ void ControlServer::remove(GuardConnection *connection) {
         if (!guard) {
             return;
         }
-        const bool sent = actions_.removeFolder(path, [=, this](const CommandOutcome &outcome) {
-            if (!guard) {
-                return;
-            }
-            if (outcome) {
-                failWith(guard, *outcome);
-                return;
-            }
-            waitForGroups(
-                guard, [=, this] { return !anyGroupHasPath(model_, path); },
-                [=] { reply(guard, ok(QStringLiteral("Stopped watching %1").arg(path))); },
-                QStringLiteral("The backend did not confirm the removal."));
-        });
-        if (!sent) {
-            fail(guard, QString::fromLatin1(busyText));
-        }
+        changeAndConfirm(
+            guard,
+            [=, this](SettingsActions::Completion done) {
+                return actions_.removeFolder(path, std::move(done));
+            },
+            [=, this] { return !anyGroupHasPath(model_, path); },
+            [=] { reply(guard, ok(QStringLiteral("Stopped watching %1").arg(path))); },
+            QStringLiteral("The backend did not confirm the removal."));
     });
 }
 
@@ -468,6 +450,27 @@ void ControlServer::whenIdle(GuardConnection *connection, std::function<void()> 
                             action();
                         }
                     });
+}
+
+void ControlServer::changeAndConfirm(GuardConnection *connection,
+                                     const std::function<bool(SettingsActions::Completion)> &send,
+                                     std::function<bool()> check, std::function<void()> success,
+                                     const QString &unconfirmed) {
+    QPointer<GuardConnection> guard(connection);
+    const bool sent = send([=, this](const CommandOutcome &outcome) {
+        if (!guard) {
+            return;
+        }
+        if (outcome) {
+            // The backend's refusal (or the transport's error), at once.
+            failWith(guard, *outcome);
+            return;
+        }
+        waitForGroups(guard, check, success, unconfirmed);
+    });
+    if (!sent) {
+        fail(guard, QString::fromLatin1(busyText));
+    }
 }
 
 void ControlServer::waitForGroups(GuardConnection *connection, std::function<bool()> check,

@@ -6,6 +6,8 @@
 
 #include <functional>
 
+#include "SettingsActions.h"
+
 #include <runwarden/ExitAppIfAlreadyOpen.h>
 
 namespace tarnwick {
@@ -53,6 +55,12 @@ private:
     // Runs `action` once no user request is in flight (requests are one at a
     // time, and a request sent meanwhile would be dropped).
     void whenIdle(runwarden::GuardConnection *connection, std::function<void()> action);
+    // Sends a change through `send`; a failed change is reported at once,
+    // a successful one once the group list shows it (see waitForGroups).
+    void changeAndConfirm(runwarden::GuardConnection *connection,
+                          const std::function<bool(SettingsActions::Completion)> &send,
+                          std::function<bool()> check, std::function<void()> success,
+                          const QString &unconfirmed);
     // Calls `check` after each group list until it holds (then `success`) or
     // the confirmation time runs out (then an error line).
     void waitForGroups(runwarden::GuardConnection *connection, std::function<bool()> check,
