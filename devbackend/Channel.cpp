@@ -69,8 +69,11 @@ std::variant<Channel::Opened, Channel::Refused> Channel::open(std::string_view b
     if (!salt) {
         return Refused{"malformed KDFNonce"};
     }
-    const std::pair<std::int64_t, std::string> key{
-        *timestamp, std::string(reinterpret_cast<const char *>(salt->data()), salt->size())};
+    const std::string saltBytes(reinterpret_cast<const char *>(salt->data()), salt->size());
+    if (std::find(answerSalts_.begin(), answerSalts_.end(), saltBytes) != answerSalts_.end()) {
+        return Refused{"an answer of ours sent back as a request"};
+    }
+    const std::pair<std::int64_t, std::string> key{*timestamp, saltBytes};
     if (!accepted_.insert(key).second) {
         return Refused{"replayed record"};
     }
@@ -78,13 +81,26 @@ std::variant<Channel::Opened, Channel::Refused> Channel::open(std::string_view b
                   *timestamp};
 }
 
+namespace {
+// Far more answers than a client could have under way when one is sent back.
+constexpr std::size_t kRememberedAnswers = 256;
+} // namespace
+
 std::string Channel::seal(std::string_view plaintext, bool stale) {
     const std::lock_guard lock(mutex_);
     std::int64_t timestamp = currentTimeMs() - (stale ? 1000 : 0);
     timestamp = std::max(timestamp, lastReplyTimestamp_ + 1);
     lastReplyTimestamp_ = timestamp;
     const std::string additionalData = std::to_string(timestamp);
-    return store_.encrypt(bytesOf(plaintext), bytesOf(additionalData)).toJSON();
+    const lumacrypt::KeyExchangeAEADStore record =
+        store_.encrypt(bytesOf(plaintext), bytesOf(additionalData));
+    if (const auto salt = lumacrypt::base64Decode(record.kdfNonce)) {
+        answerSalts_.emplace_back(reinterpret_cast<const char *>(salt->data()), salt->size());
+        if (answerSalts_.size() > kRememberedAnswers) {
+            answerSalts_.pop_front();
+        }
+    }
+    return record.toJSON();
 }
 
 std::size_t Channel::rememberedCount() const {

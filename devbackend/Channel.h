@@ -8,6 +8,7 @@
 #include <lumacrypt/KeyExchangeStore.h>
 
 #include <cstdint>
+#include <deque>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -39,7 +40,8 @@ public:
     };
     // Opens a request body. Refused when it is not a sealed record, does not open with the
     // channel's keys, carries no timestamp, a timestamp more than kFreshnessWindowMs from
-    // `nowMs`, or a (timestamp, KDFNonce) pair already accepted.
+    // `nowMs`, a (timestamp, KDFNonce) pair already accepted, or the KDFNonce of one of the
+    // latest answers.
     std::variant<Opened, Refused> open(std::string_view body, std::int64_t nowMs);
 
     // Seals an answer. Its additional data is the current time in milliseconds as decimal text
@@ -55,6 +57,9 @@ private:
     lumacrypt::KeyExchangeStore store_;
     std::set<std::pair<std::int64_t, std::string>> accepted_;
     std::int64_t lastReplyTimestamp_ = 0;
+    // The HKDF salts of the latest answers: a request that carries one is an answer of ours
+    // sent back (it would open, since both directions share the key).
+    std::deque<std::string> answerSalts_;
 };
 
 // Milliseconds since the Unix epoch.

@@ -4,10 +4,22 @@
 #include <QPointer>
 #include <QString>
 
+#include <lumacrypt/Base64.h>
+
+#include <algorithm>
+#include <string>
 #include <string_view>
 #include <utility>
 
 namespace tidepost {
+
+namespace {
+
+// How many of the latest requests a reply is compared with. Far more than
+// could be under way: requests go out one at a time.
+constexpr std::size_t kRememberedRequests = 64;
+
+} // namespace
 
 BackendSession::BackendSession(KeyExchangeStoreFunction factory, QObject *parent)
     : QObject(parent), pm_(std::make_unique<PollManager>(std::move(factory))) {}
@@ -66,9 +78,15 @@ void BackendSession::post(Pending request) {
     // Sealed as it leaves, so that its timestamp is fresh when it arrives.
     std::string body;
     try {
-        body =
-            pm_->kes.encodeJSONAndEncrypt(request.envelope, pm_->keyExchangeCurrentTimestampData())
-                .toJSON();
+        const lumacrypt::KeyExchangeAEADStore record =
+            pm_->kes.encodeJSONAndEncrypt(request.envelope, pm_->keyExchangeCurrentTimestampData());
+        body = record.toJSON();
+        if (std::optional<lumacrypt::Bytes> salt = lumacrypt::base64Decode(record.kdfNonce)) {
+            sentSalts_.push_back(std::move(*salt));
+            if (sentSalts_.size() > kRememberedRequests) {
+                sentSalts_.pop_front();
+            }
+        }
     } catch (...) {
         Exchange failed{Exchange::Result::failed, {}, Error::fromCurrentException()};
         QMetaObject::invokeMethod(
@@ -105,6 +123,17 @@ Exchange BackendSession::open(const QByteArray &body) {
     try {
         const lumacrypt::KeyExchangeAEADStore record = lumacrypt::KeyExchangeAEADStore::fromJSON(
             std::string_view(body.constData(), static_cast<std::size_t>(body.size())));
+        if (isOwnRequest(record.kdfNonce)) {
+            // Both directions derive their keys from the same secret, so a request sent
+            // back opens like a reply: refused as one that does not open.
+            if (reflectedReplies_++ % 100 == 0) {
+                pm_->log("warning: refused a reply that is a request of ours sent back (" +
+                         std::to_string(reflectedReplies_) + " so far)");
+            }
+            return {Exchange::Result::unreadable,
+                    {},
+                    Error{"KeyExchangeError", 0, "the reply repeats a request of ours"}};
+        }
         const lumacrypt::Bytes plain = pm_->kes.decryptAEADStore(record);
         if (std::optional<Error> stale = pm_->checkTimestamp(record.additionalData)) {
             return {Exchange::Result::unreadable, {}, std::move(stale)};
@@ -113,6 +142,13 @@ Exchange BackendSession::open(const QByteArray &body) {
     } catch (...) {
         return {Exchange::Result::unreadable, {}, Error::fromCurrentException()};
     }
+}
+
+bool BackendSession::isOwnRequest(const std::string &kdfNonce) const {
+    // Compared as bytes: base64 texts that differ only in unused padding bits carry the same
+    // salt.
+    const std::optional<lumacrypt::Bytes> salt = lumacrypt::base64Decode(kdfNonce);
+    return salt && std::find(sentSalts_.begin(), sentSalts_.end(), *salt) != sentSalts_.end();
 }
 
 void BackendSession::deliver(Handler done, Exchange exchange) {

@@ -23,6 +23,7 @@
 #include <QObject>
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <optional>
@@ -91,6 +92,9 @@ private:
     void sendNext();
     void post(Pending request);
     Exchange open(const QByteArray &body);
+    // Whether a reply's KDFNonce is that of a request we sent lately: our own
+    // request sent back to us (it opens, since both directions share the key).
+    bool isOwnRequest(const std::string &kdfNonce) const;
     void deliver(Handler done, Exchange exchange);
 
     std::unique_ptr<PollManager> pm_;
@@ -98,6 +102,9 @@ private:
     std::deque<Pending> commands_;
     std::optional<Pending> background_;
     bool inFlight_ = false;
+    // The HKDF salts (decoded KDFNonces) of the latest requests.
+    std::deque<lumacrypt::Bytes> sentSalts_;
+    std::uint64_t reflectedReplies_ = 0;
 };
 
 } // namespace tidepost

@@ -91,6 +91,8 @@ public:
     // ---- Settings (for tests and tuning; the defaults are what the app uses).
     void setClock(Clock clock);
     void setLogSink(LogSink sink);
+    /// Writes one line to the log sink.
+    void log(const std::string &line) const;
     void setRequestTimeout(std::chrono::milliseconds timeout);
     std::chrono::milliseconds requestTimeout() const;
     void setMaxReplyBytes(qint64 bytes);
@@ -216,7 +218,6 @@ private:
 
     void requireUTF8(const std::string &json) const;
     void failLater(ReplyCallback done, Error error);
-    void log(const std::string &line) const;
     void setUpTimer(double pingTimeLimit, std::function<void()> pingTimeout);
     void tick();
     void acceptPeerKey(const std::string &key);

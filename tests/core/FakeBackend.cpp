@@ -15,6 +15,7 @@ FakeBackend::FakeBackend(const std::string &clientPublicKey)
     server_->Post("/request", [this](const httplib::Request &request, httplib::Response &response) {
         FakeRequest seen;
         seen.authorization = request.get_header_value("Authorization");
+        seen.body = request.body;
         try {
             const auto record = lumacrypt::KeyExchangeAEADStore::fromJSON(request.body);
             const lumacrypt::Bytes plain = store_.decryptAEADStore(record);

@@ -25,6 +25,8 @@ struct FakeRequest {
     std::string id;
     std::string data;
     std::string authorization;
+    // The request's body as it arrived (the sealed record's JSON).
+    std::string body;
 };
 
 struct FakeReply {

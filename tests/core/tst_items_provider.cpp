@@ -558,6 +558,33 @@ private slots:
         QCOMPARE(f.log.filter("warning:").size(), 1);
     }
 
+    void aRequestSentBackIsNotAReply() {
+        // Both directions derive their keys from one secret: a process on the
+        // backend's port that echoes the request makes it open as a reply. A
+        // ping sent back reads as the backend's "ping" message, which would
+        // sign the user in.
+        Fixture f;
+        f.provider->setIsLoggedIn(false);
+        f.backend->setHandler(
+            [](const FakeRequest &request) { return FakeReply::raw(request.body); });
+        std::optional<CommandOutcome> outcome;
+        f.provider->publishAndWait(commands::ping("[]"),
+                                   [&](const CommandOutcome &o) { outcome = o; });
+        QTRY_VERIFY_WITH_TIMEOUT(outcome.has_value(), 10000);
+        QVERIFY(*outcome);
+        QVERIFY(!f.provider->isLoggedIn());
+        // Refused like a reply that does not open: six attempts, one warning.
+        QCOMPARE(f.backend->requestCount("ping"), 6);
+        QCOMPARE(f.log.filter("warning: decodeError").size(), 1);
+        QCOMPARE(
+            f.log.filter("warning: refused a reply that is a request of ours sent back").size(), 1);
+
+        // The real backend's replies still go through.
+        f.answer(R"({"Type":"ping","ID":"","Data":""})");
+        QVERIFY(!f.call("ping", {}, "[]"));
+        QVERIFY(f.provider->isLoggedIn());
+    }
+
     void noBackendKeyYet() {
         Fixture f;
         f.provider->pm().kes.clearExternalPublicKey();

@@ -97,6 +97,7 @@ private slots:
 
     void channelOpensFreshRecordsOnce();
     void channelForgetsPairsOlderThanTheWindow();
+    void channelRefusesItsOwnAnswerSentBack();
     void channelAnswerTimestampsStrictlyIncrease();
 
     void firstPassCopiesRegularFilesOnly();
@@ -454,6 +455,25 @@ void UnitsTest::channelOpensFreshRecordsOnce() {
     opened = channel.open(
         stranger.encodeJSONAndEncrypt("ping", "", "", bytesOf(timestamp)).toJSON(), now);
     QVERIFY(std::holds_alternative<Channel::Refused>(opened));
+}
+
+void UnitsTest::channelRefusesItsOwnAnswerSentBack() {
+    auto client = lumacrypt::KeyExchange_Curve25519_SHA256_HKDF_AESGCM_Store(std::string());
+    Channel channel(client.LocalPublicKey());
+    client.setExternalPublicKey(channel.localPublicKey());
+    // An answer opens with the same key as a request, and its timestamp is fresh...
+    const std::string answer = channel.seal(R"({"Type":"getGroups","ID":"","Data":""})");
+    QVERIFY(client.decryptAEADStore(lumacrypt::KeyExchangeAEADStore::fromJSON(answer)).size() > 0);
+    // ...but sent back as a request it is refused.
+    const auto opened = channel.open(answer, currentTimeMs());
+    QVERIFY(std::holds_alternative<Channel::Refused>(opened));
+    QCOMPARE(std::get<Channel::Refused>(opened).reason,
+             std::string("an answer of ours sent back as a request"));
+    // A request of the client's own still opens.
+    const std::string timestamp = std::to_string(currentTimeMs());
+    QVERIFY(std::holds_alternative<Channel::Opened>(
+        channel.open(client.encodeJSONAndEncrypt("ping", "", "", bytesOf(timestamp)).toJSON(),
+                     currentTimeMs())));
 }
 
 void UnitsTest::channelForgetsPairsOlderThanTheWindow() {
