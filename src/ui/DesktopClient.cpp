@@ -72,18 +72,19 @@ int runDesktop(int &argc, char **argv) {
         return 1;
     }
     TrayController tray(model, model.isMacOS13());
-    // "Open Tarnwick", a notification's click, a second launch and a start
-    // with nobody signed in show the window by the tray icon.
+    // "Open Tarnwick", a notification's click and a second launch show the
+    // window by the tray icon.
     const auto open = [&window, &tray] {
         window.show(tray.isVisible() ? tray.geometry() : QRect());
     };
-    // The first thing a user who is not signed in sees is the login screen
+    // The first thing a user who is not signed in sees is the login screen,
+    // by the tray icon, and it stays until the user has used it
     // (connected before the notifier, which then finds the window shown).
     QObject::connect(&model, &ItemsProvider::isLoggedInChanged, &window,
-                     [&model, open, shown = false]() mutable {
+                     [&model, &window, &tray, shown = false]() mutable {
                          if (!model.isLoggedIn() && !shown) {
                              shown = true;
-                             open();
+                             window.showUnasked(tray.isVisible() ? tray.geometry() : QRect());
                          }
                      });
     Notifier notifier(

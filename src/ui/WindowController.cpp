@@ -45,7 +45,8 @@ bool WindowController::load() {
     view_->setMinimumSize(QSize(400, 480));
     view_->installEventFilter(this);
     connect(view_.get(), &QWindow::activeChanged, this, [this] {
-        if (mode_ == Mode::popup && view_->isVisible() && !view_->isActive() && !hiding_) {
+        if (mode_ == Mode::popup && view_->isVisible() && !view_->isActive() && !hiding_ &&
+            !unasked_) {
             hiddenOnFocusLoss_ = clock_->steadyNow();
             hide();
         }
@@ -106,7 +107,13 @@ void WindowController::show(const QRect &anchor) {
     if (anchor.isValid() && !anchor.isEmpty()) {
         lastAnchor_ = anchor;
     }
+    unasked_ = false;
     show();
+}
+
+void WindowController::showUnasked(const QRect &anchor) {
+    show(anchor);
+    unasked_ = true;
 }
 
 void WindowController::hide() {
@@ -175,6 +182,10 @@ QPoint WindowController::popupPosition(const QRect &anchor, const QSize &size,
 }
 
 bool WindowController::eventFilter(QObject *watched, QEvent *event) {
+    if (watched == view_.get() &&
+        (event->type() == QEvent::MouseButtonPress || event->type() == QEvent::KeyPress)) {
+        unasked_ = false;
+    }
     if (watched == view_.get() && event->type() == QEvent::Close) {
         // Closing hides; the application decides whether that ends it.
         event->ignore();

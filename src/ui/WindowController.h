@@ -48,6 +48,11 @@ public:
     void show();
     // The same, by a tray icon at `anchor` (ignored when empty).
     void show(const QRect &anchor);
+    // Shows the window without the user having asked (the login screen at a
+    // start with nobody signed in): a popup opened so stays when the focus
+    // moves elsewhere before the user has used it, so that it does not vanish
+    // unseen; after a click or key press in it, it behaves as any popup.
+    void showUnasked(const QRect &anchor);
     void hide();
     // The tray icon's click: hides a shown popup, else shows it by the icon
     // (anchor: the icon's rectangle on screen; empty when unknown).
@@ -79,6 +84,8 @@ private:
     std::optional<runwarden::Clock::TimePoint> shownAt_;
     runwarden::Clock *clock_ = &runwarden::Clock::system();
     bool hiding_ = false;
+    // Shown unasked and not used yet (see showUnasked).
+    bool unasked_ = false;
 };
 
 } // namespace tarnwick::ui

@@ -141,6 +141,30 @@ private slots:
                                                  window.window()->screen()->availableGeometry()));
     }
 
+    void aPopupShownUnaskedStaysUntilItHasBeenUsed() {
+        UiHarness h;
+        WindowController window(h.engine(), h.app());
+        QVERIFY(window.load());
+        window.setMode(WindowController::Mode::popup);
+        // The login screen the client opens by itself at start.
+        window.showUnasked(QRect(300, 0, 22, 22));
+        QVERIFY(QTest::qWaitForWindowActive(window.window()));
+        QWindow other;
+        other.resize(50, 50);
+        other.show();
+        other.requestActivate();
+        QTRY_VERIFY(other.isActive());
+        QCoreApplication::processEvents();
+        QVERIFY(window.isVisible());
+
+        // Once the user has clicked in it, it is a popup like any other.
+        window.window()->requestActivate();
+        QVERIFY(QTest::qWaitForWindowActive(window.window()));
+        QTest::mouseClick(window.window(), Qt::LeftButton, Qt::NoModifier, QPoint(5, 5));
+        other.requestActivate();
+        QTRY_VERIFY(!window.isVisible());
+    }
+
     void thePopupHidesWhenItLosesTheFocus() {
         UiHarness h;
         WindowController window(h.engine(), h.app());
