@@ -16,7 +16,9 @@ namespace tarnwick::supervisor {
 BackendLauncher::BackendLauncher(tidepost::PollManager &pm, BinaryPreparation preparation,
                                  Hooks hooks, bool withRetry, QObject *parent)
     : QObject(parent), pm_(pm), preparation_(std::move(preparation)), hooks_(std::move(hooks)),
-      withRetry_(withRetry) {}
+      withRetry_(withRetry) {
+    connect(&pm_, &tidepost::PollManager::peerKeyChanged, this, [this] { keyShown_ = true; });
+}
 
 QString BackendLauncher::secondsText(double seconds) {
     QString text = QString::number(seconds, 'g', QLocale::FloatingPointShortest);
@@ -130,6 +132,20 @@ void BackendLauncher::setCurrentBinary(const QString &binURL, const QString &bin
 
 void BackendLauncher::markLaunched() {
     binaryLaunchTime_ = clock_->steadyNow();
+    keyShown_ = false;
+    failedStart_ = false;
+    // A backend that never shows its key cannot be talked to: after a while
+    // the start counts as failed, and the recovery takes over.
+    clock_->singleShot(keyTimeout, this, [this, launch = ++launchNumber_] {
+        if (launch != launchNumber_ || keyShown_ || state_ != State::running) {
+            return;
+        }
+        hooks_.log(QStringLiteral("The backend showed no key within %1 seconds of its start; "
+                                  "counting it as a failed start")
+                       .arg(keyTimeout.count() / 1000));
+        failedStart_ = true;
+        pm_.processManager().terminateCurrentTask();
+    });
     if (state_ != State::failed) {
         setState(State::running);
     }
@@ -171,9 +187,10 @@ void BackendLauncher::handleExit(const std::optional<std::error_code> &error) {
         return;
     }
     const auto now = clock_->steadyNow();
-    if (error) {
-        // The child never ran.
+    if (error || failedStart_) {
+        // The child never ran, or never became a backend we can talk to.
         binaryLaunchTime_ = now;
+        failedStart_ = false;
     }
     const double uptime = std::chrono::duration<double>(now - *binaryLaunchTime_).count();
     const QString name = currentBinaryName_.value_or(QString());

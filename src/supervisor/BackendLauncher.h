@@ -46,6 +46,8 @@ public:
     static constexpr double crashThresholdSeconds = 5.0;
     static constexpr std::chrono::milliseconds relaunchDelay{1000};
     static constexpr std::chrono::milliseconds pingInterval{100};
+    // A start that has shown no key after this long is a failed start.
+    static constexpr std::chrono::milliseconds keyTimeout{10000};
     // What the user is told when the backend keeps dying young.
     static constexpr const char *crashedText =
         "Binary crashed repeatedly. Please reinstall the app.";
@@ -119,6 +121,10 @@ private:
     std::optional<QString> currentBinaryURL_;
     std::optional<QString> currentBinaryName_;
     State state_ = State::notPrepared;
+    // Counts starts, so that a key timer of an earlier start does nothing.
+    std::uint64_t launchNumber_ = 0;
+    bool keyShown_ = false;
+    bool failedStart_ = false;
     bool pingInFlight_ = false;
 };
 

@@ -191,6 +191,7 @@ PollManager::PollManager(KeyExchangeStoreFunction factory, QObject *parent)
     clock_ = &lumacrypt::KeyExchangeCurrentTimestamp;
     timestamp = clock_();
     processManager_ = new runwarden::ProcessManager(this);
+    watchRunner();
     network_ = new QNetworkAccessManager(this);
     // The backend listens on the loopback interface: a system proxy must never see its traffic.
     network_->setProxy(QNetworkProxy(QNetworkProxy::NoProxy));
@@ -539,7 +540,24 @@ void PollManager::tick() {
     }
 }
 
+void PollManager::watchRunner() {
+    // Each start of the child begins a run whose first key block counts. The runner posts its
+    // start to the main thread before it reads any of the run's output, so this comes first.
+    connect(processManager_, &runwarden::ProcessManager::taskStarted, this, [this] {
+        keyOfThisRun_ = false;
+        laterKeyLogged_ = false;
+    });
+}
+
 void PollManager::acceptPeerKey(const std::string &key) {
+    if (keyOfThisRun_) {
+        if (!laterKeyLogged_) {
+            laterKeyLogged_ = true;
+            log("warning: ignored a further key block in the backend's output; the key it "
+                "showed at start stays");
+        }
+        return;
+    }
     try {
         kes.setExternalPublicKey(key);
     } catch (...) {
@@ -548,6 +566,7 @@ void PollManager::acceptPeerKey(const std::string &key) {
         processManager_->terminateCurrentTask();
         return;
     }
+    keyOfThisRun_ = true;
     emit peerKeyChanged();
 }
 
@@ -652,6 +671,7 @@ void PollManager::subscribeWithBinary(const QString &binURL, bool withRetry, boo
             runner->deleteLater();
         }
         processManager_ = fresh;
+        watchRunner();
         runner = fresh;
     }
 

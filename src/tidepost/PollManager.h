@@ -227,7 +227,13 @@ private:
     void completeRequest(const std::shared_ptr<Request> &request, std::optional<QByteArray> body,
                          std::optional<Error> error);
 
+    void watchRunner();
+
     KeyExchangeStoreFunction keyExchangeStoreFunction_;
+    // Whether the current run of the backend has shown its key: later key blocks in the same
+    // run's output are ignored (a folder name can hold one).
+    bool keyOfThisRun_ = false;
+    bool laterKeyLogged_ = false;
     runwarden::ProcessManager *processManager_ = nullptr;
     QTimer *timer_ = nullptr;
     std::function<void()> pingTimeout_;

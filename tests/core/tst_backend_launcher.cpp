@@ -50,9 +50,11 @@ struct Fixture {
                                    QStringLiteral("kovrit-linux-amd64"));
     }
 
-    // One run of the given length that ends.
+    // One run of the given length that ends (a backend that shows its key at
+    // once, as every backend does).
     void run(double seconds, std::optional<std::error_code> error = std::nullopt) {
         launcher->markLaunched();
+        emit pm.peerKeyChanged();
         clock.advance(std::chrono::milliseconds(std::llround(seconds * 1000)));
         launcher->handleExit(error);
     }
@@ -125,6 +127,37 @@ private slots:
         f.launcher->handleExit(std::make_error_code(std::errc::no_such_file_or_directory));
         QCOMPARE(f.count("Crash recovery attempt 1 of 3"), 1);
         QCOMPARE(f.count("Binary crashed after only 0.0 seconds - attempting recovery"), 1);
+    }
+
+    void aStartThatShowsNoKeyWithinTenSecondsHasFailed() {
+        Fixture f;
+        f.launcher->markLaunched();
+        f.clock.advance(std::chrono::milliseconds(9999));
+        QCOMPARE(f.log.filter("showed no key").size(), 0);
+        f.clock.advance(std::chrono::milliseconds(1));
+        QCOMPARE(f.count("The backend showed no key within 10 seconds of its start; counting it "
+                         "as a failed start"),
+                 1);
+        // Its end (the runner ends it) is a crash, however long it ran.
+        f.clock.advance(std::chrono::seconds(30));
+        f.launcher->handleExit(std::nullopt);
+        QCOMPARE(f.count("Binary crashed after only 0.0 seconds - attempting recovery"), 1);
+        QCOMPARE(f.count("Crash recovery attempt 1 of 3"), 1);
+    }
+
+    void aStartThatShowsItsKeyIsFine() {
+        Fixture f;
+        f.launcher->markLaunched();
+        f.clock.advance(std::chrono::seconds(2));
+        emit f.pm.peerKeyChanged();
+        f.clock.advance(std::chrono::seconds(60));
+        QCOMPARE(f.log.filter("showed no key").size(), 0);
+        f.launcher->handleExit(std::nullopt);
+        QCOMPARE(f.count("Binary exited normally after running for 62.0 seconds"), 1);
+        // The next start has its own ten seconds.
+        f.launcher->markLaunched();
+        f.clock.advance(std::chrono::seconds(10));
+        QCOMPARE(f.log.filter("showed no key").size(), 1);
     }
 
     void recoveryReplacesTheCopyAndWaitsBeforeRelaunching() {

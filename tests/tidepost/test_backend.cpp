@@ -3,6 +3,7 @@
 // is up. Options:
 //   --key=<text>           the body of the key block ("" prints no block)
 //   --starts=<file>        appends one line per start to <file> (to count launches)
+//   --later-line=<text>    prints one more line, after the key block, in a write of its own
 //   --exit-after-ms=<n>    exits with status 0 after n ms (default 30000, so it is never orphaned)
 #include <unistd.h>
 
@@ -39,6 +40,7 @@ int main(int argc, char **argv) {
     std::string key;
     bool haveKey = false;
     std::string starts;
+    std::string laterLine;
     long exitAfterMs = 30000;
     for (int i = 1; i < argc; ++i) {
         const std::string_view arg(argv[i]);
@@ -47,6 +49,8 @@ int main(int argc, char **argv) {
             haveKey = !key.empty();
         } else if (arg.starts_with("--starts=")) {
             starts = std::string(arg.substr(9));
+        } else if (arg.starts_with("--later-line=")) {
+            laterLine = std::string(arg.substr(13));
         } else if (arg.starts_with("--exit-after-ms=")) {
             exitAfterMs = std::strtol(std::string(arg.substr(16)).c_str(), nullptr, 10);
         }
@@ -60,6 +64,11 @@ int main(int argc, char **argv) {
     writeAll("test backend " + std::to_string(::getpid()) + " starting\n");
     if (haveKey) {
         writeAll("-----BEGIN PUBLIC KEY-----\n" + key + "\n-----END PUBLIC KEY-----\n");
+    }
+    if (!laterLine.empty()) {
+        // Apart from the key block, as a line a backend logs later would be.
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        writeAll(laterLine + "\n");
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(exitAfterMs));
     writeAll("test backend done\n");

@@ -96,6 +96,7 @@ private slots:
     void initTestCase();
     void keyInOutputSetsThePeerKey();
     void keyIgnoredWithoutWatcher();
+    void laterKeyBlocksOfARunAreIgnored();
     void rejectedKeyResetsTheBackend();
     void rejectedKeyOfWrongSizeTerminatesTheChild();
     void refusedWhileTheLoopRuns();
@@ -158,6 +159,32 @@ void TestSubscribe::keyInOutputSetsThePeerKey() {
     QCOMPARE(seen.exitThreads.front(), QCoreApplication::instance()->thread());
     QTRY_VERIFY(!pm.isBackendRunning());
     QTRY_VERIFY(!pm.processManager().isLoopRunning());
+}
+
+void TestSubscribe::laterKeyBlocksOfARunAreIgnored() {
+    // A line the backend logs later (a folder's name, say) may hold a key block: the key the
+    // backend showed at its start stays.
+    PollManager pm(tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
+    QStringList log;
+    pm.setLogSink([&log](const std::string &line) { log << QString::fromStdString(line); });
+    const lumacrypt::KeyExchangeStore backend =
+        tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM();
+    const lumacrypt::KeyExchangeStore other = tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM();
+    const QString otherBlock = QStringLiteral("added /home/ana/-----BEGIN PUBLIC KEY-----\n") +
+                               QString::fromStdString(other.LocalPublicKey()) +
+                               QStringLiteral("\n-----END PUBLIC KEY-----");
+    pm.processManager().addArgument(QStringLiteral("--key=") +
+                                    QString::fromStdString(backend.LocalPublicKey()));
+    pm.processManager().addArgument(QStringLiteral("--later-line=") + otherBlock);
+    Seen seen;
+    QSignalSpy keyChanged(&pm, &PollManager::peerKeyChanged);
+    pm.subscribeWithBinary(kBackend, false, true, 0.0, {}, seen.output_(), seen.exit_());
+    QTRY_VERIFY_WITH_TIMEOUT(seen.text().contains(QStringLiteral("added /home/ana/")), 10000);
+    QTRY_COMPARE_WITH_TIMEOUT(log.filter("ignored a further key block").size(), 1, 10000);
+    QCOMPARE(keyChanged.count(), 1);
+    QCOMPARE(pm.kes.externalPublicKey(), backend.LocalPublicKey());
+    pm.stopBackend();
+    QTRY_COMPARE_WITH_TIMEOUT(seen.exits.load(), 1, 10000);
 }
 
 void TestSubscribe::keyIgnoredWithoutWatcher() {
