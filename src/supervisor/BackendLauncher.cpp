@@ -151,8 +151,41 @@ void BackendLauncher::markLaunched() {
     }
 }
 
+QString BackendLauncher::printable(const QString &text) {
+    // Control characters (a terminal's escape sequences among them) are written as \xNN, so
+    // that output the backend echoes from elsewhere cannot drive the terminal reading the log.
+    QString out;
+    out.reserve(text.size());
+    for (const QChar c : text) {
+        const char16_t u = c.unicode();
+        if ((u < 0x20 && u != u'\n' && u != u'\t') || (u >= 0x7f && u < 0xa0)) {
+            out += QStringLiteral("\\x%1").arg(int(u), 2, 16, QLatin1Char('0'));
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
 void BackendLauncher::handleOutput(const QString &chunk) {
-    hooks_.log(QStringLiteral("o: ") + chunk);
+    // At most outputLinesPerSecond chunks a second reach the log; the rest are counted, and
+    // the count is told when logging resumes.
+    const auto now = clock_->steadyNow();
+    if (!outputWindowStart_ || now - *outputWindowStart_ >= std::chrono::seconds(1)) {
+        if (droppedOutput_ > 0) {
+            hooks_.log(QStringLiteral("o: (%1 more chunks of backend output not logged)")
+                           .arg(droppedOutput_));
+        }
+        outputWindowStart_ = now;
+        loggedOutput_ = 0;
+        droppedOutput_ = 0;
+    }
+    if (loggedOutput_ < outputChunksPerSecond) {
+        ++loggedOutput_;
+        hooks_.log(QStringLiteral("o: ") + printable(chunk));
+    } else {
+        ++droppedOutput_;
+    }
     if (isFirstRun_) {
         isFirstRun_ = false;
         schedulePing();

@@ -46,6 +46,10 @@ public:
     static constexpr double crashThresholdSeconds = 5.0;
     static constexpr std::chrono::milliseconds relaunchDelay{1000};
     static constexpr std::chrono::milliseconds pingInterval{100};
+    // How many chunks of the backend's output are logged in one second.
+    static constexpr int outputChunksPerSecond = 100;
+    // The text with control characters written as \xNN.
+    static QString printable(const QString &text);
     // A start that has shown no key after this long is a failed start.
     static constexpr std::chrono::milliseconds keyTimeout{10000};
     // What the user is told when the backend keeps dying young.
@@ -125,6 +129,9 @@ private:
     std::uint64_t launchNumber_ = 0;
     bool keyShown_ = false;
     bool failedStart_ = false;
+    std::optional<runwarden::Clock::TimePoint> outputWindowStart_;
+    int loggedOutput_ = 0;
+    int droppedOutput_ = 0;
     bool pingInFlight_ = false;
 };
 

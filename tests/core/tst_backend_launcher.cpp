@@ -129,6 +129,24 @@ private slots:
         QCOMPARE(f.count("Binary crashed after only 0.0 seconds - attempting recovery"), 1);
     }
 
+    void backendOutputIsLoggedPrintableAndAtAMeasuredRate() {
+        Fixture f;
+        // A terminal's escape sequence (say from a header another user sent) is written out.
+        f.launcher->handleOutput(QStringLiteral("refused request from \x1b[31mX\x07\n"));
+        QCOMPARE(f.log.last(), QStringLiteral("o: refused request from \\x1b[31mX\\x07\n"));
+        f.log.clear();
+        // A flood: the first hundred chunks of a second are logged, the rest counted.
+        for (int i = 0; i < 1000; ++i) {
+            f.launcher->handleOutput(QStringLiteral("line %1").arg(i));
+        }
+        QCOMPARE(f.log.size(), BackendLauncher::outputChunksPerSecond - 1);
+        QCOMPARE(f.log.last(), QStringLiteral("o: line 98"));
+        f.clock.advance(std::chrono::seconds(1));
+        f.launcher->handleOutput(QStringLiteral("after"));
+        QCOMPARE(f.log.mid(f.log.size() - 2),
+                 (QStringList{"o: (901 more chunks of backend output not logged)", "o: after"}));
+    }
+
     void aStartThatShowsNoKeyWithinTenSecondsHasFailed() {
         Fixture f;
         f.launcher->markLaunched();
