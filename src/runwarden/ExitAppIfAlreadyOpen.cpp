@@ -15,11 +15,15 @@
 #include <QTimer>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
+#include <optional>
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -98,17 +102,56 @@ QByteArray encodeLine(const QJsonObject &object) {
 
 } // namespace
 
-QString instanceSocketPath(const QString &applicationName) {
-    const QString fileName = fileNameSafe(resolvedApplicationName(applicationName)) +
-                             QLatin1Char('-') + QString::number(::getuid()) +
-                             QStringLiteral(".socket");
+namespace {
+
+// Without a runtime directory the socket goes to a folder of this user's own in the temporary
+// directory: made 0700 when missing, its mode tightened when it is ours, refused when it is not a
+// real directory owned by this user (another user could otherwise squat the name first).
+std::optional<QString> privateTemporaryFolder(const QString &name, QString *problem) {
+    const QString folder = QDir::cleanPath(QDir::tempPath()) + QLatin1Char('/') + name;
+    const QByteArray native = QFile::encodeName(folder);
+    if (::mkdir(native.constData(), 0700) != 0 && errno != EEXIST) {
+        *problem = QStringLiteral("cannot make %1: %2")
+                       .arg(folder, QString::fromLocal8Bit(std::strerror(errno)));
+        return std::nullopt;
+    }
+    struct stat info {};
+    if (::lstat(native.constData(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+        *problem = QStringLiteral("%1 is not a folder").arg(folder);
+        return std::nullopt;
+    }
+    if (info.st_uid != ::getuid()) {
+        *problem = QStringLiteral("%1 belongs to another user").arg(folder);
+        return std::nullopt;
+    }
+    if ((info.st_mode & 077) != 0 && ::chmod(native.constData(), 0700) != 0) {
+        *problem = QStringLiteral("%1 is open to other users").arg(folder);
+        return std::nullopt;
+    }
+    return folder;
+}
+
+} // namespace
+
+InstanceSocketLocation instanceSocketLocation(const QString &applicationName) {
+    const QString name = fileNameSafe(resolvedApplicationName(applicationName)) + QLatin1Char('-') +
+                         QString::number(::getuid());
+    const QString fileName = name + QStringLiteral(".socket");
     const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
     if (!runtime.isEmpty() && QDir::isAbsolutePath(runtime) && QFileInfo(runtime).isDir()) {
         const QString path = QDir::cleanPath(runtime) + QLatin1Char('/') + fileName;
         if (fitsSocketAddress(path))
-            return path;
+            return {path, {}};
     }
-    return QDir::cleanPath(QDir::tempPath()) + QLatin1Char('/') + fileName;
+    QString problem;
+    const std::optional<QString> folder = privateTemporaryFolder(name, &problem);
+    if (!folder)
+        return {{}, QStringLiteral("no safe place for the control socket: %1").arg(problem)};
+    return {*folder + QLatin1Char('/') + fileName, {}};
+}
+
+QString instanceSocketPath(const QString &applicationName) {
+    return instanceSocketLocation(applicationName).path;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -219,6 +262,10 @@ InstanceGuard::Outcome InstanceGuard::acquire() {
         return m_outcome;
     };
 
+    if (m_socketPath.isEmpty())
+        return fail(QStringLiteral("instance guard: ") +
+                    instanceSocketLocation(m_applicationName).problem);
+
     // Only one start at a time gets to look and then listen.
     QLockFile lock(m_socketPath + QStringLiteral(".lock"));
     if (!lock.tryLock(lockTimeoutMs))
@@ -315,8 +362,13 @@ InstanceReply sendInstanceRequest(const QJsonObject &request, int timeoutMs,
     clock.start();
     auto remaining = [&] { return int(std::max<qint64>(0, timeoutMs - clock.elapsed())); };
 
+    const InstanceSocketLocation location = instanceSocketLocation(applicationName);
+    if (location.path.isEmpty()) {
+        reply.error = location.problem;
+        return reply;
+    }
     QLocalSocket socket;
-    socket.connectToServer(instanceSocketPath(applicationName));
+    socket.connectToServer(location.path);
     if (!socket.waitForConnected(remaining())) {
         reply.error = QStringLiteral("no running instance: %1").arg(socket.errorString());
         return reply;

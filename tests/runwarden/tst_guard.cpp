@@ -143,14 +143,60 @@ private slots:
                  QStringLiteral("a_b_c-%1.socket").arg(::getuid()));
     }
 
-    void socketPathFallsBackToTemporaryDirectoryWithUserId() {
+    void socketPathFallsBackToAPrivateTemporaryFolder() {
+        QTemporaryDir tmp;
+        const QByteArray savedTmp = qgetenv("TMPDIR");
+        qputenv("TMPDIR", QFile::encodeName(tmp.path()));
         qunsetenv("XDG_RUNTIME_DIR");
+        const QString folder =
+            QDir::cleanPath(tmp.path()) + QStringLiteral("/%1-%2").arg(testName).arg(::getuid());
         QCOMPARE(instanceSocketPath(testName),
-                 QDir::cleanPath(QDir::tempPath()) +
-                     QStringLiteral("/%1-%2.socket").arg(testName).arg(::getuid()));
+                 folder + QStringLiteral("/%1-%2.socket").arg(testName).arg(::getuid()));
+        // Made for this user alone.
+        struct stat info {};
+        QCOMPARE(::lstat(QFile::encodeName(folder).constData(), &info), 0);
+        QVERIFY(S_ISDIR(info.st_mode));
+        QCOMPARE(info.st_mode & 0777, mode_t(0700));
+        QCOMPARE(info.st_uid, ::getuid());
+        // A runtime directory that does not exist is no better.
         qputenv("XDG_RUNTIME_DIR", "/nonexistent/runtime");
-        QCOMPARE(QFileInfo(instanceSocketPath(testName)).absolutePath(),
-                 QDir::cleanPath(QDir::tempPath()));
+        QCOMPARE(QFileInfo(instanceSocketPath(testName)).absolutePath(), folder);
+        // Our own folder left open to others is closed again.
+        QVERIFY(::chmod(QFile::encodeName(folder).constData(), 0777) == 0);
+        QVERIFY(!instanceSocketPath(testName).isEmpty());
+        QCOMPARE(::lstat(QFile::encodeName(folder).constData(), &info), 0);
+        QCOMPARE(info.st_mode & 0777, mode_t(0700));
+        qputenv("TMPDIR", savedTmp);
+    }
+
+    void aTemporaryFolderOfAnotherUserIsRefused() {
+        if (::getuid() != 0) {
+            QSKIP("making a folder another user owns needs root");
+        }
+        QTemporaryDir tmp;
+        const QByteArray savedTmp = qgetenv("TMPDIR");
+        qputenv("TMPDIR", QFile::encodeName(tmp.path()));
+        qunsetenv("XDG_RUNTIME_DIR");
+        // Another user got there first.
+        const QString folder =
+            QDir::cleanPath(tmp.path()) + QStringLiteral("/%1-%2").arg(testName).arg(::getuid());
+        QVERIFY(QDir().mkpath(folder));
+        QVERIFY(::chown(QFile::encodeName(folder).constData(), 4242, 4242) == 0);
+        const InstanceSocketLocation location = instanceSocketLocation(testName);
+        QVERIFY(location.path.isEmpty());
+        QVERIFY2(location.problem.contains("belongs to another user"),
+                 qPrintable(location.problem));
+        // The guard does not listen there, and says why.
+        InstanceGuard guard(testName);
+        QCOMPARE(guard.acquire(), InstanceGuard::Outcome::Failed);
+        QVERIFY2(guard.errorString().contains("belongs to another user"),
+                 qPrintable(guard.errorString()));
+        QVERIFY(QDir(folder).entryList(QDir::AllEntries | QDir::NoDotAndDotDot).isEmpty());
+        // A link in its place is refused too.
+        QVERIFY(QDir(folder).removeRecursively());
+        QVERIFY(QFile::link(tmp.path(), folder));
+        QVERIFY(instanceSocketLocation(testName).path.isEmpty());
+        qputenv("TMPDIR", savedTmp);
     }
 
     void secondInstanceExitsAndFirstShows() {

@@ -38,7 +38,15 @@ class QLocalSocket;
 
 namespace runwarden {
 
-/// The guard's socket path for `applicationName` (empty: QCoreApplication::applicationName()).
+/// Where the guard's socket lives: in $XDG_RUNTIME_DIR, else in a folder of this user's own in
+/// the temporary directory (made 0700; refused when it is not a real folder owned by this user).
+struct InstanceSocketLocation {
+    QString path;    ///< empty when there is no safe place
+    QString problem; ///< why not
+};
+InstanceSocketLocation instanceSocketLocation(const QString &applicationName = {});
+/// The guard's socket path for `applicationName` (empty: QCoreApplication::applicationName()),
+/// or empty when there is no safe place for it.
 QString instanceSocketPath(const QString &applicationName = {});
 
 /// One client request on the server side. The handler of a command answers through it; it stays
