@@ -1,8 +1,8 @@
 // A backend that keeps dying (the development backend with its exit fault):
 // after the last recovery the window shows the failure text with "Restart
-// backend" (in the status tab, or in the login screen's place when nobody is
-// signed in), the desktop is told once, and the button starts a healthy
-// backend again.
+// backend" (in the status tab, the settings tab, or in the login screen's
+// place when nobody is signed in), the desktop is told once, and the button
+// starts a healthy backend again.
 #include "DevBackendEnvironment.h"
 #include "ScreenTestSupport.h"
 
@@ -100,6 +100,53 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(!h.model().isLoggedIn(), 15000);
         QVERIFY(h.findVisible("loginView"));
         QCOMPARE(failures().size(), 1);
+    }
+
+    void theSettingsTabShowsTheFailureToo() {
+        qputenv("KOVRIT_DEV_FAULT", "exit-after=1");
+        UiHarness h(UiHarness::Options{true, [](tarnwick::ItemsProvider::Options &options) {
+                                           options.launchBackend = true;
+                                           options.relaunchDelay = std::chrono::milliseconds(200);
+                                       }});
+        QVERIFY2(h.load(QStringLiteral("MainWindow"), QSize(460, 640)),
+                 qPrintable(h.errors().join('\n')));
+        QQuickItem *menuBar = h.find<QQuickItem>("menuBarView");
+        QVERIFY(menuBar);
+
+        QTRY_VERIFY_WITH_TIMEOUT(h.model().backendFailed(), 40000);
+        qunsetenv("KOVRIT_DEV_FAULT");
+        QTRY_COMPARE(h.model().error(), kCrashed);
+
+        // A signed-in user on the settings tab: not a list that loads for
+        // ever, but the failure and the restart button.
+        h.model().setIsLoggedIn(true);
+        menuBar->setProperty("currentTab", 1);
+        QTRY_VERIFY(h.findVisible("settingsView"));
+        QVERIFY(!h.findVisible("contentView"));
+        QQuickItem *settings = h.findVisible("settingsView");
+        QQuickItem *panel = h.findVisible("backendFailedPanel");
+        QVERIFY(panel);
+        QVERIFY(settings->isAncestorOf(panel));
+        QCOMPARE(panel->property("message").toString(), kCrashed);
+        QVERIFY(!h.findVisible("groupsEmptyState"));
+        QVERIFY(!h.findVisible("groupList"));
+        QQuickItem *restart = h.findVisible("restartBackendButton");
+        QVERIFY(restart);
+        QVERIFY(settings->isAncestorOf(restart));
+        h.grab(QStringLiteral("backend-failed-settings"));
+
+        // Restarted from the settings tab, the backend runs again and the
+        // tab's own content comes back (the backend then says nobody is
+        // signed in, and the login screen follows).
+        h.click(restart);
+        QVERIFY(h.model().error().isEmpty());
+        QTRY_VERIFY_WITH_TIMEOUT(!h.model().backendFailed(), 15000);
+        QVERIFY(!settings->property("showsFailure").toBool());
+        QVERIFY(settings->property("showsList").toBool());
+        QTRY_VERIFY_WITH_TIMEOUT(h.model().pm().isBackendRunning(), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(!h.model().isLoggedIn(), 15000);
+        QVERIFY(h.findVisible("loginView"));
+        QVERIFY(!h.findVisible("restartBackendButton"));
     }
 };
 
