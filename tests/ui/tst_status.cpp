@@ -330,7 +330,7 @@ private slots:
         QVERIFY(detail->mapToScene({0, 0}).y() >= name->mapToScene({0, name->height()}).y());
         QVERIFY(detail->property("font").value<QFont>().pixelSize() <
                 name->property("font").value<QFont>().pixelSize());
-        // The specified row is all there is for an idle or pending folder.
+        // An idle or pending folder has its one row and nothing more.
         QCOMPARE(detailOf(cardNamed(h, "Music")), "<no second line>");
         QCOMPARE(detailOf(cardNamed(h, "Notes")), "<no second line>");
         QVERIFY(cardNamed(h, "Music")->height() < documents->height());
