@@ -217,10 +217,14 @@ QString FolderStatusModel::distinguishingParent(const QString &path, const QStri
         return a.size() >= count && b.size() >= count &&
                a.sliced(a.size() - count) == b.sliced(b.size() - count);
     };
-    for (qsizetype count = 1; count <= mine.size(); ++count) {
+    // (A folder at the root has no parent names: it starts with the root.)
+    for (qsizetype count = std::min<qsizetype>(1, mine.size()); count <= mine.size(); ++count) {
         bool apart = true;
         for (const QStringList &other : std::as_const(theirs)) {
-            if (sameEnd(mine, other, count)) {
+            // All of them are shown from the root: only the same parent
+            // reads the same then.
+            const bool same = count == mine.size() ? other == mine : sameEnd(mine, other, count);
+            if (same) {
                 apart = false;
                 break;
             }
@@ -229,7 +233,10 @@ QString FolderStatusModel::distinguishingParent(const QString &path, const QStri
             return lastFolders(mine, count);
         }
     }
-    return lastFolders(mine, mine.size());
+    // Another folder of that name sits in the same folder (the backend names
+    // folders itself): only the folder's own path tells them apart.
+    return QLatin1Char('/') +
+           path.split(QLatin1Char('/'), Qt::SkipEmptyParts).join(QLatin1Char('/'));
 }
 
 } // namespace tarnwick::ui

@@ -21,8 +21,9 @@ namespace tarnwick::ui {
 // - "location": for a folder whose name another folder also has, the name of
 //   the folder it sits in ("Work" for /home/ana/Work/Documents beside
 //   /home/ana/Documents); when the parents' names are the same too, as many
-//   of the last parent folders as it takes ("a/Work", "b/Work"). Empty for a
-//   name of its own.
+//   of the last parent folders as it takes ("a/Work", "b/Work"), up to the
+//   whole path of the parent; the folder's own path when another folder of
+//   that name has the same parent. Empty for a name of its own.
 // - "groupName": the name of the folder's sync group, once the groups are
 //   known; empty before.
 // - "error" is empty text, not nothing, for a folder without an error.
@@ -49,7 +50,8 @@ public:
     QHash<int, QByteArray> roleNames() const override;
 
     // The shortest run of trailing parent folder names that tells `path`
-    // apart from each of `others` ("" when `others` holds only `path`).
+    // apart from each of `others` ("" when `others` holds only `path`; `path`
+    // itself when one of them has the same parent).
     static QString distinguishingParent(const QString &path, const QStringList &others);
 
 signals:

@@ -402,6 +402,20 @@ private slots:
         QCOMPARE(detailOf(cardAt("/home/ana/Work/Documents")),
                  QStringLiteral("in Work  \u00b7  1 of 6 - Scanning files (3)"));
 
+        // A folder the backend renames into a name another one in the same
+        // folder has: their own paths tell them apart.
+        DirItem renamed = folder("/home/ana/Pictures", "Up to date");
+        renamed.name = "Documents";
+        h.model().update({renamed});
+        QTRY_COMPARE(detailOf(cardAt("/home/ana/Pictures")), "in /home/ana/Pictures");
+        QCOMPARE(detailOf(cardAt("/home/ana/Documents")), "in /home/ana/Documents");
+        QCOMPARE(detailOf(cardAt("/mnt/backup/ana/Documents")), "in backup/ana");
+        // Renamed back, it stands alone again.
+        renamed.name = "Pictures";
+        h.model().update({renamed});
+        QTRY_COMPARE(detailOf(cardAt("/home/ana/Pictures")), "<no second line>");
+        QCOMPARE(detailOf(cardAt("/home/ana/Documents")), "in /home/ana");
+
         // Alone again, a name needs no place.
         h.model().deleteItem(QStringLiteral("/mnt/backup/ana/Documents"));
         h.model().deleteItem(QStringLiteral("/home/ana/Work/Documents"));
@@ -421,6 +435,8 @@ private slots:
         QCOMPARE(M::distinguishingParent("/y/a/x/Docs", {"/x/Docs", "/y/a/x/Docs"}), "a/x");
         QCOMPARE(M::distinguishingParent("/Docs", {"/Docs", "/a/Docs"}), "/");
         QCOMPARE(M::distinguishingParent("/a/Docs/", {"/a/Docs/", "/b/Docs"}), "/a");
+        // The same parent: the folder's own path.
+        QCOMPARE(M::distinguishingParent("/a/x/Docs/", {"/a/x/Docs/", "/a/x/Other"}), "/a/x/Docs");
     }
 
     void aFolderInErrorCarriesAMark() {
