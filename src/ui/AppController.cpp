@@ -31,6 +31,10 @@ void AppController::closeWindow() {
     emit closeWindowRequested();
 }
 
+void AppController::showTab(int index) {
+    emit tabRequested(index);
+}
+
 QString AppController::siteName(const QUrl &url) {
     QString host = url.host();
     if (host.startsWith(QLatin1String("www."))) {

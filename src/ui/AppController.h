@@ -9,7 +9,7 @@ namespace tarnwick::ui {
 
 // Application-level facts and actions the screens bind to: the name and
 // version shown, whether the modern behaviour is on, the window (closing it,
-// whether it has a frame) and quitting.
+// whether it has a frame, which tab it shows) and quitting.
 class AppController : public QObject {
     Q_OBJECT
     Q_PROPERTY(QString versionText READ versionText CONSTANT)
@@ -34,6 +34,9 @@ public:
     Q_INVOKABLE void quit();
     // Closes the application's window (it stays running).
     Q_INVOKABLE void closeWindow();
+    // Brings a tab of the window to the front (0: "Status", 1: "Settings"),
+    // for the tray's menu; the window shows it once a user is signed in.
+    void showTab(int index);
 
     // The web site's name as users read it: the host of the URL without a
     // leading "www.".
@@ -45,6 +48,7 @@ public:
 signals:
     void quitRequested();
     void closeWindowRequested();
+    void tabRequested(int index);
     void framedChanged();
 
 private:

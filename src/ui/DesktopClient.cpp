@@ -100,6 +100,11 @@ int runDesktop(int &argc, char **argv) {
     QObject::connect(&tray, &TrayController::quitRequested, &application, quit);
     QObject::connect(&tray, &TrayController::toggleRequested, &window, &WindowController::toggle);
     QObject::connect(&tray, &TrayController::openRequested, &window, open);
+    QObject::connect(&tray, &TrayController::openTabRequested, &window,
+                     [&app, open](TrayController::Tab tab) {
+                         app.showTab(static_cast<int>(tab));
+                         open();
+                     });
     QObject::connect(&model.pm().instanceGuard(), &runwarden::InstanceGuard::showRequested, &window,
                      open);
     // Without a tray the window is the only way in: closing it quits.

@@ -12,7 +12,9 @@
 #include "WindowController.h"
 
 #include <QAction>
+#include <QDir>
 #include <QMenu>
+#include <QPainter>
 #include <QQuickWindow>
 #include <QSignalSpy>
 #include <QSystemTrayIcon>
@@ -32,6 +34,34 @@ DirItem folder(const std::string &path, const std::string &status) {
     item.status = status;
     item.groupID = 1;
     return item;
+}
+
+// The tray menu's shown entries, separators left out.
+QStringList menuTexts(const TrayController &tray) {
+    QStringList texts;
+    for (QAction *action : tray.trayIcon()->contextMenu()->actions()) {
+        if (!action->isSeparator() && action->isVisible()) {
+            texts << action->text();
+        }
+    }
+    return texts;
+}
+
+QAction *menuAction(const TrayController &tray, const QString &text) {
+    for (QAction *action : tray.trayIcon()->contextMenu()->actions()) {
+        if (action->text() == text) {
+            return action;
+        }
+    }
+    return nullptr;
+}
+
+// The colour of an icon's pixel inside its mark, off the sign in its middle.
+QColor insideMark(const QIcon &icon, int size) {
+    const QImage image = icon.pixmap(size, size).toImage().convertToFormat(QImage::Format_ARGB32);
+    const QRectF mark = TrayController::markRect(size);
+    const QPointF at = mark.center() - QPointF(mark.width() / 5, mark.width() / 5);
+    return image.pixelColor(int(at.x()), int(at.y()));
 }
 } // namespace
 
@@ -218,20 +248,16 @@ private slots:
         TrayController older(h.model(), false);
         QCOMPARE(older.symbol(), "internaldrive");
 
-        // The menu Linux users expect.
+        // The menu Linux users expect (a signed-in user whose address the
+        // client does not know: no address line).
         QMenu *menu = tray.trayIcon()->contextMenu();
         QVERIFY(menu);
-        QStringList texts;
-        for (QAction *action : menu->actions()) {
-            if (!action->isSeparator()) {
-                texts << action->text();
-            }
-        }
-        QCOMPARE(texts, QStringList({"Open Tarnwick", "Quit"}));
+        QCOMPARE(menuTexts(tray),
+                 QStringList({"Open Tarnwick", "Show Status", "Show Settings", "Quit"}));
         QSignalSpy open(&tray, &TrayController::openRequested);
         QSignalSpy quit(&tray, &TrayController::quitRequested);
-        menu->actions().first()->trigger();
-        menu->actions().last()->trigger();
+        menuAction(tray, "Open Tarnwick")->trigger();
+        menuAction(tray, "Quit")->trigger();
         QCOMPARE(open.size(), 1);
         QCOMPARE(quit.size(), 1);
 
@@ -241,6 +267,138 @@ private slots:
         QCOMPARE(toggle.size(), 1);
         emit tray.trayIcon()->activated(QSystemTrayIcon::DoubleClick);
         QCOMPARE(open.size(), 2);
+    }
+
+    void trayStateMarkToolTipAndMenu() {
+        UiHarness h;
+        h.model().setIsLoading(false);
+        TrayController tray(h.model(), true);
+        QSignalSpy changed(&tray, &TrayController::stateChanged);
+        QCOMPARE(tray.mark(), TrayController::Mark::none);
+        QCOMPARE(tray.toolTip(), "Signed in; no folders");
+
+        // Signed in, three folders, one of them syncing.
+        h.model().setUserName(QStringLiteral("ana@example.org"));
+        h.model().update({folder("/a", "Up to date"),
+                          folder("/b", "2 of 6 - Uploading 20000 changed files (5.7 MB)"),
+                          folder("/c", "Waiting")});
+        QTRY_COMPARE(tray.toolTip(), "Signed in as ana@example.org; 3 folders, 1 syncing");
+        QCOMPARE(tray.trayIcon()->toolTip(), tray.toolTip());
+        QCOMPARE(tray.mark(), TrayController::Mark::none);
+        QVERIFY(changed.size() > 0);
+        QCOMPARE(menuTexts(tray), QStringList({"ana@example.org", "Open Tarnwick", "Show Status",
+                                               "Show Settings", "Quit"}));
+        QVERIFY(!menuAction(tray, "ana@example.org")->isEnabled());
+        QVERIFY(!menuAction(tray, "Restart backend")->isVisible());
+
+        // The two tabs.
+        QSignalSpy tabs(&tray, &TrayController::openTabRequested);
+        menuAction(tray, "Show Settings")->trigger();
+        menuAction(tray, "Show Status")->trigger();
+        QCOMPARE(tabs.size(), 2);
+        QCOMPARE(tabs[0][0].value<TrayController::Tab>(), TrayController::Tab::settings);
+        QCOMPARE(tabs[1][0].value<TrayController::Tab>(), TrayController::Tab::status);
+
+        // A folder in error marks the icon.
+        const QColor noMark = insideMark(tray.trayIcon()->icon(), 32);
+        DirItem broken = folder("/c", "Waiting");
+        broken.error = "Permission denied";
+        h.model().update({broken});
+        QTRY_COMPARE(tray.mark(), TrayController::Mark::folderError);
+        QCOMPARE(tray.toolTip(),
+                 "Signed in as ana@example.org; 3 folders, 1 syncing, 1 with an error");
+        QCOMPARE(insideMark(tray.trayIcon()->icon(), 32).rgb(),
+                 TrayController::markColor(TrayController::Mark::folderError).rgb());
+        QVERIFY(noMark.rgb() != insideMark(tray.trayIcon()->icon(), 32).rgb() ||
+                noMark.alpha() != 255);
+        // It keeps the model's symbol under the mark.
+        QCOMPARE(tray.symbol(), h.model().menuBarString());
+
+        // Signed out: the sign-out mark, and no address or tabs to offer.
+        h.model().setIsLoggedIn(false);
+        QCOMPARE(tray.mark(), TrayController::Mark::signedOut);
+        QCOMPARE(tray.toolTip(), "Not signed in");
+        QCOMPARE(insideMark(tray.trayIcon()->icon(), 32).rgb(),
+                 TrayController::markColor(TrayController::Mark::signedOut).rgb());
+        QCOMPARE(menuTexts(tray), QStringList({"Open Tarnwick", "Quit"}));
+
+        // Signed in again and the error gone: no mark.
+        h.model().setIsLoggedIn(true);
+        h.model().update({folder("/c", "Up to date")});
+        QTRY_COMPARE(tray.mark(), TrayController::Mark::none);
+        QCOMPARE(tray.toolTip(), "Signed in as ana@example.org; 3 folders, 1 syncing");
+    }
+
+    void theMarksAreDrawnOverTheSymbol() {
+        using Mark = TrayController::Mark;
+        const QColor none = insideMark(TrayController::iconFor("internaldrive"), 32);
+        for (const Mark mark : {Mark::backendFailed, Mark::signedOut, Mark::folderError}) {
+            const QColor color = TrayController::markColor(mark);
+            QVERIFY(color.isValid());
+            for (const QString &symbol :
+                 {QStringLiteral("internaldrive"), QStringLiteral("arrow.clockwise"),
+                  QStringLiteral("no.such.symbol")}) {
+                const QIcon icon = TrayController::iconFor(symbol, mark);
+                for (const int size : {16, 22, 32, 64}) {
+                    const QColor at = insideMark(icon, size);
+                    QVERIFY2(at.rgb() == color.rgb() && at.alpha() == 255,
+                             qPrintable(QStringLiteral("%1 at %2: %3")
+                                            .arg(symbol)
+                                            .arg(size)
+                                            .arg(at.name(QColor::HexArgb))));
+                }
+            }
+            QVERIFY(none.rgba() != color.rgba());
+        }
+        // A picture of them on a light and a dark panel, to look at: no mark,
+        // the backend failed, signed out, a folder in error.
+        const QList<Mark> marks{Mark::none, Mark::backendFailed, Mark::signedOut,
+                                Mark::folderError};
+        QImage sheet(40 * int(marks.size()) * 2, 80, QImage::Format_ARGB32);
+        QPainter painter(&sheet);
+        painter.fillRect(QRect(0, 0, sheet.width(), 40), QColor(240, 240, 240));
+        painter.fillRect(QRect(0, 40, sheet.width(), 40), QColor(40, 40, 40));
+        for (int i = 0; i < marks.size(); ++i) {
+            for (int row = 0; row < 2; ++row) {
+                painter.drawPixmap(80 * i + 4, 40 * row + 9,
+                                   TrayController::iconFor("internaldrive", marks[i]).pixmap(22));
+                painter.drawPixmap(80 * i + 40, 40 * row + 4,
+                                   TrayController::iconFor("arrow.clockwise", marks[i]).pixmap(32));
+            }
+        }
+        painter.end();
+        QDir().mkpath(UiHarness::screenshotDirectory());
+        // (Three times as large, pixel for pixel.)
+        QVERIFY(sheet.scaled(sheet.size() * 3, Qt::IgnoreAspectRatio, Qt::FastTransformation)
+                    .save(UiHarness::screenshotDirectory() + "/tray-marks.png"));
+
+        // Three marks, three colours.
+        QVERIFY(TrayController::markColor(Mark::backendFailed) !=
+                TrayController::markColor(Mark::folderError));
+        QVERIFY(TrayController::markColor(Mark::signedOut) !=
+                TrayController::markColor(Mark::folderError));
+        QVERIFY(!TrayController::markColor(Mark::none).isValid());
+        // The mark sits in the lower right corner, leaving most of the
+        // symbol free.
+        const QRect mark = TrayController::markRect(32);
+        QCOMPARE(mark.bottomRight(), QPoint(31, 31));
+        QVERIFY(mark.width() * mark.height() < 32 * 32 / 3);
+    }
+
+    void theTrayOpensTheWindowOnATab() {
+        UiHarness h;
+        QVERIFY2(h.load(QStringLiteral("MenuBarView")), qPrintable(h.errors().join('\n')));
+        TrayController tray(h.model(), true);
+        // What the desktop client does with the tray's request.
+        QObject::connect(&tray, &TrayController::openTabRequested, &h.app(),
+                         [&h](TrayController::Tab tab) { h.app().showTab(int(tab)); });
+        QCOMPARE(h.root()->property("currentTab").toInt(), 0);
+        menuAction(tray, "Show Settings")->trigger();
+        QCOMPARE(h.root()->property("currentTab").toInt(), 1);
+        QVERIFY(h.findVisible("settingsLoader"));
+        menuAction(tray, "Show Status")->trigger();
+        QCOMPARE(h.root()->property("currentTab").toInt(), 0);
+        QVERIFY(h.findVisible("contentView"));
     }
 
     void theApplicationIconStandsInForAMissingSymbol() {

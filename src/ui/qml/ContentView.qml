@@ -140,7 +140,11 @@ Rectangle {
             reuseItems: true
             cacheBuffer: 200
             boundsBehavior: Flickable.StopAtBounds
-            model: ItemsProvider.dirItems
+            model: FolderStatusModel {
+                objectName: "folderStatusModel"
+                sourceModel: ItemsProvider.dirItems
+                groups: ItemsProvider.groups
+            }
             ScrollBar.vertical: ScrollBar {
                 objectName: "folderListScrollBar"
             }
@@ -152,6 +156,10 @@ Rectangle {
                 required property string name
                 required property real progress
                 required property string icon
+                required property string status
+                required property string error
+                required property string location
+                required property string groupName
 
                 width: ListView.view.width
                 height: card.implicitHeight
@@ -165,6 +173,10 @@ Rectangle {
                     name: row.name
                     progress: row.progress
                     icon: row.icon
+                    status: row.status
+                    error: row.error
+                    location: row.location
+                    groupName: row.groupName
                     webSiteName: AppController.siteName(ItemsProvider.loginURL)
                     hovered: view.hoveredItem === row.path
                     onHoverChanged: function(inside) {

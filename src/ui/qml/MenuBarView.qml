@@ -20,6 +20,15 @@ Rectangle {
     implicitWidth: AppController.isMacOS13 && updaterConfigured ? 540 : 450
     implicitHeight: 650
 
+    // The tray's "Show Status" and "Show Settings".
+    Connections {
+        target: AppController
+        function onTabRequested(index: int) {
+            if (index >= 0 && index < tabBar.count)
+                tabBar.currentIndex = index
+        }
+    }
+
     ColumnLayout {
         anchors.fill: parent
         spacing: 0

@@ -8,7 +8,9 @@ import Tarnwick
 // Photos libraries are added here (iCloud locations only after the user
 // confirms), folders are stopped here, and a group's retention is edited
 // here. The Photos instructions and the retention screen take the list's
-// place while they are open.
+// place while they are open. While the backend has failed for good, nothing
+// here can be asked for or changed: the failure and the way to restart the
+// backend take the whole tab's place.
 Item {
     id: view
     objectName: "settingsView"
@@ -18,10 +20,13 @@ Item {
     property alias initialRefreshDelay: controller.initialRefreshDelay
     readonly property alias controller: controller
 
-    readonly property bool showsInstructions: controller.showPhotoLibraryInstructions
-    readonly property bool showsRetention: !showsInstructions && controller.showRetentionSettings
+    readonly property bool showsFailure: ItemsProvider.backendFailed
+    readonly property bool showsInstructions: !showsFailure
+                                              && controller.showPhotoLibraryInstructions
+    readonly property bool showsRetention: !showsFailure && !showsInstructions
+                                           && controller.showRetentionSettings
                                            && controller.hasSelectedGroup
-    readonly property bool showsList: !showsInstructions && !showsRetention
+    readonly property bool showsList: !showsFailure && !showsInstructions && !showsRetention
     readonly property bool isLoadingGroups: !controller.hasTimeElapsed || ItemsProvider.isLoading
 
     SettingsController {
@@ -40,9 +45,23 @@ Item {
         wasVisible = visible
     }
     onVisibleChanged: noteVisibility()
+    // A backend started again after its failure has not been asked for the
+    // groups yet: the list appears anew.
+    Connections {
+        target: ItemsProvider
+        function onBackendFailedChanged() {
+            if (!ItemsProvider.backendFailed && view.visible)
+                controller.appeared()
+        }
+    }
     // Qt 6.4's type information lists Qt.callLater as a plain property, so
     // the linter cannot tell that it is callable.
     Component.onCompleted: Qt.callLater(noteVisibility) // qmllint disable type
+
+    BackendFailedView {
+        anchors.fill: parent
+        visible: view.showsFailure
+    }
 
     PhotoLibraryInstructionsView {
         anchors.fill: parent
