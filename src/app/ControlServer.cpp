@@ -135,21 +135,29 @@ void ControlServer::status(GuardConnection *connection) {
     reply(connection, line);
 }
 
+void ControlServer::withFreshGroups(GuardConnection *connection,
+                                    std::function<void(GuardConnection *)> action) {
+    QPointer<GuardConnection> guard(connection);
+    model_.publishAndWait(commands::getGroups(),
+                          [this, guard, action = std::move(action)](const CommandOutcome &outcome) {
+                              if (!guard) {
+                                  return;
+                              }
+                              if (outcome) {
+                                  failWith(guard, *outcome);
+                                  return;
+                              }
+                              if (!model_.isLoggedIn()) {
+                                  fail(guard, QString::fromLatin1(notSignedInText));
+                                  return;
+                              }
+                              action(guard);
+                          });
+}
+
 void ControlServer::groups(GuardConnection *connection) {
     // A fresh list first, so the answer is the backend's current one.
-    QPointer<GuardConnection> guard(connection);
-    model_.publishAndWait(commands::getGroups(), [this, guard](const CommandOutcome &outcome) {
-        if (!guard) {
-            return;
-        }
-        if (outcome) {
-            failWith(guard, *outcome);
-            return;
-        }
-        if (!model_.isLoggedIn()) {
-            fail(guard, QString::fromLatin1(notSignedInText));
-            return;
-        }
+    withFreshGroups(connection, [this](GuardConnection *guard) {
         QJsonObject line = ok();
         line.insert(QStringLiteral("groups"), wireArray(encodeGroupItems(model_.groups())));
         reply(guard, line);
@@ -241,20 +249,9 @@ void ControlServer::add(GuardConnection *connection) {
         fail(connection, QStringLiteral("A group name and an absolute path are needed."));
         return;
     }
-    QPointer<GuardConnection> guard(connection);
     // The groups as the backend has them now, to check the name against.
-    model_.publishAndWait(commands::getGroups(), [=, this](const CommandOutcome &outcome) {
-        if (!guard) {
-            return;
-        }
-        if (outcome) {
-            failWith(guard, *outcome);
-            return;
-        }
-        if (!model_.isLoggedIn()) {
-            fail(guard, QString::fromLatin1(notSignedInText));
-            return;
-        }
+    withFreshGroups(connection, [=, this](GuardConnection *answering) {
+        QPointer<GuardConnection> guard(answering);
         if (!groupNamed(model_, group)) {
             QStringList names;
             for (const GroupItem &g : model_.groups()) {

@@ -55,6 +55,10 @@ private:
     // Runs `action` once no user request is in flight (requests are one at a
     // time, and a request sent meanwhile would be dropped).
     void whenIdle(runwarden::GuardConnection *connection, std::function<void()> action);
+    // Asks the backend for its group list, then runs `action` (or reports why
+    // it cannot: the request failed, or nobody is signed in).
+    void withFreshGroups(runwarden::GuardConnection *connection,
+                         std::function<void(runwarden::GuardConnection *)> action);
     // Sends a change through `send`; a failed change is reported at once,
     // a successful one once the group list shows it (see waitForGroups).
     void changeAndConfirm(runwarden::GuardConnection *connection,
