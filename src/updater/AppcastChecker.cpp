@@ -47,11 +47,6 @@ void printLine(const QString &line) {
     std::fflush(stdout);
 }
 
-bool isWebURL(const QUrl &url) {
-    return url.isValid() && !url.host().isEmpty() &&
-           (url.scheme() == QLatin1String("https") || url.scheme() == QLatin1String("http"));
-}
-
 int effectivePort(const QUrl &url) {
     return url.port(url.scheme() == QLatin1String("https") ? 443 : 80);
 }
@@ -161,9 +156,9 @@ AppcastChecker::AppcastChecker(Config config, QObject *parent)
         // No feed (a distribution package): updates come from elsewhere and
         // the checker keeps quiet.
         configured_ = false;
-    } else if (!isWebURL(config_.feedURL)) {
-        log(QStringLiteral("warning: the update feed \"%1\" is not an http or https URL; update "
-                           "checks are off")
+    } else if (!isSecureUpdateURL(config_.feedURL)) {
+        log(QStringLiteral("warning: the update feed \"%1\" is not an https URL; update checks "
+                           "are off")
                 .arg(config_.feedURL.toString()));
     } else if (config_.publicKey.size() != UpdateVerifier::kPublicKeySize) {
         log(QStringLiteral("warning: no valid public key for update signatures; update checks "

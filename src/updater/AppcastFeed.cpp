@@ -1,5 +1,7 @@
 #include "AppcastFeed.h"
 
+#include <QHostAddress>
+
 #include "UpdateVerifier.h"
 
 #include <QStringView>
@@ -144,8 +146,7 @@ void readItem(QXmlStreamReader &reader, const QUrl &feedURL, AppcastParseResult 
     }
     const QUrl relative(enclosure->url, QUrl::StrictMode);
     const QUrl url = feedURL.resolved(relative);
-    if (!relative.isValid() || !url.isValid() || url.host().isEmpty() ||
-        (url.scheme() != QLatin1String("https") && url.scheme() != QLatin1String("http"))) {
+    if (!relative.isValid() || !isSecureUpdateURL(url)) {
         skip(QStringLiteral("unusable download URL"));
         return;
     }
@@ -176,6 +177,24 @@ void readItem(QXmlStreamReader &reader, const QUrl &feedURL, AppcastParseResult 
 }
 
 } // namespace
+
+bool isSecureUpdateURL(const QUrl &url) {
+    if (!url.isValid() || url.host().isEmpty()) {
+        return false;
+    }
+    if (url.scheme() == QLatin1String("https")) {
+        return true;
+    }
+    if (url.scheme() != QLatin1String("http")) {
+        return false;
+    }
+    const QString host = url.host();
+    if (host.compare(QLatin1String("localhost"), Qt::CaseInsensitive) == 0) {
+        return true;
+    }
+    const QHostAddress address(host);
+    return !address.isNull() && address.isLoopback();
+}
 
 AppcastParseResult parseAppcast(const QByteArray &xml, const QUrl &feedURL) {
     AppcastParseResult result;

@@ -44,6 +44,11 @@ inline constexpr auto kSparkleNamespace = "http://www.andymatuschak.org/xml-name
 // skipped. Never throws; any malformed input ends in `error`.
 AppcastParseResult parseAppcast(const QByteArray &xml, const QUrl &feedURL);
 
+// Where updates may come from: https, or plain http to this computer itself (a
+// feed served locally, as in tests). Anything sent in the clear over a network
+// could be replaced on its way.
+bool isSecureUpdateURL(const QUrl &url);
+
 // Dotted numeric versions ("1", "1.2", "10.0.3"): true when `text` is one.
 bool isDottedNumericVersion(const QString &text);
 

@@ -597,6 +597,37 @@ private slots:
             QVERIFY2(!checker.isConfigured(), url);
         }
     }
+
+    void onlyHttpsFeedsAndDownloadsOverTheNetwork() {
+        // Plain http over a network could be replaced on its way: only this
+        // computer itself may serve updates without TLS (as the tests do).
+        for (const char *url :
+             {"http://updates.example.org/appcast.xml", "http://10.0.0.7/appcast.xml",
+              "http://[2001:db8::1]/appcast.xml"}) {
+            log_->clear();
+            AppcastChecker::Config c = config();
+            c.feedURL = QUrl(QString::fromLatin1(url));
+            AppcastChecker checker(c);
+            QVERIFY2(!checker.isConfigured(), url);
+            QVERIFY(log_->join('\n').contains("is not an https URL; update checks are off"));
+        }
+        for (const char *url :
+             {"https://updates.example.org/appcast.xml", "http://127.0.0.1:8080/appcast.xml",
+              "http://[::1]/appcast.xml", "http://localhost/appcast.xml"}) {
+            AppcastChecker::Config c = config();
+            c.feedURL = QUrl(QString::fromLatin1(url));
+            QVERIFY2(AppcastChecker(c).isConfigured(), url);
+        }
+        // A download offered over plain http by an https feed is not taken.
+        const QByteArray signature(64, 'S');
+        const QList<FeedItem> items{
+            {"1.2.0", "http://mirror.example.org/tarnwick-1.2.0.tar.gz", signature, 5, {}, {}, {}},
+        };
+        const auto result = tarnwick::updater::parseAppcast(
+            feedOf(items), QUrl("https://updates.example.org/appcast.xml"));
+        QVERIFY(result.items.isEmpty());
+        QCOMPARE(result.skipped.size(), 1);
+    }
 };
 
 QTEST_GUILESS_MAIN(AppcastCheckerTest)
