@@ -26,6 +26,8 @@ constexpr int kPortLower = 8001;
 constexpr int kPortUpper = 9000; // exclusive
 constexpr int kPublishAttempts = 6;
 constexpr std::chrono::milliseconds kDeleteRepeat{500};
+// How long after sending the code the login screen waits for a signed-in user.
+constexpr std::chrono::milliseconds kLoginFailureDelay{5000};
 
 std::string utf8(const QString &text) {
     return text.toStdString();
@@ -506,7 +508,7 @@ void ItemsProvider::performLogin(const QString &code, Completion sent) {
     QMetaObject::invokeMethod(
         this, [this] { setLoginMessage(QStringLiteral("Authenticating ...")); },
         Qt::QueuedConnection);
-    clock_->singleShot(loginFailureDelay_, this, [this] {
+    clock_->singleShot(kLoginFailureDelay, this, [this] {
         if (!isLoggedIn_) {
             setLoginMessage(QString::fromLatin1(loginFailedText));
             emit loginFailed();

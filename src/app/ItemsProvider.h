@@ -158,7 +158,6 @@ public:
     Q_INVOKABLE void performLogin(const QString &code);
     // The same; sent hears the outcome of the "auth" command itself.
     void performLogin(const QString &code, Completion sent);
-    void setLoginFailureDelay(std::chrono::milliseconds delay) { loginFailureDelay_ = delay; }
     // The footer's "Logout": 0.1 s later "logoutAndExit" goes to the backend;
     // when it has answered, quitRequested() asks the application to end.
     // False when another request is under way.
@@ -218,7 +217,6 @@ private:
     QSet<qint64> pendingRetentionUpdates_;
     int port_ = 0;
     bool destroying_ = false;
-    std::chrono::milliseconds loginFailureDelay_{5000};
     std::unique_ptr<tidepost::BackendSession> session_;
     std::unique_ptr<supervisor::BackendLauncher> launcher_;
 };

@@ -103,6 +103,27 @@ struct Helper {
 
 } // namespace
 
+// A temporary directory of the test's own as TMPDIR, and no runtime directory,
+// until the end of the scope (also when a check fails half-way).
+struct TemporaryDirectoryWithoutRuntime {
+    QTemporaryDir dir;
+    QByteArray savedTmp = qgetenv("TMPDIR");
+    QByteArray savedRuntime = qgetenv("XDG_RUNTIME_DIR");
+
+    TemporaryDirectoryWithoutRuntime() {
+        qputenv("TMPDIR", QFile::encodeName(dir.path()));
+        qunsetenv("XDG_RUNTIME_DIR");
+    }
+    ~TemporaryDirectoryWithoutRuntime() {
+        qputenv("TMPDIR", savedTmp);
+        qputenv("XDG_RUNTIME_DIR", savedRuntime);
+    }
+    // The private folder the guard uses for `name` there.
+    QString folderFor(const QString &name) const {
+        return QDir::cleanPath(dir.path()) + QStringLiteral("/%1-%2").arg(name).arg(::getuid());
+    }
+};
+
 class GuardTest : public QObject {
     Q_OBJECT
 
@@ -144,12 +165,8 @@ private slots:
     }
 
     void socketPathFallsBackToAPrivateTemporaryFolder() {
-        QTemporaryDir tmp;
-        const QByteArray savedTmp = qgetenv("TMPDIR");
-        qputenv("TMPDIR", QFile::encodeName(tmp.path()));
-        qunsetenv("XDG_RUNTIME_DIR");
-        const QString folder =
-            QDir::cleanPath(tmp.path()) + QStringLiteral("/%1-%2").arg(testName).arg(::getuid());
+        const TemporaryDirectoryWithoutRuntime tmp;
+        const QString folder = tmp.folderFor(testName);
         QCOMPARE(instanceSocketPath(testName),
                  folder + QStringLiteral("/%1-%2.socket").arg(testName).arg(::getuid()));
         // Made for this user alone.
@@ -166,20 +183,15 @@ private slots:
         QVERIFY(!instanceSocketPath(testName).isEmpty());
         QCOMPARE(::lstat(QFile::encodeName(folder).constData(), &info), 0);
         QCOMPARE(info.st_mode & 0777, mode_t(0700));
-        qputenv("TMPDIR", savedTmp);
     }
 
     void aTemporaryFolderOfAnotherUserIsRefused() {
         if (::getuid() != 0) {
             QSKIP("making a folder another user owns needs root");
         }
-        QTemporaryDir tmp;
-        const QByteArray savedTmp = qgetenv("TMPDIR");
-        qputenv("TMPDIR", QFile::encodeName(tmp.path()));
-        qunsetenv("XDG_RUNTIME_DIR");
+        const TemporaryDirectoryWithoutRuntime tmp;
         // Another user got there first.
-        const QString folder =
-            QDir::cleanPath(tmp.path()) + QStringLiteral("/%1-%2").arg(testName).arg(::getuid());
+        const QString folder = tmp.folderFor(testName);
         QVERIFY(QDir().mkpath(folder));
         QVERIFY(::chown(QFile::encodeName(folder).constData(), 4242, 4242) == 0);
         const InstanceSocketLocation location = instanceSocketLocation(testName);
@@ -194,9 +206,8 @@ private slots:
         QVERIFY(QDir(folder).entryList(QDir::AllEntries | QDir::NoDotAndDotDot).isEmpty());
         // A link in its place is refused too.
         QVERIFY(QDir(folder).removeRecursively());
-        QVERIFY(QFile::link(tmp.path(), folder));
+        QVERIFY(QFile::link(tmp.dir.path(), folder));
         QVERIFY(instanceSocketLocation(testName).path.isEmpty());
-        qputenv("TMPDIR", savedTmp);
     }
 
     void secondInstanceExitsAndFirstShows() {
