@@ -94,11 +94,97 @@ ssize_t readFully(int fd, void *buffer, std::size_t size) {
     return static_cast<ssize_t>(total);
 }
 
-// Copies the shipped file over the destination and makes it executable.
+[[noreturn]] void throwCopyError(const char *what, const fs::path &source,
+                                 const fs::path &destination, int error) {
+    throw fs::filesystem_error(what, source, destination,
+                               std::error_code(error, std::generic_category()));
+}
+
+// The bytes themselves, with the system's own reason on failure: the library's copy reports
+// a full disk as a generic input/output error, which tells the user nothing.
+void copyBytes(const fs::path &source, const fs::path &destination) {
+    const FileDescriptor in(::open(source.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!in.valid()) {
+        throwCopyError("cannot open the shipped backend", source, destination, errno);
+    }
+    const FileDescriptor out(
+        ::open(destination.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!out.valid()) {
+        throwCopyError("cannot create the copy", source, destination, errno);
+    }
+    constexpr std::size_t kBlock = 1 << 20;
+    const auto buffer = std::make_unique<unsigned char[]>(kBlock);
+    for (;;) {
+        const ssize_t got = readFully(in.get(), buffer.get(), kBlock);
+        if (got < 0) {
+            throwCopyError("cannot read the shipped backend", source, destination, errno);
+        }
+        if (got == 0) {
+            break;
+        }
+        std::size_t written = 0;
+        while (written < static_cast<std::size_t>(got)) {
+            const ssize_t n =
+                ::write(out.get(), buffer.get() + written, static_cast<std::size_t>(got) - written);
+            if (n < 0) {
+                if (errno == EINTR) {
+                    continue;
+                }
+                throwCopyError("cannot write the copy", source, destination, errno);
+            }
+            written += static_cast<std::size_t>(n);
+        }
+    }
+    // Some file systems only report a full disk when the data reaches it.
+    if (::fsync(out.get()) != 0 && errno != EINVAL) {
+        throwCopyError("cannot write the copy", source, destination, errno);
+    }
+}
+
+// Copies the shipped file over the destination and makes it executable. The
+// bytes go to a temporary file beside the destination first, which is renamed
+// into place only when complete: a failed copy (a full disk, say) leaves
+// nothing behind that could later be taken for the backend.
 // Throws std::filesystem::filesystem_error on the first failure.
 void copyExecutable(const fs::path &source, const fs::path &destination) {
-    fs::copy_file(source, destination);
-    fs::permissions(destination, static_cast<fs::perms>(0755), fs::perm_options::replace);
+    fs::path partial = destination;
+    partial += ".partial";
+    std::error_code ignored;
+    fs::remove(partial, ignored);
+    try {
+        copyBytes(source, partial);
+        fs::permissions(partial, static_cast<fs::perms>(0755), fs::perm_options::replace);
+        fs::rename(partial, destination);
+    } catch (...) {
+        fs::remove(partial, ignored);
+        throw;
+    }
+}
+
+// What went wrong with a copy, in words a user can act on.
+QString copyFailureText(const std::error_code &error) {
+    const QString system = QString::fromStdString(error.message());
+    if (error == std::errc::no_space_on_device) {
+        return QStringLiteral("the disk is full (%1)").arg(system);
+    }
+#ifdef EDQUOT
+    if (error.value() == EDQUOT && error.category() == std::generic_category()) {
+        return QStringLiteral("the disk quota is used up (%1)").arg(system);
+    }
+#endif
+    if (error == std::errc::directory_not_empty || error == std::errc::is_a_directory) {
+        return QStringLiteral("a folder is in the way (%1)").arg(system);
+    }
+    if (error == std::errc::permission_denied || error == std::errc::operation_not_permitted ||
+        error == std::errc::read_only_file_system) {
+        return QStringLiteral("it may not be written there (%1)").arg(system);
+    }
+    return system;
+}
+
+QString copyFailureReason(const QString &destination, const std::error_code &error) {
+    return QStringLiteral("The backend could not be copied to %1: %2.")
+        .arg(destination, copyFailureText(error));
 }
 
 } // namespace
@@ -178,6 +264,62 @@ bool BinaryPreparation::validateBinary(const QString &path) const {
     }
     log_(QStringLiteral("Binary validation passed for %1").arg(path));
     return true;
+}
+
+std::optional<QString> BinaryPreparation::fail(const QString &reason) const {
+    failureReason_ = reason;
+    return std::nullopt;
+}
+
+bool BinaryPreparation::ensurePrivateDirectory(const QString &directory) const {
+    const QByteArray native = QFile::encodeName(directory);
+    struct stat attributes {};
+    if (::lstat(native.constData(), &attributes) != 0) {
+        const int error = errno;
+        log_(QStringLiteral("Error: Could not inspect the bin folder %1: %2")
+                 .arg(directory, QString::fromStdString(errnoText(error))));
+        fail(QStringLiteral("The backend's folder %1 cannot be used: %2.")
+                 .arg(directory, QString::fromStdString(errnoText(error))));
+        return false;
+    }
+    QString problem;
+    if (!S_ISDIR(attributes.st_mode)) {
+        problem = QStringLiteral("it is not a real folder");
+    } else if (attributes.st_uid != ::geteuid()) {
+        problem = QStringLiteral("it belongs to user %1").arg(attributes.st_uid);
+    } else if ((attributes.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        problem = QStringLiteral("others may write to it (mode %1)")
+                      .arg(attributes.st_mode & 07777, 4, 8, QLatin1Char('0'));
+    }
+    if (problem.isEmpty()) {
+        return true;
+    }
+    log_(QStringLiteral("The bin folder %1 is not private (%2); making it again")
+             .arg(directory, problem));
+    std::error_code error;
+    // A link is removed itself, never what it points to.
+    fs::remove_all(toPath(directory), error);
+    if (!error && ::mkdir(native.constData(), 0700) != 0) {
+        error = std::error_code(errno, std::generic_category());
+    }
+    if (error) {
+        log_(QStringLiteral("Error: Could not make the bin folder %1 again: %2")
+                 .arg(directory, QString::fromStdString(error.message())));
+        fail(QStringLiteral("The backend's folder %1 is not private (%2) and could not be made "
+                            "again: %3.")
+                 .arg(directory, problem, QString::fromStdString(error.message())));
+        return false;
+    }
+    return true;
+}
+
+bool BinaryPreparation::isPrivateCopy(const QString &path) const {
+    struct stat attributes {};
+    if (::lstat(QFile::encodeName(path).constData(), &attributes) != 0) {
+        return false;
+    }
+    return S_ISREG(attributes.st_mode) && attributes.st_uid == ::geteuid() &&
+           (attributes.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
 std::optional<std::string> BinaryPreparation::sha256OfFile(const QString &path) {
@@ -260,17 +402,21 @@ std::optional<BinaryPreparation::Locations> BinaryPreparation::locate(const QStr
     const std::optional<QString> shipped = shippedFile(name);
     if (!shipped) {
         log_(QStringLiteral("Error: Bundled binary not found: %1").arg(name));
+        failureReason_ =
+            QStringLiteral("The backend %1 is missing from this installation.").arg(name);
         return std::nullopt;
     }
     const std::optional<QString> dataDirectory = dataDirectory_();
     if (!dataDirectory) {
         log_(QStringLiteral("Error: Could not access Application Support directory"));
+        failureReason_ = QStringLiteral("There is no data folder to keep the backend in.");
         return std::nullopt;
     }
     return Locations{*shipped, binDirectory(*dataDirectory)};
 }
 
 std::optional<QString> BinaryPreparation::getWritableBinaryURL(const QString &name) const {
+    failureReason_.clear();
     const std::optional<Locations> locations = locate(name);
     if (!locations) {
         return std::nullopt;
@@ -280,10 +426,21 @@ std::optional<QString> BinaryPreparation::getWritableBinaryURL(const QString &na
     const QString destination = directory + QLatin1Char('/') + name;
 
     std::error_code error;
-    fs::create_directories(toPath(directory), error);
+    if (!somethingAt(toPath(directory))) {
+        // Made private from the start: only we may put a backend there.
+        fs::create_directories(toPath(directory).parent_path(), error);
+        if (!error && ::mkdir(QFile::encodeName(directory).constData(), 0700) != 0 &&
+            errno != EEXIST) {
+            error = std::error_code(errno, std::generic_category());
+        }
+    }
     if (error) {
         log_(QStringLiteral("Error creating bin directory: %1")
                  .arg(QString::fromStdString(error.message())));
+        return fail(QStringLiteral("The backend's folder %1 could not be made: %2.")
+                        .arg(directory, QString::fromStdString(error.message())));
+    }
+    if (!ensurePrivateDirectory(directory)) {
         return std::nullopt;
     }
 
@@ -294,6 +451,10 @@ std::optional<QString> BinaryPreparation::getWritableBinaryURL(const QString &na
     } else if (!validateBinary(destination)) {
         log_(QStringLiteral(
             "Existing binary is malformed or corrupted, will replace with bundle version"));
+        copyNeeded = true;
+    } else if (!isPrivateCopy(destination)) {
+        log_(QStringLiteral("Existing binary is not a private file of ours, will replace with "
+                            "bundle version"));
         copyNeeded = true;
     } else {
         // Both digests, always; side by side, since each is a pass over tens
@@ -327,27 +488,34 @@ std::optional<QString> BinaryPreparation::getWritableBinaryURL(const QString &na
     } catch (const fs::filesystem_error &failure) {
         log_(
             QStringLiteral("Error copying binary: %1").arg(QString::fromLocal8Bit(failure.what())));
-        return std::nullopt;
+        return fail(copyFailureReason(destination, failure.code()));
     }
 
     if (!validateBinary(destination)) {
         log_(QStringLiteral("Error: Newly copied binary failed validation"));
         std::error_code ignored;
         fs::remove(toPath(destination), ignored);
-        return std::nullopt;
+        return fail(QStringLiteral("The backend shipped with this installation (%1) failed its "
+                                   "checks after copying.")
+                        .arg(shipped));
     }
     return destination;
 }
 
 std::optional<QString> BinaryPreparation::forceReplaceBinaryFromBundle(const QString &name) const {
+    failureReason_.clear();
     const std::optional<Locations> locations = locate(name);
     if (!locations) {
         return std::nullopt;
     }
     const QString &shipped = locations->shipped;
     // The directory is not created here: when it is gone, the copy fails and
-    // recovery reports it.
+    // recovery reports it. One that is there must still be private.
     const QString destination = locations->binDirectory + QLatin1Char('/') + name;
+    if (somethingAt(toPath(locations->binDirectory)) &&
+        !ensurePrivateDirectory(locations->binDirectory)) {
+        return std::nullopt;
+    }
     try {
         if (somethingAt(toPath(destination))) {
             fs::remove(toPath(destination));
@@ -358,12 +526,14 @@ std::optional<QString> BinaryPreparation::forceReplaceBinaryFromBundle(const QSt
     } catch (const fs::filesystem_error &failure) {
         log_(QStringLiteral("Error during crash recovery binary replacement: %1")
                  .arg(QString::fromLocal8Bit(failure.what())));
-        return std::nullopt;
+        return fail(copyFailureReason(destination, failure.code()));
     }
     if (!validateBinary(destination)) {
         // Unlike the normal preparation, the invalid copy stays where it is.
         log_(QStringLiteral("Error: Crash recovery binary replacement failed validation"));
-        return std::nullopt;
+        return fail(QStringLiteral("The backend shipped with this installation (%1) failed its "
+                                   "checks after copying.")
+                        .arg(shipped));
     }
     return destination;
 }

@@ -40,6 +40,10 @@ public:
 
     const ResourceLookup &resources() const { return resources_; }
 
+    // Why the last preparation or replacement gave no copy, in words for the
+    // user (empty after a success).
+    const QString &failureReason() const { return failureReason_; }
+
     // The copy's directory below the data directory.
     static QString binDirectory(const QString &dataDirectory);
 
@@ -51,10 +55,19 @@ private:
     std::optional<QString> shippedFile(const QString &name) const;
     // Both places, or empty after logging why not.
     std::optional<Locations> locate(const QString &name) const;
+    // The bin folder must be a real folder of our own that nobody else can
+    // write to: a folder anyone else could change could swap the backend
+    // between its check and its start. One that is not is removed and made
+    // again, private. False (with the reason set) when that fails.
+    bool ensurePrivateDirectory(const QString &directory) const;
+    // Whether the copy is a regular file of ours that nobody else may write.
+    bool isPrivateCopy(const QString &path) const;
+    std::optional<QString> fail(const QString &reason) const;
 
     LogFunction log_;
     ResourceLookup resources_;
     DataDirectoryLookup dataDirectory_;
+    mutable QString failureReason_;
 };
 
 } // namespace tarnwick::supervisor

@@ -10,6 +10,9 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <cerrno>
+
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -305,6 +308,121 @@ private slots:
         QVERIFY(!preparation().getWritableBinaryURL("k").has_value());
         QVERIFY2(log_.last().startsWith("Error creating bin directory: "), qPrintable(log_.last()));
         QVERIFY(log_.last().size() > QString("Error creating bin directory: ").size());
+    }
+
+    void aFullDiskLeavesNoPartialCopyAndSaysSo() {
+        // The data folder on a small file system of its own: the copy runs out of space.
+        const QString small = root_.filePath("small-disk");
+        QVERIFY(QDir().mkpath(small));
+        if (::mount("tarnwick-test", QFile::encodeName(small).constData(), "tmpfs", 0,
+                    "size=256k") != 0) {
+            const int error = errno;
+            QSKIP(qPrintable(QStringLiteral("mounting a small tmpfs needs root: %1")
+                                 .arg(QString::fromLocal8Bit(strerror(error)))));
+        }
+        struct Unmount {
+            QByteArray path;
+            ~Unmount() { ::umount2(path.constData(), MNT_DETACH); }
+        } unmount{QFile::encodeName(small)};
+        data_ = small;
+        writeFile(shippedPath("k"), elfImage(1 << 20), kPlain);
+
+        QVERIFY(!preparation().getWritableBinaryURL("k").has_value());
+        QVERIFY2(log_.last().startsWith("Error copying binary: "), qPrintable(log_.last()));
+        QVERIFY2(log_.last().contains("No space left on device"), qPrintable(log_.join('\n')));
+        const BinaryPreparation failed = preparation();
+        QVERIFY(!failed.getWritableBinaryURL("k").has_value());
+        QCOMPARE(failed.failureReason(), "The backend could not be copied to " + copyPath("k") +
+                                             ": the disk is full (No space left on device).");
+        // Nothing of the copy is left: neither a partial backend nor its temporary file.
+        QCOMPARE(QDir(data_ + "/tarnwick/bin")
+                     .entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden),
+                 QStringList());
+    }
+
+    void aFolderInTheWayIsReported() {
+        writeFile(shippedPath("k"), elfImage(5000), kPlain);
+        QVERIFY(QDir().mkpath(copyPath("k") + "/inside"));
+        const BinaryPreparation prepared = preparation();
+        QVERIFY(!prepared.getWritableBinaryURL("k").has_value());
+        QVERIFY2(prepared.failureReason().startsWith("The backend could not be copied to " +
+                                                     copyPath("k") + ": a folder is in the way"),
+                 qPrintable(prepared.failureReason()));
+        QVERIFY(!QFileInfo::exists(copyPath("k") + ".partial"));
+    }
+
+    void aSuccessClearsTheReason() {
+        writeFile(shippedPath("k"), elfImage(5000), kPlain);
+        const BinaryPreparation prepared = preparation();
+        QVERIFY(!prepared.getWritableBinaryURL("missing").has_value());
+        QVERIFY(!prepared.failureReason().isEmpty());
+        QVERIFY(prepared.getWritableBinaryURL("k").has_value());
+        QCOMPARE(prepared.failureReason(), QString());
+    }
+
+    void aNewBinFolderIsPrivate() {
+        writeFile(shippedPath("k"), elfImage(5000), kPlain);
+        QVERIFY(preparation().getWritableBinaryURL("k").has_value());
+        QCOMPARE(modeOf(data_ + "/tarnwick/bin"), mode_t(0700));
+    }
+
+    void aBinFolderOthersMayWriteIsMadeAgain() {
+        writeFile(shippedPath("k"), elfImage(5000), kPlain);
+        QVERIFY(preparation().getWritableBinaryURL("k").has_value());
+        const QString bin = data_ + "/tarnwick/bin";
+        QCOMPARE(::chmod(QFile::encodeName(bin).constData(), 0777), 0);
+        writeFile(bin + "/planted", "left by someone else", kPlain);
+        log_.clear();
+
+        const auto result = preparation().getWritableBinaryURL("k");
+        QCOMPARE(result.value_or(""), copyPath("k"));
+        QVERIFY(log_.contains("The bin folder " + bin +
+                              " is not private (others may write to it (mode 0777)); making it "
+                              "again"));
+        QCOMPARE(modeOf(bin), mode_t(0700));
+        QVERIFY(!QFileInfo::exists(bin + "/planted"));
+        QVERIFY(log_.contains("Binary copied to writable location: " + copyPath("k")));
+    }
+
+    void aBinFolderOfAnotherUserIsMadeAgain() {
+        if (::geteuid() != 0) {
+            QSKIP("handing a folder to another user needs root");
+        }
+        writeFile(shippedPath("k"), elfImage(5000), kPlain);
+        const QString bin = data_ + "/tarnwick/bin";
+        QVERIFY(QDir().mkpath(bin));
+        QCOMPARE(::chown(QFile::encodeName(bin).constData(), 65534, 65534), 0);
+        QVERIFY(preparation().getWritableBinaryURL("k").has_value());
+        QVERIFY(log_.contains("The bin folder " + bin +
+                              " is not private (it belongs to user 65534); making it again"));
+        struct stat attributes {};
+        QCOMPARE(::stat(QFile::encodeName(bin).constData(), &attributes), 0);
+        QCOMPARE(attributes.st_uid, ::geteuid());
+    }
+
+    void aLinkedBinFolderIsReplacedAndItsTargetKept() {
+        writeFile(shippedPath("k"), elfImage(5000), kPlain);
+        const QString elsewhere = root_.filePath("elsewhere" + QString::number(runCounter_));
+        QVERIFY(QDir().mkpath(elsewhere));
+        writeFile(elsewhere + "/k", elfImage(5000), kExecutable);
+        QVERIFY(QDir().mkpath(data_ + "/tarnwick"));
+        QVERIFY(QFile::link(elsewhere, data_ + "/tarnwick/bin"));
+
+        QVERIFY(preparation().getWritableBinaryURL("k").has_value());
+        QVERIFY(log_.join('\n').contains("is not private (it is not a real folder)"));
+        QVERIFY(!QFileInfo(data_ + "/tarnwick/bin").isSymLink());
+        QVERIFY(QFileInfo::exists(elsewhere + "/k")); // what the link pointed at is untouched
+    }
+
+    void aCopyOthersMayWriteIsReplaced() {
+        writeFile(shippedPath("k"), elfImage(5000), kPlain);
+        QVERIFY(preparation().getWritableBinaryURL("k").has_value());
+        QCOMPARE(::chmod(QFile::encodeName(copyPath("k")).constData(), 0777), 0);
+        log_.clear();
+        QVERIFY(preparation().getWritableBinaryURL("k").has_value());
+        QVERIFY(log_.contains(
+            "Existing binary is not a private file of ours, will replace with bundle version"));
+        QCOMPARE(modeOf(copyPath("k")), mode_t(0755));
     }
 
     void recoveryReplacesUnconditionally() {
