@@ -558,6 +558,8 @@ void AppcastChecker::verify(const QString &path) {
     Session *session = session_;
     const QByteArray key = config_.publicKey;
     const QByteArray signature = session->item->edSignature;
+    // The signature vouches for the version the feed offers, not only for the bytes.
+    const QString version = session->item->version;
     connect(&session->verification, &QFutureWatcher<QString>::finished, this, [this, session] {
         if (session_ != session) {
             return;
@@ -572,8 +574,8 @@ void AppcastChecker::verify(const QString &path) {
     auto promise = std::make_shared<QPromise<QString>>();
     session->verification.setFuture(promise->future());
     promise->start();
-    QThreadPool::globalInstance()->start([promise, path, key, signature] {
-        promise->addResult(UpdateVerifier::verifyFile(path, key, signature));
+    QThreadPool::globalInstance()->start([promise, path, version, key, signature] {
+        promise->addResult(UpdateVerifier::verifyFile(path, version, key, signature));
         promise->finish();
     });
 }

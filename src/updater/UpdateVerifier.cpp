@@ -56,24 +56,59 @@ bool verify(const QByteArray &publicKey, const QByteArray &signature, const QByt
                   static_cast<std::size_t>(data.size()));
 }
 
-QString verifyFile(const QString &path, const QByteArray &publicKey, const QByteArray &signature) {
+QByteArray releaseStatement(const QString &version, const QByteArray &sha256) {
+    return QByteArrayLiteral("tarnwick update\nversion ") + version.toUtf8() +
+           QByteArrayLiteral("\nsha256 ") + sha256.toHex() + '\n';
+}
+
+QByteArray sha256OfFile(const QString &path, QString *error) {
+    const auto failed = [error](const QString &why) {
+        if (error) {
+            *error = why;
+        }
+        return QByteArray();
+    };
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) {
-        return QStringLiteral("cannot open %1: %2").arg(path, file.errorString());
+        return failed(QStringLiteral("cannot open %1: %2").arg(path, file.errorString()));
+    }
+    std::unique_ptr<EVP_MD_CTX, MdCtxDeleter> ctx(EVP_MD_CTX_new());
+    if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr) != 1) {
+        return failed(QStringLiteral("cannot compute a digest"));
     }
     const qint64 size = file.size();
-    bool ok = false;
-    if (size == 0) {
-        ok = verify(publicKey, signature, nullptr, 0);
-    } else {
+    if (size > 0) {
         uchar *bytes = file.map(0, size);
         if (bytes == nullptr) {
-            return QStringLiteral("cannot read %1: %2").arg(path, file.errorString());
+            return failed(QStringLiteral("cannot read %1: %2").arg(path, file.errorString()));
         }
-        ok = verify(publicKey, signature, bytes, static_cast<std::size_t>(size));
+        const bool ok = EVP_DigestUpdate(ctx.get(), bytes, static_cast<std::size_t>(size)) == 1;
         file.unmap(bytes);
+        if (!ok) {
+            return failed(QStringLiteral("cannot compute a digest"));
+        }
     }
-    return ok ? QString() : QStringLiteral("the signature does not match");
+    QByteArray digest(EVP_MAX_MD_SIZE, '\0');
+    unsigned int length = 0;
+    if (EVP_DigestFinal_ex(ctx.get(), reinterpret_cast<unsigned char *>(digest.data()), &length) !=
+        1) {
+        return failed(QStringLiteral("cannot compute a digest"));
+    }
+    digest.truncate(static_cast<qsizetype>(length));
+    return digest;
+}
+
+QString verifyFile(const QString &path, const QString &version, const QByteArray &publicKey,
+                   const QByteArray &signature) {
+    QString error;
+    const QByteArray digest = sha256OfFile(path, &error);
+    if (digest.isEmpty()) {
+        return error;
+    }
+    return verify(publicKey, signature, releaseStatement(version, digest))
+               ? QString()
+               : QStringLiteral("the signature does not match release %1 of this file")
+                     .arg(version);
 }
 
 QByteArray decodePublicKey(const QString &base64) {

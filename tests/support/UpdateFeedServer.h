@@ -7,6 +7,7 @@
 #include "AppcastFeed.h"
 
 #include <QByteArray>
+#include <QCryptographicHash>
 #include <QDir>
 #include <QHash>
 #include <QHostAddress>
@@ -154,6 +155,16 @@ public:
             qFatal("cannot sign");
         }
         return signature;
+    }
+
+    // A release's signature: over the version it is offered as and the archive's SHA-256,
+    // written out here independently of the code under test.
+    static QByteArray releaseStatement(const QString &version, const QByteArray &archive) {
+        return "tarnwick update\nversion " + version.toUtf8() + "\nsha256 " +
+               QCryptographicHash::hash(archive, QCryptographicHash::Sha256).toHex() + "\n";
+    }
+    QByteArray signRelease(const QString &version, const QByteArray &archive) const {
+        return sign(releaseStatement(version, archive));
     }
 
     // Verifies directly with OpenSSL, independently of the code under test.

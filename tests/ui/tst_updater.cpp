@@ -65,8 +65,13 @@ private:
             (file.isEmpty() ? QStringLiteral("tarnwick-%1.tar.gz").arg(version) : file);
         const QByteArray bytes = releaseBytes(version);
         server_->set(path, bytes);
-        return FeedItem{
-            version, server_->url(path).toString(), signer.sign(bytes), bytes.size(), {}, {}, {}};
+        return FeedItem{version,
+                        server_->url(path).toString(),
+                        signer.signRelease(version, bytes),
+                        bytes.size(),
+                        {},
+                        {},
+                        {}};
     }
 
 private slots:

@@ -73,8 +73,13 @@ private:
             (file.isEmpty() ? QStringLiteral("tarnwick-%1.tar.gz").arg(version) : file);
         const QByteArray bytes = releaseBytes(version);
         server_->set(path, bytes);
-        return FeedItem{
-            version, server_->url(path).toString(), signer.sign(bytes), bytes.size(), {}, {}, {}};
+        return FeedItem{version,
+                        server_->url(path).toString(),
+                        signer.signRelease(version, bytes),
+                        bytes.size(),
+                        {},
+                        {},
+                        {}};
     }
 
 private slots:
@@ -282,7 +287,7 @@ private slots:
         QVERIFY(kept.open(QIODevice::ReadOnly));
         const QByteArray bytes = kept.readAll();
         QCOMPARE(bytes, releaseBytes("1.2.0"));
-        QVERIFY(key_->verifies(bytes, newer.signature));
+        QVERIFY(key_->verifies(KeyPair::releaseStatement("1.2.0", bytes), newer.signature));
         // Only the kept file is left: no partial download beside it.
         QCOMPARE(filesIn(downloads_->path() + "/updates"), QStringList{"tarnwick-1.2.0.tar.gz"});
         QVERIFY(log_->contains("Downloaded Tarnwick 1.2.0 to " + file));
@@ -307,6 +312,26 @@ private slots:
                            line.contains("the signature does not match"));
         }
         QVERIFY2(logged, qPrintable(log_->join('\n')));
+    }
+
+    void oldArchiveOfferedAsNewIsDiscarded() {
+        // A genuinely signed 1.1.5 archive, replayed under the version 1.2.0.
+        FeedItem replayed = publish("1.1.5", *key_);
+        replayed.version = "1.2.0";
+        server_->set("/appcast.xml", feedOf({replayed}));
+        auto checker = startedChecker(config());
+        QVERIFY(runCheck(*checker));
+
+        QCOMPARE(server_->count("/tarnwick-1.1.5.tar.gz"), 1);
+        QCOMPARE(checker->status(), QStringLiteral("error"));
+        QVERIFY(checker->statusText().contains("could not be verified and was discarded"));
+        QVERIFY(checker->downloadedFile().isEmpty());
+        QVERIFY(filesIn(downloads_->path() + "/updates").isEmpty());
+
+        // The same archive offered as what it is verifies and is kept.
+        server_->set("/appcast.xml", feedOf({publish("1.1.5", *key_)}));
+        QVERIFY(runCheck(*checker));
+        QCOMPARE(checker->downloadedFile(), downloads_->path() + "/updates/tarnwick-1.1.5.tar.gz");
     }
 
     void damagedDownloadIsDiscarded() {
