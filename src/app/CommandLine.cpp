@@ -37,8 +37,10 @@ namespace tarnwick::cli {
 namespace {
 
 constexpr int kQuickTimeoutMs = 10'000;
-// Commands that wait for the backend: a request may be tried six times.
-constexpr int kBackendTimeoutMs = 240'000;
+// Commands that wait for the backend: a request may be tried six times, and each attempt may
+// first wait for the request on the wire; either takes at most 30 s. The wait covers that worst
+// case, and a command line that stops waiting anyway ends the client's further attempts.
+constexpr int kBackendTimeoutMs = 6 * 2 * 30'000 + 20'000;
 
 const char *const kCommands = R"(Commands (talk to the running client):
   status [--json]             sign-in state and every synced folder with its progress
@@ -144,7 +146,11 @@ QString describeStatus(const QJsonObject &status, bool loginMessage) {
     QString text;
     QTextStream stream(&text);
     const QString user = status.value(QStringLiteral("userName")).toString();
-    if (status.value(QStringLiteral("isLoggedIn")).toBool()) {
+    // Until the backend has answered, the sign-in state is only the one the client starts with.
+    const bool answered = status.value(QStringLiteral("backendAnswered")).toBool(true);
+    if (!answered && !backendFailed) {
+        stream << "Connecting to the backend ...\n";
+    } else if (status.value(QStringLiteral("isLoggedIn")).toBool()) {
         stream << (user.isEmpty() ? QStringLiteral("Signed in")
                                   : QStringLiteral("Signed in as %1").arg(user))
                << '\n';
@@ -459,8 +465,8 @@ int runControl(const Invocation &invocation) {
         message.insert(QStringLiteral("groupID"), args.at(0).toLongLong());
         message.insert(QStringLiteral("days"), args.at(1).toLongLong());
     }
-    const bool quick =
-        command == QLatin1String("quit") || command == QLatin1String("restart-backend");
+    // restart-backend answers once the backend is up or has failed again.
+    const bool quick = command == QLatin1String("quit");
     if (!request(message, quick ? kQuickTimeoutMs : kBackendTimeoutMs, &reply)) {
         return 1;
     }

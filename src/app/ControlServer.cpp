@@ -122,6 +122,7 @@ QJsonObject ControlServer::statusObject(const ItemsProvider &model) {
         {QStringLiteral("isWaiting"), model.isWaiting()},
         {QStringLiteral("menuBarString"), model.menuBarString()},
         {QStringLiteral("backendFailed"), model.backendFailed()},
+        {QStringLiteral("backendAnswered"), model.backendAnswered()},
         {QStringLiteral("dirItems"), folders},
         {QStringLiteral("groups"), wireArray(encodeGroupItems(model.groups()))},
     };
@@ -138,21 +139,44 @@ void ControlServer::status(GuardConnection *connection) {
 void ControlServer::withFreshGroups(GuardConnection *connection,
                                     std::function<void(GuardConnection *)> action) {
     QPointer<GuardConnection> guard(connection);
-    model_.publishAndWait(commands::getGroups(),
-                          [this, guard, action = std::move(action)](const CommandOutcome &outcome) {
-                              if (!guard) {
-                                  return;
-                              }
-                              if (outcome) {
-                                  failWith(guard, *outcome);
-                                  return;
-                              }
-                              if (!model_.isLoggedIn()) {
-                                  fail(guard, QString::fromLatin1(notSignedInText));
-                                  return;
-                              }
-                              action(guard);
-                          });
+    model_.publishAndWait(
+        commands::getGroups(),
+        [this, guard, action = std::move(action)](const CommandOutcome &outcome) {
+            if (!guard) {
+                return;
+            }
+            if (outcome) {
+                failWith(guard, *outcome);
+                return;
+            }
+            if (!model_.isLoggedIn()) {
+                fail(guard, QString::fromLatin1(notSignedInText));
+                return;
+            }
+            action(guard);
+        },
+        closedFlag(connection));
+}
+
+std::shared_ptr<const bool> ControlServer::closedFlag(GuardConnection *connection) {
+    auto closed = std::make_shared<bool>(false);
+    connect(connection, &GuardConnection::closed, connection, [closed] { *closed = true; });
+    connect(connection, &QObject::destroyed, [closed] { *closed = true; });
+    return closed;
+}
+
+void ControlServer::cancelOnClose(GuardConnection *connection) {
+    const quint64 started = model_.currentPublish();
+    if (started == 0 || !connection) {
+        return;
+    }
+    const auto cancel = [model = QPointer<ItemsProvider>(&model_), started] {
+        if (model) {
+            model->cancelPublish(started);
+        }
+    };
+    connect(connection, &GuardConnection::closed, this, cancel);
+    connect(connection, &QObject::destroyed, this, cancel);
 }
 
 void ControlServer::groups(GuardConnection *connection) {
@@ -174,17 +198,20 @@ void ControlServer::login(GuardConnection *connection) {
     // code is requested.
     model_.setUserName(email);
     QPointer<GuardConnection> guard(connection);
-    model_.requestCodeViaEmail(email, [this, guard](const CommandOutcome &outcome) {
-        if (!guard) {
-            return;
-        }
-        if (outcome) {
-            // The address (or the request) was refused: no code is on its way.
-            failWith(guard, *outcome);
-            return;
-        }
-        reply(guard, ok(model_.error()));
-    });
+    model_.requestCodeViaEmail(
+        email,
+        [this, guard](const CommandOutcome &outcome) {
+            if (!guard) {
+                return;
+            }
+            if (outcome) {
+                // The address (or the request) was refused: no code is on its way.
+                failWith(guard, *outcome);
+                return;
+            }
+            reply(guard, ok(model_.error()));
+        },
+        closedFlag(connection));
 }
 
 void ControlServer::auth(GuardConnection *connection) {
@@ -363,6 +390,7 @@ void ControlServer::retention(GuardConnection *connection) {
                             .arg(days == 0 ? QStringLiteral("forever")
                                            : QStringLiteral("for %1 days").arg(days))));
     });
+    cancelOnClose(connection);
 }
 
 void ControlServer::open(GuardConnection *connection) {
@@ -431,22 +459,83 @@ void ControlServer::restartBackend(GuardConnection *connection) {
         return;
     }
     model_.restartBackend();
-    reply(connection, ok(QStringLiteral("Backend restarted")));
+    // The answer waits until the backend has come up (it answered a request) or has failed
+    // again, so that the command line tells the truth either way.
+    QPointer<GuardConnection> guard(connection);
+    auto links = std::make_shared<std::vector<QMetaObject::Connection>>();
+    auto done = std::make_shared<bool>(false);
+    const auto settle = [this, guard, links, done] {
+        if (*done) {
+            return;
+        }
+        const State now = model_.launcher().state();
+        QString failure;
+        if (now == State::failed || now == State::stopped) {
+            // The launcher's own words: the model's error text follows them a moment later.
+            failure = model_.launcher().failureText();
+            if (failure.isEmpty()) {
+                failure = model_.error().isEmpty() ? QStringLiteral("The backend did not start.")
+                                                   : model_.error();
+            }
+        } else if (!model_.backendAnswered()) {
+            return;
+        }
+        *done = true;
+        for (const auto &link : *links) {
+            QObject::disconnect(link);
+        }
+        if (!guard) {
+            return;
+        }
+        if (failure.isEmpty()) {
+            reply(guard, ok(QStringLiteral("Backend restarted")));
+        } else {
+            fail(guard, QStringLiteral("The backend did not come up: %1").arg(failure));
+        }
+    };
+    links->push_back(connect(&model_, &ItemsProvider::backendAnsweredChanged, this, settle));
+    links->push_back(connect(&model_, &ItemsProvider::backendFailedChanged, this, settle));
+    links->push_back(
+        connect(&model_.launcher(), &supervisor::BackendLauncher::stateChanged, this, settle));
+    // A backend that runs but never answers is not up either.
+    model_.clock().singleShot(restartTimeout, this, [guard, links, done] {
+        if (*done) {
+            return;
+        }
+        *done = true;
+        for (const auto &link : *links) {
+            QObject::disconnect(link);
+        }
+        if (guard) {
+            fail(
+                guard,
+                QStringLiteral("The backend did not come up: it has not answered within "
+                               "%1 seconds.")
+                    .arg(std::chrono::duration_cast<std::chrono::seconds>(restartTimeout).count()));
+        }
+    });
+    settle();
 }
 
 void ControlServer::whenIdle(GuardConnection *connection, std::function<void()> action) {
-    if (!model_.isWaiting()) {
+    QPointer<GuardConnection> guard(connection);
+    const auto run = [this, guard, action = std::move(action)] {
         action();
+        if (guard) {
+            cancelOnClose(guard);
+        }
+    };
+    if (!model_.isWaiting()) {
+        run();
         return;
     }
     auto link = std::make_shared<QMetaObject::Connection>();
-    *link = connect(&model_, &ItemsProvider::isWaitingChanged, connection,
-                    [this, link, action = std::move(action)] {
-                        if (!model_.isWaiting()) {
-                            QObject::disconnect(*link);
-                            action();
-                        }
-                    });
+    *link = connect(&model_, &ItemsProvider::isWaitingChanged, connection, [this, link, run] {
+        if (!model_.isWaiting()) {
+            QObject::disconnect(*link);
+            run();
+        }
+    });
 }
 
 void ControlServer::changeAndConfirm(GuardConnection *connection,

@@ -4,6 +4,7 @@
 #include <QObject>
 #include <QPointer>
 
+#include <chrono>
 #include <functional>
 
 #include "SettingsActions.h"
@@ -28,6 +29,9 @@ public:
 
     // How long a command waits for the backend to confirm a change.
     void setConfirmTimeout(int milliseconds) { confirmTimeoutMs_ = milliseconds; }
+    // How long restart-backend waits for the backend's first answer: longer than four failed
+    // starts of 10 s each with their relaunch delays, after which it has failed anyway.
+    static constexpr std::chrono::milliseconds restartTimeout{60000};
 
     // The status document: the model's state with folders and groups as
     // they travel on the wire (each folder with its numeric "progress"), the
@@ -55,6 +59,12 @@ private:
     // Runs `action` once no user request is in flight (requests are one at a
     // time, and a request sent meanwhile would be dropped).
     void whenIdle(runwarden::GuardConnection *connection, std::function<void()> action);
+    // A command line that stops waiting (it timed out or was interrupted) closes its
+    // connection: the publish it started makes no further attempt. Call right after the
+    // publish started.
+    void cancelOnClose(runwarden::GuardConnection *connection);
+    // The same for requests outside the gate: true once the connection has closed.
+    static std::shared_ptr<const bool> closedFlag(runwarden::GuardConnection *connection);
     // Asks the backend for its group list, then runs `action` (or reports why
     // it cannot: the request failed, or nobody is signed in).
     void withFreshGroups(runwarden::GuardConnection *connection,

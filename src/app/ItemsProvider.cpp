@@ -8,6 +8,8 @@
 #include "PollManager.h"
 
 #include <lumacrypt/KeyExchangeStore.h>
+#include <runwarden/Port.h>
+#include <runwarden/ProcessManager.h>
 
 #include <QCoreApplication>
 #include <QPointer>
@@ -49,6 +51,11 @@ tidepost::Error tarnwickError(TarnwickError error) {
 // its description.
 tidepost::Error serverError(const std::string &message) {
     return {"ServerError", 1, message};
+}
+
+// A command whose caller stopped waiting: no further attempt is made.
+tidepost::Error cancelledError() {
+    return {"Cancelled", 1, "The request was given up before it was answered."};
 }
 
 } // namespace
@@ -100,8 +107,9 @@ void ItemsProvider::startUp() {
     pm.setClock([clock = clock_] { return clock->epochMilliseconds(); });
     pm.timestamp = clock_->epochMilliseconds();
 
-    // 3.-5. The backend's command line: -pid, -token, -port.
-    port_ = pm.randomOpenPort(kPortLower, kPortUpper);
+    // 3.-5. The backend's command line: -pid, -token, -port. Drawing is bounded: with every
+    // port of the range taken the port stays 0 and the launch says so.
+    port_ = runwarden::DrawOpenPort(kPortLower, kPortUpper).value_or(0);
     session_->setPort(port_);
     if (options_.isMacOS13) {
         pm.processManager().addPIDAsArgument(QStringLiteral("pid"));
@@ -156,12 +164,16 @@ void ItemsProvider::startUp() {
                        [done = std::move(done)](const CommandOutcome &) { done(); });
     };
     hooks.setError = [this](const QString &message) { setError(message); };
+    hooks.choosePort = [this](bool fresh) -> std::optional<int> { return choosePort(fresh); };
     launcher_ = std::make_unique<supervisor::BackendLauncher>(pm, std::move(preparation),
                                                               std::move(hooks), options_.isMacOS13);
     launcher_->setClock(*clock_);
     launcher_->setRelaunchDelay(options_.relaunchDelay);
     connect(launcher_.get(), &supervisor::BackendLauncher::stateChanged, this,
             &ItemsProvider::backendFailedChanged);
+    // A fresh start has said nothing yet: what the model shows is the last run's.
+    connect(launcher_.get(), &supervisor::BackendLauncher::launched, this,
+            [this] { setBackendAnswered(false); });
 
     // 9. The backend launch runs once the event loop does.
     if (options_.launchBackend) {
@@ -181,14 +193,58 @@ void ItemsProvider::launchTask() {
 }
 
 bool ItemsProvider::backendFailed() const {
-    return launcher_ && launcher_->state() == supervisor::BackendLauncher::State::failed;
+    // Failed for good, or stopped because its copy could not be made: either way nothing
+    // runs until the user restarts it.
+    using State = supervisor::BackendLauncher::State;
+    return launcher_ &&
+           (launcher_->state() == State::failed ||
+            (launcher_->state() == State::stopped && !launcher_->failureText().isEmpty()));
 }
 
 void ItemsProvider::restartBackend() {
-    if (error_ == QLatin1String(supervisor::BackendLauncher::crashedText)) {
+    if (!error_.isEmpty() && error_ == launcher_->failureText()) {
         setError(QString());
     }
+    if (launcher_->state() != supervisor::BackendLauncher::State::running &&
+        launcher_->state() != supervisor::BackendLauncher::State::recovering) {
+        setBackendAnswered(false);
+    }
     launcher_->restartBackend(architecture());
+}
+
+std::optional<int> ItemsProvider::choosePort(bool freshNeeded) {
+    if (!freshNeeded && port_ != 0 && runwarden::CanListenOnLoopback(port_)) {
+        return port_;
+    }
+    const int old = port_;
+    const std::optional<int> fresh =
+        runwarden::DrawOpenPort(kPortLower, kPortUpper, [old](int port) {
+            return port != old && runwarden::IsOpenPort(port);
+        });
+    if (!fresh) {
+        log(QStringLiteral("No free local port from %1 to %2 for the backend")
+                .arg(kPortLower)
+                .arg(kPortUpper - 1));
+        return std::nullopt;
+    }
+    if (port_ != 0) {
+        log(QStringLiteral("Port %1 is taken by another program; the backend will listen on "
+                           "port %2")
+                .arg(port_)
+                .arg(*fresh));
+    }
+    port_ = *fresh;
+    session_->setPort(port_);
+    runwarden::ProcessManager &runner = session_->pollManager().processManager();
+    QStringList arguments = runner.arguments();
+    const QString key = QStringLiteral("-port=");
+    for (QString &argument : arguments) {
+        if (argument.startsWith(key)) {
+            argument = key + QString::number(port_);
+        }
+    }
+    runner.setArguments(arguments);
+    return port_;
 }
 
 // ---- Observable state
@@ -343,6 +399,7 @@ void ItemsProvider::applyReply(const TypeIDAndData &command, const tidepost::Exc
     case Result::unreadable:
         break;
     case Result::opened: {
+        setBackendAnswered(true);
         // The reply's shapes, tried in order; the first that decodes wins.
         const std::string &plain = exchange.plaintext;
         try {
@@ -409,7 +466,12 @@ void ItemsProvider::applyReply(const TypeIDAndData &command, const tidepost::Exc
 }
 
 void ItemsProvider::publishAndWait(const TypeIDAndData &command, Completion done) {
-    publishAttempt(command, 1, std::move(done));
+    publishAttempt(command, 1, std::move(done), {});
+}
+
+void ItemsProvider::publishAndWait(const TypeIDAndData &command, Completion done,
+                                   std::shared_ptr<const bool> cancelled) {
+    publishAttempt(command, 1, std::move(done), std::move(cancelled));
 }
 
 void ItemsProvider::publishAndWait(const QString &type, const QString &id, const QString &data,
@@ -422,12 +484,21 @@ void ItemsProvider::publishAndWait(const QString &type, const QString &id, const
                    });
 }
 
-void ItemsProvider::publishAttempt(const TypeIDAndData &command, int attempt, Completion done) {
-    publishAndWaitThrows(command, [this, command, attempt,
+void ItemsProvider::publishAttempt(const TypeIDAndData &command, int attempt, Completion done,
+                                   std::shared_ptr<const bool> cancelled) {
+    if (cancelled && *cancelled) {
+        log(QStringLiteral("Request '%1' given up by its caller; no further attempt")
+                .arg(text(command.type)));
+        if (done) {
+            done(cancelledError());
+        }
+        return;
+    }
+    publishAndWaitThrows(command, [this, command, attempt, cancelled,
                                    done = std::move(done)](const CommandOutcome &outcome) mutable {
         if (outcome && attempt < kPublishAttempts) {
             // Tried again at once; only the last failure is reported.
-            publishAttempt(command, attempt + 1, std::move(done));
+            publishAttempt(command, attempt + 1, std::move(done), std::move(cancelled));
             return;
         }
         if (outcome) {
@@ -445,18 +516,43 @@ bool ItemsProvider::publish(const TypeIDAndData &command, Completion done) {
         return false;
     }
     setIsWaiting(true);
+    ++publishNumber_;
+    auto cancelled = std::make_shared<bool>(false);
+    publishCancelled_ = cancelled;
     QMetaObject::invokeMethod(
         this,
-        [this, command, done = std::move(done)] {
-            publishAndWait(command, [this, done](const CommandOutcome &outcome) {
-                setIsWaiting(false);
-                if (done) {
-                    done(outcome);
-                }
-            });
+        [this, command, cancelled, done = std::move(done)] {
+            publishAndWait(
+                command,
+                [this, done](const CommandOutcome &outcome) {
+                    setIsWaiting(false);
+                    if (done) {
+                        done(outcome);
+                    }
+                },
+                cancelled);
         },
         Qt::QueuedConnection);
     return true;
+}
+
+quint64 ItemsProvider::currentPublish() const {
+    return isWaiting_ ? publishNumber_ : 0;
+}
+
+void ItemsProvider::cancelPublish(quint64 number) {
+    if (number != 0 && number == currentPublish()) {
+        if (const auto cancelled = publishCancelled_.lock()) {
+            *cancelled = true;
+        }
+    }
+}
+
+void ItemsProvider::setBackendAnswered(bool answered) {
+    if (backendAnswered_ != answered) {
+        backendAnswered_ = answered;
+        emit backendAnsweredChanged();
+    }
 }
 
 void ItemsProvider::publish(const QString &type, const QString &id, const QString &data) {
@@ -485,17 +581,20 @@ void ItemsProvider::requestCodeViaEmail(const QString &email) {
     requestCodeViaEmail(email, {});
 }
 
-void ItemsProvider::requestCodeViaEmail(const QString &email, Completion done) {
+void ItemsProvider::requestCodeViaEmail(const QString &email, Completion done,
+                                        std::shared_ptr<const bool> cancelled) {
     setLoginMessage(QStringLiteral("Sending 6-digit code to %1 ...").arg(email));
-    publishAndWait(commands::requestCode(email), [this, email, done = std::move(done)](
-                                                     const CommandOutcome &outcome) {
-        // The login screen's line reads the same whatever the outcome;
-        // the caller hears the backend's answer.
-        setError(QStringLiteral("6-digit code sent to %1. Check your email.").arg(email));
-        if (done) {
-            done(outcome);
-        }
-    });
+    publishAndWait(
+        commands::requestCode(email),
+        [this, email, done = std::move(done)](const CommandOutcome &outcome) {
+            // The login screen's line reads the same whatever the outcome;
+            // the caller hears the backend's answer.
+            setError(QStringLiteral("6-digit code sent to %1. Check your email.").arg(email));
+            if (done) {
+                done(outcome);
+            }
+        },
+        std::move(cancelled));
 }
 
 void ItemsProvider::performLogin(const QString &code) {

@@ -46,6 +46,7 @@ class ItemsProvider : public QObject {
     Q_PROPERTY(bool isLoading READ isLoading NOTIFY isLoadingChanged)
     Q_PROPERTY(QString menuBarString READ menuBarString NOTIFY menuBarStringChanged)
     Q_PROPERTY(bool backendFailed READ backendFailed NOTIFY backendFailedChanged)
+    Q_PROPERTY(bool backendAnswered READ backendAnswered NOTIFY backendAnsweredChanged)
 
 public:
     // Hears how a command ended: nothing on success, else why it failed.
@@ -135,7 +136,17 @@ public:
     // outcome once the command has ended.
     void publishAndWaitThrows(const TypeIDAndData &command, Completion done);
     void publishAndWait(const TypeIDAndData &command, Completion done = {});
+    // The same, with no further attempt once *cancelled is true.
+    void publishAndWait(const TypeIDAndData &command, Completion done,
+                        std::shared_ptr<const bool> cancelled);
     bool publish(const TypeIDAndData &command, Completion done = {});
+    // The number of the gated publish under way (0 when none), and its cancellation: a
+    // caller that stops waiting (the command line giving up) ends its retries.
+    quint64 currentPublish() const;
+    void cancelPublish(quint64 number);
+    // Whether the backend of the current start has answered a request yet: until then the
+    // sign-in state shown is only the initial one.
+    bool backendAnswered() const { return backendAnswered_; }
     // The same with the envelope's three strings.
     void publishAndWaitThrows(const QString &type, const QString &id, const QString &data,
                               Completion done);
@@ -150,7 +161,8 @@ public:
     // The login screen's first step. The screen's texts follow the model's
     // rule (the "sent" text also after a failure); done hears the outcome.
     Q_INVOKABLE void requestCodeViaEmail(const QString &email);
-    void requestCodeViaEmail(const QString &email, Completion done);
+    void requestCodeViaEmail(const QString &email, Completion done,
+                             std::shared_ptr<const bool> cancelled = {});
 
     // The login screen's action: sends the code with "auth", shows
     // "Authenticating ..." and, when no sign-in has arrived 5 s later,
@@ -179,6 +191,7 @@ signals:
     void isLoadingChanged();
     void menuBarStringChanged();
     void backendFailedChanged();
+    void backendAnsweredChanged();
     // A group list from the backend has been applied.
     void groupsReplaced();
     // A reply told whether a user is signed in (a folder or group list or a
@@ -196,7 +209,9 @@ private:
     void applyReply(const TypeIDAndData &command, const tidepost::Exchange &exchange,
                     const Completion &done);
     void replaceGroups(std::vector<GroupItem> incoming);
-    void publishAttempt(const TypeIDAndData &command, int attempt, Completion done);
+    void publishAttempt(const TypeIDAndData &command, int attempt, Completion done,
+                        std::shared_ptr<const bool> cancelled);
+    void setBackendAnswered(bool answered);
     // Shows a line of the sign-in flow (the login screen's message line).
     void setLoginMessage(const QString &message);
     QString architecture() const;
@@ -216,7 +231,12 @@ private:
     QString menuBarString_ = QStringLiteral("arrow.clockwise");
     QSet<qint64> pendingRetentionUpdates_;
     int port_ = 0;
+    // The port for the next launch: the current one while free, else a fresh one.
+    std::optional<int> choosePort(bool freshNeeded);
     bool destroying_ = false;
+    bool backendAnswered_ = false;
+    quint64 publishNumber_ = 0;
+    std::weak_ptr<bool> publishCancelled_;
     std::unique_ptr<tidepost::BackendSession> session_;
     std::unique_ptr<supervisor::BackendLauncher> launcher_;
 };

@@ -10,6 +10,7 @@
 #include <QTimer>
 
 #include <cmath>
+#include <utility>
 
 namespace tarnwick::supervisor {
 
@@ -65,14 +66,39 @@ void BackendLauncher::prepareAndLaunch(const QString &architecture) {
     const std::optional<QString> url = preparation_.getWritableBinaryURL(choice.name);
     if (!url) {
         hooks_.log(QStringLiteral("Fatal: Could not prepare writable binary"));
+        failureText_ = preparation_.failureReason();
         setState(State::stopped);
+        tell(failureText_);
         return;
     }
     currentBinaryURL_ = url;
     launchBinary(*url, choice.name);
 }
 
+void BackendLauncher::tell(const QString &text) {
+    failureText_ = text;
+    if (!text.isEmpty()) {
+        hooks_.setError(text);
+    }
+}
+
+void BackendLauncher::fail(const QString &text) {
+    // Nothing relaunches from here: the runner stops until the user asks for a restart.
+    pm_.stopBackend();
+    failureText_ = text;
+    setState(State::failed);
+    tell(text);
+}
+
 void BackendLauncher::launchBinary(const QString &binURL, const QString &binName) {
+    // A port another program took since the last start would make this start fail: the
+    // backend gets a free one. With none left there is nothing to start.
+    const bool fresh = std::exchange(freshPortNeeded_, false);
+    if (hooks_.choosePort && !hooks_.choosePort(fresh)) {
+        setCurrentBinary(binURL, binName);
+        fail(QString::fromLatin1(noPortText));
+        return;
+    }
     binaryLaunchTime_ = clock_->steadyNow();
     setCurrentBinary(binURL, binName);
     setState(State::running);
@@ -134,6 +160,7 @@ void BackendLauncher::markLaunched() {
     binaryLaunchTime_ = clock_->steadyNow();
     keyShown_ = false;
     failedStart_ = false;
+    bindFailed_ = false;
     // A backend that never shows its key cannot be talked to: after a while
     // the start counts as failed, and the recovery takes over.
     clock_->singleShot(keyTimeout, this, [this, launch = ++launchNumber_] {
@@ -149,6 +176,7 @@ void BackendLauncher::markLaunched() {
     if (state_ != State::failed) {
         setState(State::running);
     }
+    emit launched();
 }
 
 QString BackendLauncher::printable(const QString &text) {
@@ -186,6 +214,11 @@ void BackendLauncher::handleOutput(const QString &chunk) {
     } else {
         ++droppedOutput_;
     }
+    // A backend whose port was taken between our check and its start says so and ends.
+    if (chunk.contains(QLatin1String("cannot listen on"), Qt::CaseInsensitive) ||
+        chunk.contains(QLatin1String("address already in use"), Qt::CaseInsensitive)) {
+        bindFailed_ = true;
+    }
     if (isFirstRun_) {
         isFirstRun_ = false;
         schedulePing();
@@ -220,6 +253,16 @@ void BackendLauncher::handleExit(const std::optional<std::error_code> &error) {
         return;
     }
     const auto now = clock_->steadyNow();
+    if (failedStart_) {
+        lastCause_ = Cause::noKey;
+    } else if (!error && bindFailed_) {
+        // Only the backend's own word counts: right after its end, the closing connections of
+        // the run still hold its port for a moment, taken or not.
+        lastCause_ = Cause::portTaken;
+        freshPortNeeded_ = true;
+    } else {
+        lastCause_ = Cause::crash;
+    }
     if (error || failedStart_) {
         // The child never ran, or never became a backend we can talk to.
         binaryLaunchTime_ = now;
@@ -235,11 +278,11 @@ void BackendLauncher::handleExit(const std::optional<std::error_code> &error) {
         if (binaryCrashCount_ > maxCrashRetries) {
             hooks_.log(QStringLiteral("Fatal: Maximum crash recovery attempts (%1) exceeded")
                            .arg(maxCrashRetries));
-            // Nothing relaunches from here: the runner stops until the user
-            // asks for a restart.
-            pm_.stopBackend();
-            setState(State::failed);
-            hooks_.setError(QString::fromLatin1(crashedText));
+            // The words of a real crash only when the executable may be at fault.
+            const char *text = lastCause_ == Cause::portTaken ? portTakenText
+                               : lastCause_ == Cause::noKey   ? noKeyText
+                                                              : crashedText;
+            fail(QString::fromLatin1(text));
             return;
         }
         hooks_.log(QStringLiteral("Crash recovery attempt %1 of %2")
@@ -262,7 +305,9 @@ void BackendLauncher::recover(const QString &binName) {
     if (!url) {
         hooks_.log(QStringLiteral("Fatal: Binary recovery failed"));
         pm_.stopBackend();
+        failureText_ = preparation_.failureReason();
         setState(State::stopped);
+        tell(failureText_);
         return;
     }
     hooks_.log(QStringLiteral("Binary replaced successfully, relaunching..."));
@@ -279,6 +324,7 @@ void BackendLauncher::restartBackend(const QString &architecture) {
         return;
     }
     binaryCrashCount_ = 0;
+    failureText_.clear();
     prepareAndLaunch(architecture);
 }
 

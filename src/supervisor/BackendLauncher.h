@@ -37,6 +37,10 @@ public:
         std::function<void(std::string payload, std::function<void()> done)> sendPing;
         // Shows a message to the user (the model's error text).
         std::function<void(const QString &message)> setError;
+        // Asked before each launch: the port the backend is to listen on (a fresh one when
+        // its port is taken, or when `fresh` because the last start could not listen), or
+        // empty when every port it may use is taken. Unset: the port is never changed.
+        std::function<std::optional<int>(bool fresh)> choosePort;
     };
 
     enum class State { notPrepared, running, recovering, exitedNormally, failed, stopped };
@@ -55,6 +59,16 @@ public:
     // What the user is told when the backend keeps dying young.
     static constexpr const char *crashedText =
         "Binary crashed repeatedly. Please reinstall the app.";
+    // What the user is told instead when the executable was not the cause.
+    static constexpr const char *noPortText =
+        "The backend cannot start: every local port it may use is taken by other programs. "
+        "Close some of them, then restart the backend.";
+    static constexpr const char *portTakenText =
+        "The backend could not listen on its local port: other programs kept taking it. "
+        "Restart the backend to try again.";
+    static constexpr const char *noKeyText =
+        "The backend started but never showed its key, so the client cannot talk to it. "
+        "Restart the backend to try again.";
 
     BackendLauncher(tidepost::PollManager &pm, BinaryPreparation preparation, Hooks hooks,
                     bool withRetry, QObject *parent = nullptr);
@@ -97,6 +111,8 @@ public:
     std::optional<QString> currentBinaryURL() const { return currentBinaryURL_; }
     std::optional<QString> currentBinaryName() const { return currentBinaryName_; }
     State state() const { return state_; }
+    // The message the launcher last showed the user (empty when none).
+    const QString &failureText() const { return failureText_; }
     const BinaryPreparation &preparation() const { return preparation_; }
 
     // Seconds in the shortest form that reads back as the same double, with
@@ -105,12 +121,20 @@ public:
 
 signals:
     void stateChanged(tarnwick::supervisor::BackendLauncher::State state);
+    // A start of the backend (every run of the child).
+    void launched();
 
 private:
     void setState(State state);
     void schedulePing();
     void pingTick();
     void recover(const QString &binName);
+    // Stops in the failed state and tells the user why.
+    void fail(const QString &text);
+    void tell(const QString &text);
+
+    // Why the latest short run ended, for the words of the failed state.
+    enum class Cause { crash, portTaken, noKey };
 
     tidepost::PollManager &pm_;
     BinaryPreparation preparation_;
@@ -133,6 +157,11 @@ private:
     int loggedOutput_ = 0;
     int droppedOutput_ = 0;
     bool pingInFlight_ = false;
+    Cause lastCause_ = Cause::crash;
+    // This start said it cannot listen on its port.
+    bool bindFailed_ = false;
+    bool freshPortNeeded_ = false;
+    QString failureText_;
 };
 
 } // namespace tarnwick::supervisor

@@ -195,16 +195,17 @@ private slots:
         // version and whether the backend has failed.
         QCOMPARE(raw.out.count('\n'), 1);
         const QJsonObject status = QJsonDocument::fromJson(raw.out.toUtf8()).object();
-        QCOMPARE(status.keys().size(), 10);
+        QCOMPARE(status.keys().size(), 11);
         for (const char *key :
              {"isLoggedIn", "userName", "error", "isLoading", "isWaiting", "menuBarString",
-              "dirItems", "groups", "version", "backendFailed"}) {
+              "dirItems", "groups", "version", "backendFailed", "backendAnswered"}) {
             QVERIFY2(status.contains(key), key);
         }
         QCOMPARE(status.value("isLoggedIn"), QJsonValue(false));
         QCOMPARE(status.value("userName").toString(), QString());
         QCOMPARE(status.value("version").toString(), QString(TARNWICK_VERSION));
         QCOMPARE(status.value("backendFailed"), QJsonValue(false));
+        QCOMPARE(status.value("backendAnswered"), QJsonValue(true));
         QVERIFY(run(home, {"status"}).out.contains("Not signed in"));
 
         // A second start finds this one and leaves.
@@ -413,9 +414,45 @@ private slots:
         QVERIFY(client.process.waitForFinished(15000));
     }
 
+    void untilTheBackendAnswersTheStatusSaysConnecting() {
+        Home home;
+        home.env.insert("KOVRIT_DEV_FAULT", "no-pem"); // it never shows its key
+        Client client(home);
+        QVERIFY(client.process.waitForStarted());
+        Result result;
+        QVERIFY(QTest::qWaitFor(
+            [&] {
+                result = run(home, {"status"});
+                return result.exitCode == 0;
+            },
+            30000));
+        QVERIFY2(result.out.startsWith("Connecting to the backend ...\n"), qPrintable(result.out));
+        QVERIFY(!result.out.contains("Signed in"));
+        QCOMPARE(statusOf(home).value("backendAnswered"), QJsonValue(false));
+        QCOMPARE(run(home, {"quit"}).exitCode, 0);
+        QVERIFY(client.process.waitForFinished(15000));
+    }
+
+    void aRestartThatDoesNotComeUpSaysSo() {
+        Home home;
+        home.env.insert("KOVRIT_DEV_FAULT", "exit-after=0");
+        Client client(home);
+        const QString crashed = "Binary crashed repeatedly. Please reinstall the app.";
+        QVERIFY(QTest::qWaitFor(
+            [&] { return statusOf(home).value("error").toString() == crashed; }, 60000));
+        const Result result = run(home, {"restart-backend"});
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY2(result.err.contains("The backend did not come up: " + crashed),
+                 qPrintable(result.err));
+        QVERIFY(!result.out.contains("Backend restarted"));
+        QCOMPARE(run(home, {"quit"}).exitCode, 0);
+        QVERIFY(client.process.waitForFinished(15000));
+    }
+
     void restartAfterTheFailedState() {
         Home home;
-        home.env.insert("KOVRIT_DEV_FAULT", "exit-after=1");
+        // Each run answers for a few seconds, then dies young.
+        home.env.insert("KOVRIT_DEV_FAULT", "exit-after=3");
         Client client(home);
         QVERIFY(QTest::qWaitFor(
             [&] {
@@ -428,8 +465,10 @@ private slots:
         QVERIFY(processesRunning(home.backendCopy()).isEmpty());
         QCOMPARE(client.output().count("Crash recovery attempt 1 of 3"), 1);
 
+        // It answers once it is up again.
         result = run(home, {"restart-backend"});
         QVERIFY2(result.exitCode == 0, qPrintable(result.err));
+        QCOMPARE(result.out, QString("Backend restarted\n"));
         QCOMPARE(statusOf(home).value("error").toString(), QString());
         // The count starts over: the (still faulty) backend is recovered again.
         QVERIFY(QTest::qWaitFor(

@@ -22,6 +22,10 @@ struct Fixture {
     QStringList log;
     QString error;
     runwarden::ManualClock clock;
+    // What the port hooks answer.
+    std::optional<int> freePort = 8500;
+    int portChoices = 0;
+    QList<bool> freshAsked;
     tidepost::PollManager pm{tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM};
     std::unique_ptr<BackendLauncher> launcher;
 
@@ -42,6 +46,11 @@ struct Fixture {
         hooks.pingPayload = [] { return std::string("[]"); };
         hooks.sendPing = [](const std::string &, std::function<void()> done) { done(); };
         hooks.setError = [this](const QString &message) { error = message; };
+        hooks.choosePort = [this](bool fresh) {
+            ++portChoices;
+            freshAsked << fresh;
+            return freePort;
+        };
         launcher =
             std::make_unique<BackendLauncher>(pm, std::move(preparation), std::move(hooks), true);
         launcher->setClock(clock);
@@ -191,11 +200,96 @@ private slots:
 
     void recoveryThatCannotReplaceStops() {
         Fixture f;
-        // No bin directory: the copy fails and recovery gives up.
+        // No bin directory: the copy fails and recovery gives up, saying why.
         f.run(1.5);
         QTRY_COMPARE(f.count("Fatal: Binary recovery failed"), 1);
         QCOMPARE(f.launcher->state(), BackendLauncher::State::stopped);
-        QVERIFY(f.error.isEmpty()); // the user is not told
+        QVERIFY2(f.error.startsWith("The backend could not be copied to " +
+                                    f.dir.filePath("data/tarnwick/bin/kovrit-linux-amd64") + ": "),
+                 qPrintable(f.error));
+        QCOMPARE(f.launcher->failureText(), f.error);
+    }
+
+    void aPreparationThatFailsTellsTheUserWhy() {
+        Fixture f;
+        QFile::remove(f.dir.filePath("resources/kovrit-linux-amd64"));
+        f.launcher->prepareAndLaunch(QStringLiteral("x86_64"));
+        QCOMPARE(f.count("Fatal: Could not prepare writable binary"), 1);
+        QCOMPARE(f.launcher->state(), BackendLauncher::State::stopped);
+        QCOMPARE(f.error, "The backend kovrit-linux-amd64 is missing from this installation.");
+        QCOMPARE(f.portChoices, 0); // nothing was launched
+    }
+
+    void noFreePortFailsAtOnceWithoutReinstallAdvice() {
+        Fixture f;
+        f.freePort.reset();
+        f.launcher->launchBinary(f.dir.filePath("resources/kovrit-linux-amd64"),
+                                 QStringLiteral("kovrit-linux-amd64"));
+        QCOMPARE(f.portChoices, 1);
+        QCOMPARE(f.launcher->state(), BackendLauncher::State::failed);
+        QCOMPARE(f.error, QString::fromLatin1(BackendLauncher::noPortText));
+        QVERIFY(!f.error.contains("reinstall"));
+        QVERIFY(!f.pm.isBackendRunning());
+        QVERIFY(!f.launcher->binaryLaunchTime().has_value());
+        // Bounded: no retry loop runs on its own.
+        f.clock.advance(std::chrono::minutes(5));
+        QCOMPARE(f.portChoices, 1);
+    }
+
+    void shortRunsOnATakenPortEndWithTheirOwnWords() {
+        Fixture f;
+        for (int attempt = 0; attempt < 4; ++attempt) {
+            f.launcher->markLaunched();
+            f.launcher->handleOutput(QStringLiteral("listen tcp 127.0.0.1:8500: bind: address "
+                                                    "already in use\n"));
+            f.clock.advance(std::chrono::milliseconds(30));
+            f.launcher->handleExit(std::nullopt);
+        }
+        QCOMPARE(f.count("Fatal: Maximum crash recovery attempts (3) exceeded"), 1);
+        QCOMPARE(f.launcher->state(), BackendLauncher::State::failed);
+        QCOMPARE(f.error, QString::fromLatin1(BackendLauncher::portTakenText));
+    }
+
+    void aStartThatCannotListenGetsAFreshPortNextTime() {
+        Fixture f;
+        QVERIFY(QDir().mkpath(f.dir.filePath("data/tarnwick/bin")));
+        f.launcher->setRelaunchDelay(std::chrono::milliseconds(10));
+        f.launcher->markLaunched();
+        f.launcher->handleOutput(QStringLiteral("cannot listen on 127.0.0.1:8500: Address "
+                                                "already in use\n"));
+        f.clock.advance(std::chrono::milliseconds(30));
+        f.launcher->handleExit(std::nullopt); // it ends with status 1
+        QCOMPARE(f.count("Crash recovery attempt 1 of 3"), 1);
+        QTRY_COMPARE(f.count("Binary replaced successfully, relaunching..."), 1);
+        // The relaunch asks for a fresh port although the old one may look free again (here
+        // none is left, so that nothing is started).
+        f.freePort.reset();
+        f.clock.advance(std::chrono::milliseconds(10));
+        QCOMPARE(f.portChoices, 1);
+        QCOMPARE(f.freshAsked, QList<bool>{true});
+        QCOMPARE(f.launcher->state(), BackendLauncher::State::failed);
+    }
+
+    void startsThatNeverShowAKeyEndWithTheirOwnWords() {
+        Fixture f;
+        for (int attempt = 0; attempt < 4; ++attempt) {
+            f.launcher->markLaunched();
+            f.clock.advance(BackendLauncher::keyTimeout);
+            f.launcher->handleExit(std::nullopt);
+        }
+        QCOMPARE(f.count("Fatal: Maximum crash recovery attempts (3) exceeded"), 1);
+        QCOMPARE(f.error, QString::fromLatin1(BackendLauncher::noKeyText));
+    }
+
+    void aRealCrashKeepsTheReinstallAdvice() {
+        Fixture f;
+        f.launcher->markLaunched();
+        f.launcher->handleOutput(QStringLiteral("cannot listen on 127.0.0.1:8500\n"));
+        f.launcher->handleExit(std::nullopt); // an earlier cause does not stick
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            f.run(0.5);
+        }
+        QCOMPARE(f.error, QString::fromLatin1(BackendLauncher::crashedText));
     }
 
     void firstOutputStartsThePingLoopOnce() {

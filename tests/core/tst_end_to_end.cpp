@@ -12,6 +12,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
+#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -116,6 +117,34 @@ private slots:
         }
         QVERIFY2(vaulted.contains("alpha") && vaulted.contains("beta"),
                  qPrintable(vaulted.join(',')));
+    }
+
+    void aSquattedPortIsLeftForAFreshOne() {
+        qputenv("KOVRIT_DEV_STATE", state_.filePath("squat").toUtf8());
+        qunsetenv("KOVRIT_DEV_FAULT");
+        QStringList log;
+        auto model = start(&log);
+        // Another program takes the drawn port before the backend starts.
+        const int drawn = model->port();
+        QTcpServer squatter;
+        QVERIFY(squatter.listen(QHostAddress::LocalHost, static_cast<quint16>(drawn)));
+
+        QTRY_VERIFY_WITH_TIMEOUT(model->backendAnswered(), 15000);
+        QVERIFY(model->port() != drawn);
+        QVERIFY(model->port() >= 8001 && model->port() < 9000);
+        QVERIFY(log.contains(QStringLiteral("Port %1 is taken by another program; the backend "
+                                            "will listen on port %2")
+                                 .arg(drawn)
+                                 .arg(model->port())));
+        QVERIFY(log.filter("Binary crashed").isEmpty());
+        // And the session works there: sign in.
+        QTRY_VERIFY_WITH_TIMEOUT(!model->isLoggedIn(), 15000);
+        model->setUserName("ana@example.org");
+        model->requestCodeViaEmail("ana@example.org");
+        QTRY_COMPARE_WITH_TIMEOUT(model->error(),
+                                  "6-digit code sent to ana@example.org. Check your email.", 15000);
+        model->performLogin("123456");
+        QTRY_VERIFY_WITH_TIMEOUT(model->isLoggedIn(), 15000);
     }
 
     void aBackendThatKeepsDyingIsRecoveredThreeTimesThenStops() {

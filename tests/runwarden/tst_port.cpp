@@ -14,7 +14,9 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <algorithm>
 #include <functional>
+#include <optional>
 
 #include <signal.h>
 #include <sys/wait.h>
@@ -125,6 +127,47 @@ private slots:
         for (int i = 0; i < 20; ++i)
             QCOMPARE(RandomOpenPort(port, port + 2), port + 1);
         QCOMPARE(RandomOpenPort(port + 1, port + 2), port + 1); // a range of one port
+    }
+
+    void drawingIsBoundedWhenEveryPortIsTaken() {
+        int checks = 0;
+        QSet<int> seen;
+        const auto none = [&](int port) {
+            ++checks;
+            seen.insert(port);
+            return false;
+        };
+        QCOMPARE(DrawOpenPort(8001, 9000, none, 64), std::nullopt);
+        QCOMPARE(checks, 64 + 999);
+        QCOMPARE(seen.size(), 999); // the walk looked at every port of the range
+        QVERIFY(*std::min_element(seen.begin(), seen.end()) == 8001);
+        QVERIFY(*std::max_element(seen.begin(), seen.end()) == 8999);
+    }
+
+    void drawingFindsTheLastFreePort() {
+        for (int round = 0; round < 20; ++round) {
+            const auto onlyOne = [](int port) { return port == 8777; };
+            QCOMPARE(DrawOpenPort(8001, 9000, onlyOne, 3), std::optional<int>(8777));
+        }
+        QTcpServer server;
+        QVERIFY(server.listen(QHostAddress::LocalHost));
+        const int taken = server.serverPort();
+        const auto drawn = DrawOpenPort(taken, taken + 2);
+        QVERIFY(drawn.has_value());
+        QCOMPARE(*drawn, taken + 1);
+    }
+
+    void listeningOnLoopbackIsTestedAsAServerBinds() {
+        QTcpServer server;
+        QVERIFY(server.listen(QHostAddress::LocalHost));
+        const int port = server.serverPort();
+        QVERIFY(!CanListenOnLoopback(port));
+        server.close();
+        QVERIFY(CanListenOnLoopback(port));
+        // Another program listening on every address takes the port too.
+        QTcpServer everywhere;
+        QVERIFY(everywhere.listen(QHostAddress::AnyIPv4, static_cast<quint16>(port)));
+        QVERIFY(!CanListenOnLoopback(port));
     }
 
     void systemArchitectureIsUnameMachine() {

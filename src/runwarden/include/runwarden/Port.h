@@ -1,5 +1,8 @@
 #pragma once
 
+#include <functional>
+#include <optional>
+
 namespace runwarden {
 
 /// Whether a TCP socket can be bound to 0.0.0.0:port and listened on right now. The socket is
@@ -16,5 +19,16 @@ bool IsOpenPort(int port);
 /// returns. The range must be non-empty and within 0...65535; anything else stops the program.
 /// A port found free here may be taken by someone else before it is used.
 int RandomOpenPort(int lowerBound, int upperBound);
+
+/// Whether a server could listen on 127.0.0.1:port right now, binding as servers do (with
+/// address reuse): false while another socket listens on the port or holds it bound without
+/// reuse, true when only closed connections linger on it.
+bool CanListenOnLoopback(int port);
+
+/// Like RandomOpenPort(), but bounded: a number of uniform random draws, then one walk over the
+/// whole range from a random place. Empty when no port of the range is open, after at most
+/// `randomDraws` + (upperBound - lowerBound) checks. `isOpen` replaces IsOpenPort() (for tests).
+std::optional<int> DrawOpenPort(int lowerBound, int upperBound,
+                                const std::function<bool(int)> &isOpen = {}, int randomDraws = 64);
 
 } // namespace runwarden
