@@ -16,6 +16,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <sys/mount.h>
+
 using namespace tarnwick;
 
 namespace {
@@ -117,6 +119,36 @@ private slots:
         }
         QVERIFY2(vaulted.contains("alpha") && vaulted.contains("beta"),
                  qPrintable(vaulted.join(',')));
+    }
+
+    void aDataFolderWithoutRoomSaysSoAndKeepsNoPartialCopy() {
+        const QString small = state_.filePath("small-disk");
+        QVERIFY(QDir().mkpath(small));
+        if (::mount("tarnwick-test", QFile::encodeName(small).constData(), "tmpfs", 0,
+                    "size=256k") != 0) {
+            QSKIP("mounting a small tmpfs needs root");
+        }
+        struct Unmount {
+            QByteArray path;
+            ~Unmount() { ::umount2(path.constData(), MNT_DETACH); }
+        } unmount{QFile::encodeName(small)};
+        QStringList log;
+        ItemsProvider::Options options;
+        options.singleInstance = false;
+        options.log = [&log](const QString &line) { log << line; };
+        options.dataDirectory = [small]() -> std::optional<QString> { return small; };
+        ItemsProvider model(options);
+        QTRY_VERIFY_WITH_TIMEOUT(model.backendFailed(), 15000);
+        QVERIFY(log.contains("Fatal: Could not prepare writable binary"));
+        QVERIFY2(model.error().startsWith("The backend could not be copied to " + small +
+                                          "/tarnwick/bin/"),
+                 qPrintable(model.error()));
+        QVERIFY2(model.error().endsWith(": the disk is full (No space left on device)."),
+                 qPrintable(model.error()));
+        QVERIFY(!model.pm().isBackendRunning());
+        QCOMPARE(QDir(small + "/tarnwick/bin")
+                     .entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden),
+                 QStringList());
     }
 
     void aSquattedPortIsLeftForAFreshOne() {

@@ -358,6 +358,35 @@ private slots:
         QCOMPARE(f.log.filter("warning:").first(), QString("warning: publishFailure"));
     }
 
+    void aCancelledPublishMakesNoFurtherAttempt() {
+        Fixture f;
+        // Each request fails, the first only once the test lets it.
+        auto release = std::make_shared<std::atomic<bool>>(false);
+        f.backend->setHandler([release](const FakeRequest &) {
+            while (!release->load()) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+            return FakeReply::raw("", 503);
+        });
+        std::optional<CommandOutcome> outcome;
+        QVERIFY(f.provider->publish(commands::getGroups(),
+                                    [&](const CommandOutcome &result) { outcome = result; }));
+        const quint64 number = f.provider->currentPublish();
+        QVERIFY(number != 0);
+        QTRY_COMPARE_WITH_TIMEOUT(f.backend->requestCount("getGroups"), 1, 10000);
+        // The caller (a command line that timed out) stops waiting: a stale number does nothing.
+        f.provider->cancelPublish(number + 1);
+        f.provider->cancelPublish(number);
+        release->store(true);
+        QTRY_VERIFY_WITH_TIMEOUT(outcome.has_value(), 10000);
+        QVERIFY(outcome->has_value());
+        QCOMPARE(QString::fromStdString((*outcome)->domain), QString("Cancelled"));
+        QVERIFY(!f.provider->isWaiting());
+        QCOMPARE(f.provider->currentPublish(), quint64(0));
+        QCOMPARE(f.backend->requestCount("getGroups"), 1); // not six
+        QCOMPARE(f.count("Request 'getGroups' given up by its caller; no further attempt"), 1);
+    }
+
     void codeRequestEndsWithTheSentMessageEvenWhenUnreachable() {
         Fixture f(false); // nothing listens on the port
         QSignalSpy errors(f.provider.get(), &ItemsProvider::errorChanged);
