@@ -22,7 +22,9 @@
 #include <QTcpSocket>
 #include <QUrl>
 
+#include <openssl/bio.h>
 #include <openssl/evp.h>
+#include <openssl/pem.h>
 
 #include <cstddef>
 #include <utility>
@@ -155,6 +157,20 @@ public:
             qFatal("cannot sign");
         }
         return signature;
+    }
+
+    // The private key as PEM text, for tools that sign with it.
+    QByteArray privateKeyPem() const {
+        BIO *bio = BIO_new(BIO_s_mem());
+        if (bio == nullptr ||
+            PEM_write_bio_PrivateKey(bio, key_, nullptr, nullptr, 0, nullptr, nullptr) != 1) {
+            qFatal("cannot write the private key");
+        }
+        char *data = nullptr;
+        const long size = BIO_get_mem_data(bio, &data);
+        QByteArray pem(data, static_cast<qsizetype>(size));
+        BIO_free(bio);
+        return pem;
     }
 
     // A release's signature: over the version it is offered as and the archive's SHA-256,

@@ -11,6 +11,7 @@
 #include <QDir>
 #include <QFile>
 #include <QNetworkProxy>
+#include <QProcess>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -332,6 +333,32 @@ private slots:
         server_->set("/appcast.xml", feedOf({publish("1.1.5", *key_)}));
         QVERIFY(runCheck(*checker));
         QCOMPARE(checker->downloadedFile(), downloads_->path() + "/updates/tarnwick-1.1.5.tar.gz");
+    }
+
+    void theSigningScriptSignsWhatTheVerifierChecks() {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        QFile pem(dir.filePath("key.pem"));
+        QVERIFY(pem.open(QIODevice::WriteOnly));
+        pem.write(key_->privateKeyPem());
+        pem.close();
+        const QString archive = dir.filePath("tarnwick-1.2.0.tar.gz");
+        QFile file(archive);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(releaseBytes("1.2.0"));
+        file.close();
+
+        QProcess sign;
+        sign.start(QStringLiteral(TARNWICK_SIGN_UPDATE_SCRIPT),
+                   {"1.2.0", archive, dir.filePath("key.pem")});
+        QVERIFY(sign.waitForFinished(30000));
+        QVERIFY2(sign.exitCode() == 0, sign.readAllStandardError().constData());
+        const QByteArray signature = QByteArray::fromBase64(sign.readAllStandardOutput().trimmed());
+        QCOMPARE(signature.size(), 64);
+        QCOMPARE(UpdateVerifier::verifyFile(archive, "1.2.0", key_->publicKey(), signature),
+                 QString());
+        QVERIFY(
+            !UpdateVerifier::verifyFile(archive, "1.3.0", key_->publicKey(), signature).isEmpty());
     }
 
     void damagedDownloadIsDiscarded() {
