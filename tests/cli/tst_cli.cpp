@@ -414,6 +414,27 @@ private slots:
         QVERIFY(client.process.waitForFinished(15000));
     }
 
+    void aCommandWhoseRequestsAllFailExitsNonZero() {
+        Home home;
+        home.env.insert("KOVRIT_DEV_FAULT", "status=500"); // every request is answered 500
+        Client client(home);
+        QVERIFY(client.process.waitForStarted());
+        Result result;
+        QVERIFY(QTest::qWaitFor(
+            [&] {
+                // (before the backend's key is known the reason is that instead)
+                result = run(home, {"groups"});
+                return result.exitCode != 0 && result.err.contains("publishFailure");
+            },
+            30000));
+        QCOMPARE(result.exitCode, 1);
+        QVERIFY(result.out.isEmpty()); // no list, stale or otherwise
+        QVERIFY2(result.err.contains("publishFailure"), qPrintable(result.err));
+        QVERIFY(run(home, {"status"}).out.startsWith("Connecting to the backend ...\n"));
+        QCOMPARE(run(home, {"quit"}).exitCode, 0);
+        QVERIFY(client.process.waitForFinished(15000));
+    }
+
     void untilTheBackendAnswersTheStatusSaysConnecting() {
         Home home;
         home.env.insert("KOVRIT_DEV_FAULT", "no-pem"); // it never shows its key
@@ -438,8 +459,8 @@ private slots:
         home.env.insert("KOVRIT_DEV_FAULT", "exit-after=0");
         Client client(home);
         const QString crashed = "Binary crashed repeatedly. Please reinstall the app.";
-        QVERIFY(QTest::qWaitFor(
-            [&] { return statusOf(home).value("error").toString() == crashed; }, 60000));
+        QVERIFY(QTest::qWaitFor([&] { return statusOf(home).value("error").toString() == crashed; },
+                                60000));
         const Result result = run(home, {"restart-backend"});
         QCOMPARE(result.exitCode, 1);
         QVERIFY2(result.err.contains("The backend did not come up: " + crashed),
