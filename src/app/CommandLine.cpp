@@ -148,8 +148,9 @@ QString describeStatus(const QJsonObject &status, bool loginMessage) {
     const QString user = status.value(QStringLiteral("userName")).toString();
     // Until the backend has answered, the sign-in state is only the one the client starts with.
     const bool answered = status.value(QStringLiteral("backendAnswered")).toBool(true);
-    if (!answered && !backendFailed) {
-        stream << "Connecting to the backend ...\n";
+    if (!answered) {
+        stream << (backendFailed ? "Not connected to the backend\n"
+                                 : "Connecting to the backend ...\n");
     } else if (status.value(QStringLiteral("isLoggedIn")).toBool()) {
         stream << (user.isEmpty() ? QStringLiteral("Signed in")
                                   : QStringLiteral("Signed in as %1").arg(user))

@@ -483,6 +483,7 @@ private slots:
             60000));
         Result result = run(home, {"status"});
         QVERIFY(result.out.contains("tarnwick restart-backend"));
+        QVERIFY(!result.out.contains("Signed in"));
         QVERIFY(processesRunning(home.backendCopy()).isEmpty());
         QCOMPARE(client.output().count("Crash recovery attempt 1 of 3"), 1);
 
