@@ -91,7 +91,7 @@ private:
 
     void sendNext();
     void post(Pending request);
-    Exchange open(const QByteArray &body);
+    Exchange open(const QByteArray &body, std::int64_t headersAt);
     // Whether a reply's KDFNonce is that of a request we sent lately: our own
     // request sent back to us (it opens, since both directions share the key).
     bool isOwnRequest(const std::string &kdfNonce) const;
