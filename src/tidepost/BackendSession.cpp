@@ -7,6 +7,7 @@
 #include <lumacrypt/Base64.h>
 
 #include <algorithm>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -78,8 +79,10 @@ void BackendSession::post(Pending request) {
     // Sealed as it leaves, so that its timestamp is fresh when it arrives.
     std::string body;
     try {
-        const lumacrypt::KeyExchangeAEADStore record =
-            pm_->kes.encodeJSONAndEncrypt(request.envelope, pm_->keyExchangeCurrentTimestampData());
+        const std::string &plain = envelopeJSON(request.envelope);
+        const lumacrypt::Bytes stamp = pm_->keyExchangeCurrentTimestampData();
+        const lumacrypt::KeyExchangeAEADStore record = pm_->kes.encrypt(
+            std::span(reinterpret_cast<const std::uint8_t *>(plain.data()), plain.size()), stamp);
         body = record.toJSON();
         if (std::optional<lumacrypt::Bytes> salt = lumacrypt::base64Decode(record.kdfNonce)) {
             sentSalts_.push_back(std::move(*salt));
@@ -119,6 +122,17 @@ void BackendSession::post(Pending request) {
                 done(exchange);
             }
         });
+}
+
+const std::string &BackendSession::envelopeJSON(const tarnwick::TypeIDAndData &envelope) {
+    // The ping repeats the same folder list until it changes: its JSON text is written once per
+    // change, not on every ping (comparing the texts costs far less than escaping them again).
+    if (!lastEnvelope_ || lastEnvelope_->data != envelope.data ||
+        lastEnvelope_->type != envelope.type || lastEnvelope_->id != envelope.id) {
+        lastEnvelopeJSON_ = lumacrypt::encodeJSON(envelope);
+        lastEnvelope_ = envelope;
+    }
+    return lastEnvelopeJSON_;
 }
 
 Exchange BackendSession::open(const QByteArray &body, std::int64_t headersAt) {
