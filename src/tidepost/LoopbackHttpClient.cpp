@@ -434,11 +434,15 @@ bool LoopbackHttpClient::readHead(Connection *connection) {
     return true;
 }
 
-bool LoopbackHttpClient::append(Connection *connection, const QByteArray &bytes) {
+bool LoopbackHttpClient::append(Connection *connection, qint64 count) {
+    // Straight from the socket's buffer into the body, without a piece in between.
     Exchange *exchange = connection->exchange.get();
-    exchange->body += bytes;
+    const qsizetype before = exchange->body.size();
+    exchange->body.resize(before + qsizetype(count));
+    const qint64 read = connection->socket->read(exchange->body.data() + before, count);
+    exchange->body.resize(before + qsizetype(std::max<qint64>(read, 0)));
     peakReplyBytes_ = std::max(peakReplyBytes_, qint64(exchange->body.size()));
-    return true;
+    return read == count;
 }
 
 bool LoopbackHttpClient::readBody(Connection *connection) {
@@ -451,7 +455,7 @@ bool LoopbackHttpClient::readBody(Connection *connection) {
         const qint64 missing = *exchange->contentLength - exchange->body.size();
         const qint64 take = std::min(missing, socket->bytesAvailable());
         if (take > 0) {
-            append(connection, socket->read(take));
+            append(connection, take);
         }
         if (exchange->body.size() == *exchange->contentLength) {
             HttpReply reply{std::move(exchange->body), std::nullopt, exchange->headersAt};
@@ -470,7 +474,7 @@ bool LoopbackHttpClient::readBody(Connection *connection) {
             return false;
         }
         if (available > 0) {
-            append(connection, socket->read(available));
+            append(connection, available);
         }
         return true;
     }
@@ -516,7 +520,7 @@ bool LoopbackHttpClient::readChunked(Connection *connection) {
             if (take <= 0) {
                 return true;
             }
-            append(connection, socket->read(take));
+            append(connection, take);
             exchange->chunkRemaining -= take;
             if (exchange->chunkRemaining == 0) {
                 exchange->phase = Exchange::Phase::chunkEnd;

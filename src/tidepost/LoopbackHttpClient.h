@@ -88,7 +88,7 @@ private:
     bool readHead(Connection *connection);
     bool readBody(Connection *connection);
     bool readChunked(Connection *connection);
-    bool append(Connection *connection, const QByteArray &bytes);
+    bool append(Connection *connection, qint64 count);
     void finish(Connection *connection, HttpReply reply, bool keepConnection);
     void drop(Connection *connection);
     bool mayRetry(const Connection *connection) const;
