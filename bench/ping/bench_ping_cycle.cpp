@@ -8,6 +8,8 @@
 //   rtt_p50_ms       round trip of one ping through the model, median
 //   floor_p50_ms     raw-socket round trip of the same bytes, median
 //   rtt_over_floor   the two medians' ratio
+//   http_p50_ms      the same bytes posted through the request client's HTTP path alone (no
+//                    sealing, no model), median; http_over_floor: its ratio to the floor
 //   client_cpu_ms    client CPU per ping (the process minus the backend's threads and the raw
 //                    client's own work)
 //   cycle_ms         the ping loop's period: 100 ms wait after each answer plus the round trip
@@ -409,7 +411,7 @@ void PingCycle(benchmark::State &state) {
 
     RawClient raw(backend.port());
     const std::string token = model.session().bearerToken();
-    std::vector<double> rtts, floors;
+    std::vector<double> rtts, floors, transports;
     std::int64_t clientCpu = 0;
     const std::uint64_t answeredBefore = backend.answered();
     for (auto _ : state) {
@@ -433,6 +435,19 @@ void PingCycle(benchmark::State &state) {
         const auto rawStart = Clock::now();
         benchmark::DoNotOptimize(raw.post(body, token));
         floors.push_back(std::chrono::duration<double>(Clock::now() - rawStart).count() * 1000);
+
+        // The client's HTTP path alone: the same bytes posted through the request client, the
+        // same reply bytes back, no sealing and no model.
+        bool posted = false;
+        const auto postStart = Clock::now();
+        model.pm().publishLocal(body, backend.port(), QStringLiteral("/raw"), token,
+                                [&posted](std::optional<QByteArray>,
+                                          std::optional<tidepost::Error>) { posted = true; });
+        while (!posted) {
+            QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+        }
+        transports.push_back(std::chrono::duration<double>(Clock::now() - postStart).count() *
+                             1000);
     }
     const double n = double(state.iterations());
     const double rtt = median(rtts);
@@ -442,6 +457,8 @@ void PingCycle(benchmark::State &state) {
     state.counters["rtt_p50_ms"] = rtt;
     state.counters["floor_p50_ms"] = floor;
     state.counters["rtt_over_floor"] = floor > 0 ? rtt / floor : 0;
+    state.counters["http_p50_ms"] = median(transports);
+    state.counters["http_over_floor"] = floor > 0 ? median(transports) / floor : 0;
     state.counters["client_cpu_ms"] = cpuMs;
     state.counters["cycle_ms"] = cycle;
     state.counters["client_core_pct"] = 100.0 * cpuMs / cycle;
