@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <memory>
 #include <strings.h>
 
 namespace kovritdev {
@@ -20,9 +21,27 @@ constexpr std::uint64_t kMaxDrainedBytes = 64u * 1024u * 1024u;
 constexpr auto kMaxDrainTime = std::chrono::seconds(3);
 constexpr const char *kGarbageBody = "this is not a sealed record\n";
 
+// Sets the answer's body so that it goes out as it is. Replies are never compressed: the sealed
+// ones are base64 ciphertext that does not shrink, and loopback gains nothing from it. The server
+// library compresses a body set with set_content() whenever the client offers an encoding; a body
+// of known length given by a provider it sends untouched.
+void setBody(httplib::Response &res, std::string body, const char *contentType) {
+    auto shared = std::make_shared<const std::string>(std::move(body));
+    const std::size_t length = shared->size();
+    if (length == 0) {
+        res.set_content(std::string(), contentType);
+        return;
+    }
+    res.set_content_provider(
+        length, contentType,
+        [shared](std::size_t offset, std::size_t size, httplib::DataSink &sink) {
+            return sink.write(shared->data() + offset, size);
+        });
+}
+
 void refuse(httplib::Response &res, int status, const char *text) {
     res.status = status;
-    res.set_content(text, "text/plain");
+    setBody(res, text, "text/plain");
 }
 
 } // namespace
@@ -103,8 +122,8 @@ void HttpFrontend::install() {
         }
         if (faults_.status) {
             res.status = *faults_.status;
-            res.set_content("fault injection: status " + std::to_string(*faults_.status) + "\n",
-                            "text/plain");
+            setBody(res, "fault injection: status " + std::to_string(*faults_.status) + "\n",
+                    "text/plain");
             return httplib::Server::HandlerResponse::Handled;
         }
         if (faults_.garbage) {
@@ -113,7 +132,7 @@ void HttpFrontend::install() {
                 return httplib::Server::HandlerResponse::Handled;
             }
             res.status = 200;
-            res.set_content(kGarbageBody, "application/json");
+            setBody(res, kGarbageBody, "application/json");
             return httplib::Server::HandlerResponse::Handled;
         }
         return httplib::Server::HandlerResponse::Unhandled;
@@ -191,7 +210,7 @@ void HttpFrontend::install() {
         }
         try {
             res.status = 200;
-            res.set_content(channel_.seal(*answer, faults_.staleTimestamp), "application/json");
+            setBody(res, channel_.seal(*answer, faults_.staleTimestamp), "application/json");
         } catch (const std::exception &e) {
             logLine(std::string("warning: cannot seal the answer: ") + e.what());
             refuse(res, 500, "internal error\n");

@@ -55,6 +55,7 @@ void DirItemsModel::merge(const std::vector<DirItem> &report) {
             if (!sameRecord(existing, next)) {
                 existing = std::move(next);
                 changed[static_cast<std::size_t>(row->second)] = true;
+                ++revision_;
             }
         } else if (const auto pending = appendedIndex.find(incoming.path);
                    pending != appendedIndex.end()) {
@@ -83,6 +84,7 @@ void DirItemsModel::merge(const std::vector<DirItem> &report) {
     }
 
     if (!appended.empty()) {
+        ++revision_;
         const int first = count();
         beginInsertRows({}, first, first + static_cast<int>(appended.size()) - 1);
         for (DirItem &item : appended) {
@@ -105,6 +107,7 @@ void DirItemsModel::removePath(const std::string &path) {
         }
     }
     if (removed) {
+        ++revision_;
         rebuildIndex();
         emit countChanged();
     }

@@ -4,6 +4,7 @@
 
 #include <QAbstractListModel>
 
+#include <cstdint>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -43,6 +44,9 @@ public:
     void merge(const std::vector<DirItem> &report);
     // Drops every row with this path.
     void removePath(const std::string &path);
+    // Grows whenever the list changes (a row added, changed or removed): what was derived from
+    // the list at one revision holds while the revision stays.
+    std::uint64_t revision() const { return revision_; }
 
     int rowCount(const QModelIndex &parent = {}) const override;
     QVariant data(const QModelIndex &index, int role) const override;
@@ -61,6 +65,7 @@ private:
 
     std::vector<DirItem> items_;
     std::unordered_map<std::string, int> rowOfPath_;
+    std::uint64_t revision_ = 0;
 };
 
 } // namespace tarnwick

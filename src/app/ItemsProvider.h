@@ -121,6 +121,9 @@ public:
 
     // Merges a backend status report into the folder list.
     void update(const std::vector<DirItem> &dirItems);
+    // The folder list the background ping carries (JSON text). Encoded once per change of the
+    // list and reused while it stays as it is.
+    const std::string &pingPayload() const;
     // Drops a folder from the local state at once, and again 0.5 s later.
     Q_INVOKABLE void deleteItem(const QString &path);
     Q_INVOKABLE QString walkDirIcon(const QString &path) const;
@@ -237,6 +240,13 @@ private:
     bool backendAnswered_ = false;
     quint64 publishNumber_ = 0;
     std::weak_ptr<bool> publishCancelled_;
+    // The ping's folder list as JSON, and the list's revision it was encoded at.
+    mutable std::string pingPayload_;
+    mutable std::optional<std::uint64_t> pingPayloadRevision_;
+    // The last folder report applied, and the list's revision right after it: the same report
+    // again on the same list changes nothing, and is not decoded or merged again.
+    std::string lastReport_;
+    std::optional<std::uint64_t> lastReportRevision_;
     std::unique_ptr<tidepost::BackendSession> session_;
     std::unique_ptr<supervisor::BackendLauncher> launcher_;
 };

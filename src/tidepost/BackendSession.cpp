@@ -7,6 +7,7 @@
 #include <lumacrypt/Base64.h>
 
 #include <algorithm>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -78,8 +79,10 @@ void BackendSession::post(Pending request) {
     // Sealed as it leaves, so that its timestamp is fresh when it arrives.
     std::string body;
     try {
-        const lumacrypt::KeyExchangeAEADStore record =
-            pm_->kes.encodeJSONAndEncrypt(request.envelope, pm_->keyExchangeCurrentTimestampData());
+        const std::string &plain = envelopeJSON(request.envelope);
+        const lumacrypt::Bytes stamp = pm_->keyExchangeCurrentTimestampData();
+        const lumacrypt::KeyExchangeAEADStore record = pm_->kes.encrypt(
+            std::span(reinterpret_cast<const std::uint8_t *>(plain.data()), plain.size()), stamp);
         body = record.toJSON();
         if (std::optional<lumacrypt::Bytes> salt = lumacrypt::base64Decode(record.kdfNonce)) {
             sentSalts_.push_back(std::move(*salt));
@@ -101,25 +104,38 @@ void BackendSession::post(Pending request) {
         return;
     }
     QPointer<BackendSession> self(this);
-    pm_->publishLocal(body, port_, QString::fromLatin1(requestPath), pm_->bearerToken,
-                      [self, done = std::move(request.done)](std::optional<QByteArray> reply,
-                                                             std::optional<Error> error) {
-                          if (!self) {
-                              return;
-                          }
-                          Exchange exchange =
-                              error ? Exchange{Exchange::Result::failed, {}, std::move(error)}
-                                    : self->open(reply.value_or(QByteArray()));
-                          // The next request leaves before this one's handler runs, so a
-                          // handler that sends again queues behind what was already waiting.
-                          self->sendNext();
-                          if (done) {
-                              done(exchange);
-                          }
-                      });
+    pm_->publishLocalTimed(
+        body, port_, QString::fromLatin1(requestPath), pm_->bearerToken,
+        [self, done = std::move(request.done)](std::optional<QByteArray> reply,
+                                               std::optional<Error> error, std::int64_t headersAt) {
+            if (!self) {
+                return;
+            }
+            // Judged against the moment the headers arrived: a large body
+            // takes its time to stream and to open, and that is no sign of age.
+            Exchange exchange = error ? Exchange{Exchange::Result::failed, {}, std::move(error)}
+                                      : self->open(reply.value_or(QByteArray()), headersAt);
+            // The next request leaves before this one's handler runs, so a
+            // handler that sends again queues behind what was already waiting.
+            self->sendNext();
+            if (done) {
+                done(exchange);
+            }
+        });
 }
 
-Exchange BackendSession::open(const QByteArray &body) {
+const std::string &BackendSession::envelopeJSON(const tarnwick::TypeIDAndData &envelope) {
+    // The ping repeats the same folder list until it changes: its JSON text is written once per
+    // change, not on every ping (comparing the texts costs far less than escaping them again).
+    if (!lastEnvelope_ || lastEnvelope_->data != envelope.data ||
+        lastEnvelope_->type != envelope.type || lastEnvelope_->id != envelope.id) {
+        lastEnvelopeJSON_ = lumacrypt::encodeJSON(envelope);
+        lastEnvelope_ = envelope;
+    }
+    return lastEnvelopeJSON_;
+}
+
+Exchange BackendSession::open(const QByteArray &body, std::int64_t headersAt) {
     try {
         const lumacrypt::KeyExchangeAEADStore record = lumacrypt::KeyExchangeAEADStore::fromJSON(
             std::string_view(body.constData(), static_cast<std::size_t>(body.size())));
@@ -135,7 +151,7 @@ Exchange BackendSession::open(const QByteArray &body) {
                     Error{"KeyExchangeError", 0, "the reply repeats a request of ours"}};
         }
         const lumacrypt::Bytes plain = pm_->kes.decryptAEADStore(record);
-        if (std::optional<Error> stale = pm_->checkTimestamp(record.additionalData)) {
+        if (std::optional<Error> stale = pm_->checkTimestamp(record.additionalData, headersAt)) {
             return {Exchange::Result::unreadable, {}, std::move(stale)};
         }
         return {Exchange::Result::opened, std::string(plain.begin(), plain.end()), std::nullopt};

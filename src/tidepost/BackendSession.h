@@ -91,7 +91,9 @@ private:
 
     void sendNext();
     void post(Pending request);
-    Exchange open(const QByteArray &body);
+    Exchange open(const QByteArray &body, std::int64_t headersAt);
+    // The envelope's JSON text (the last one's, when the envelope is the same again).
+    const std::string &envelopeJSON(const tarnwick::TypeIDAndData &envelope);
     // Whether a reply's KDFNonce is that of a request we sent lately: our own
     // request sent back to us (it opens, since both directions share the key).
     bool isOwnRequest(const std::string &kdfNonce) const;
@@ -105,6 +107,8 @@ private:
     // The HKDF salts (decoded KDFNonces) of the latest requests.
     std::deque<lumacrypt::Bytes> sentSalts_;
     std::uint64_t reflectedReplies_ = 0;
+    std::optional<tarnwick::TypeIDAndData> lastEnvelope_;
+    std::string lastEnvelopeJSON_;
 };
 
 } // namespace tidepost

@@ -7,10 +7,6 @@
 #include <runwarden/SystemArchitecture.h>
 
 #include <QMetaObject>
-#include <QNetworkAccessManager>
-#include <QNetworkProxy>
-#include <QNetworkReply>
-#include <QNetworkRequest>
 #include <QTimer>
 #include <QtGlobal>
 
@@ -147,37 +143,10 @@ struct PollManager::Subscription {
     }
 };
 
-// One HTTP exchange under way.
-struct PollManager::Request {
-    QNetworkReply *reply = nullptr;
-    QTimer *deadline = nullptr;
-    ReplyCallback done;
-    QByteArray body;
-    bool completed = false;
-};
-
 namespace {
 
 constexpr std::int64_t timestampWindowMs = 50;
 constexpr int pingTicksPerLimit = 5;
-// How much Qt may buffer ahead of what we have read from a reply.
-constexpr qint64 replyReadBufferBytes = 256 * 1024;
-
-Error networkError(QNetworkReply::NetworkError code, const QString &text) {
-    return {"NetworkError", int(code), text.toStdString()};
-}
-
-Error timeoutError(std::chrono::milliseconds limit) {
-    return networkError(QNetworkReply::TimeoutError,
-                        QStringLiteral("The request timed out (no complete answer within %1 ms)")
-                            .arg(limit.count()));
-}
-
-Error tooLargeError(qint64 limit) {
-    return networkError(QNetworkReply::UnknownContentError,
-                        QStringLiteral("The reply is larger than %1 bytes").arg(limit));
-}
-
 } // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -192,9 +161,8 @@ PollManager::PollManager(KeyExchangeStoreFunction factory, QObject *parent)
     timestamp = clock_();
     processManager_ = new runwarden::ProcessManager(this);
     watchRunner();
-    network_ = new QNetworkAccessManager(this);
-    // The backend listens on the loopback interface: a system proxy must never see its traffic.
-    network_->setProxy(QNetworkProxy(QNetworkProxy::NoProxy));
+    http_ = new LoopbackHttpClient(this);
+    http_->setClock([this] { return clock_(); });
 }
 
 PollManager::~PollManager() {
@@ -202,10 +170,8 @@ PollManager::~PollManager() {
         timer_->stop();
     }
     // Requests under way end without their callbacks: their owner is going away with us.
-    for (QNetworkReply *reply : network_->findChildren<QNetworkReply *>()) {
-        QObject::disconnect(reply, nullptr, this, nullptr);
-        reply->abort();
-    }
+    delete http_;
+    http_ = nullptr;
     // The runners (the current one and any cancelled one still winding down) go first, while
     // everything their output handlers may post to is still alive. Cancelling all before
     // waiting for any lets their children end together.
@@ -240,6 +206,7 @@ void PollManager::setLogSink(LogSink sink) {
 void PollManager::setRequestTimeout(std::chrono::milliseconds timeout) {
     requestTimeout_ = std::clamp(timeout, std::chrono::milliseconds(1),
                                  std::chrono::milliseconds(std::numeric_limits<int>::max()));
+    http_->setRequestTimeout(requestTimeout_);
 }
 
 std::chrono::milliseconds PollManager::requestTimeout() const {
@@ -248,6 +215,7 @@ std::chrono::milliseconds PollManager::requestTimeout() const {
 
 void PollManager::setMaxReplyBytes(qint64 bytes) {
     maxReplyBytes_ = std::max<qint64>(bytes, 0);
+    http_->setMaxReplyBytes(maxReplyBytes_);
 }
 
 qint64 PollManager::maxReplyBytes() const {
@@ -309,8 +277,13 @@ bool PollManager::authTimestamp(const std::string &additionalData) {
 }
 
 std::optional<Error> PollManager::checkTimestamp(const std::string &additionalData) {
+    return checkTimestamp(additionalData, clock_());
+}
+
+std::optional<Error> PollManager::checkTimestamp(const std::string &additionalData,
+                                                 std::int64_t at) {
     try {
-        authTimestampThrows(additionalData);
+        authTimestampThrows(additionalData, at);
         return std::nullopt;
     } catch (...) {
         Error error = Error::fromCurrentException();
@@ -320,6 +293,10 @@ std::optional<Error> PollManager::checkTimestamp(const std::string &additionalDa
 }
 
 void PollManager::authTimestampThrows(const std::string &additionalData) {
+    authTimestampThrows(additionalData, clock_());
+}
+
+void PollManager::authTimestampThrows(const std::string &additionalData, std::int64_t now) {
     const std::optional<std::int64_t> t = lumacrypt::KeyExchangeTimestamp(additionalData);
     if (!t) {
         throw PollManagerException(PollManagerError::timestampInvalidFormat);
@@ -329,7 +306,6 @@ void PollManager::authTimestampThrows(const std::string &additionalData) {
     if (*t <= timestamp) {
         throw PollManagerException(PollManagerError::timestampExpired);
     }
-    const std::int64_t now = clock_();
     std::int64_t age = 0;
     if (__builtin_sub_overflow(now, *t, &age)) {
         // So far off that the difference does not fit: out of the window on the side it lies.
@@ -359,8 +335,28 @@ void PollManager::failLater(ReplyCallback done, Error error) {
         Qt::QueuedConnection);
 }
 
+void PollManager::failLater(TimedReplyCallback done, Error error) {
+    if (!done) {
+        return;
+    }
+    QMetaObject::invokeMethod(
+        this, [done = std::move(done), error = std::move(error)] { done(std::nullopt, error, 0); },
+        Qt::QueuedConnection);
+}
+
 void PollManager::publishLocal(const std::string &jsonBody, int port, const QString &path,
                                const std::string &bearerToken, ReplyCallback done) {
+    publishLocalTimed(jsonBody, port, path, bearerToken,
+                      [done = std::move(done)](std::optional<QByteArray> body,
+                                               std::optional<Error> error, std::int64_t) {
+                          if (done) {
+                              done(std::move(body), std::move(error));
+                          }
+                      });
+}
+
+void PollManager::publishLocalTimed(std::string_view jsonBody, int port, const QString &path,
+                                    const std::string &bearerToken, TimedReplyCallback done) {
     if (port < 0 || port > 65535) {
         failLater(std::move(done), Error::of(PollManagerError::urlError));
         return;
@@ -374,130 +370,37 @@ void PollManager::publishLocal(const std::string &jsonBody, int port, const QStr
         failLater(std::move(done), Error::of(PollManagerError::urlError));
         return;
     }
-    publishWithURL(jsonBody, url, bearerToken, std::move(done));
+    publishWithURLTimed(jsonBody, url, bearerToken, std::move(done));
 }
 
 void PollManager::publishWithURL(const std::string &jsonBody, const QUrl &url,
                                  const std::string &bearerToken, ReplyCallback done) {
+    publishWithURLTimed(jsonBody, url, bearerToken,
+                        [done = std::move(done)](std::optional<QByteArray> body,
+                                                 std::optional<Error> error, std::int64_t) {
+                            if (done) {
+                                done(std::move(body), std::move(error));
+                            }
+                        });
+}
+
+void PollManager::publishWithURLTimed(std::string_view jsonBody, const QUrl &url,
+                                      const std::string &bearerToken, TimedReplyCallback done) {
     if (!url.isValid() || url.isRelative() || url.host().isEmpty()) {
         failLater(std::move(done), Error::of(PollManagerError::urlError));
         return;
     }
-    QNetworkRequest request(url);
-    request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
+    QByteArray headers = "Content-Type: application/json\r\n";
     if (!bearerToken.empty()) {
-        request.setRawHeader(QByteArrayLiteral("Authorization"),
-                             QByteArrayLiteral("Bearer ") + QByteArray::fromStdString(bearerToken));
+        headers += "Authorization: Bearer " + QByteArray::fromStdString(bearerToken) + "\r\n";
     }
     // Only a 200 succeeds: a redirect is an answer like any other, never followed.
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
-                         QNetworkRequest::ManualRedirectPolicy);
-    request.setAttribute(QNetworkRequest::CacheLoadControlAttribute,
-                         QNetworkRequest::AlwaysNetwork);
-    request.setAttribute(QNetworkRequest::CacheSaveControlAttribute, false);
-    request.setAttribute(QNetworkRequest::CookieLoadControlAttribute, QNetworkRequest::Manual);
-    request.setAttribute(QNetworkRequest::CookieSaveControlAttribute, QNetworkRequest::Manual);
-    const int timeoutMs = int(requestTimeout_.count());
-    request.setTransferTimeout(timeoutMs);
-
-    auto state = std::make_shared<Request>();
-    state->done = std::move(done);
-    QNetworkReply *reply = network_->post(request, QByteArray::fromStdString(jsonBody));
-    state->reply = reply;
-    reply->setReadBufferSize(replyReadBufferBytes);
-
-    // The transfer time-out above only notices silence; this one bounds the whole exchange, so
-    // that a server trickling bytes cannot keep a request open either.
-    state->deadline = new QTimer(reply);
-    state->deadline->setSingleShot(true);
-    const std::chrono::milliseconds limit = requestTimeout_;
-    connect(state->deadline, &QTimer::timeout, this,
-            [this, state, limit] { completeRequest(state, std::nullopt, timeoutError(limit)); });
-    state->deadline->start(timeoutMs);
-
-    const qint64 cap = maxReplyBytes_;
-    connect(reply, &QNetworkReply::metaDataChanged, this, [this, state, cap] {
-        bool ok = false;
-        const int status =
-            state->reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(&ok);
-        if (ok && status != 200) {
-            // The body of a failed request is of no use: do not wait for it.
-            completeRequest(state, std::nullopt, Error::of(PollManagerError::publishFailure));
-            return;
-        }
-        const QVariant length = state->reply->header(QNetworkRequest::ContentLengthHeader);
-        if (length.isValid() && length.toLongLong() > cap) {
-            completeRequest(state, std::nullopt, tooLargeError(cap));
-        }
-    });
-    connect(reply, &QNetworkReply::downloadProgress, this,
-            [this, state, cap](qint64 received, qint64) {
-                if (received > cap) {
-                    completeRequest(state, std::nullopt, tooLargeError(cap));
-                }
-            });
-    connect(reply, &QNetworkReply::readyRead, this, [this, state, cap] {
-        if (state->body.size() + state->reply->bytesAvailable() > cap) {
-            completeRequest(state, std::nullopt, tooLargeError(cap));
-            return;
-        }
-        state->body += state->reply->readAll();
-    });
-    connect(reply, &QNetworkReply::finished, this, [this, state] { finishRequest(state); });
-}
-
-void PollManager::finishRequest(const std::shared_ptr<Request> &state) {
-    QNetworkReply *reply = state->reply;
-    bool ok = false;
-    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(&ok);
-    if (ok && status != 200) {
-        completeRequest(state, std::nullopt, Error::of(PollManagerError::publishFailure));
-    } else if (reply->error() == QNetworkReply::OperationCanceledError) {
-        // Only Qt cancels a reply we have not given up on ourselves: its transfer time-out.
-        completeRequest(state, std::nullopt, timeoutError(requestTimeout_));
-    } else if (reply->error() != QNetworkReply::NoError) {
-        completeRequest(state, std::nullopt, networkError(reply->error(), reply->errorString()));
-    } else if (!ok) {
-        completeRequest(state, std::nullopt,
-                        networkError(QNetworkReply::ProtocolFailure,
-                                     QStringLiteral("The reply carries no HTTP status")));
-    } else if (state->body.size() + reply->bytesAvailable() > maxReplyBytes_) {
-        completeRequest(state, std::nullopt, tooLargeError(maxReplyBytes_));
-    } else {
-        QByteArray body = std::move(state->body);
-        body += reply->readAll();
-        completeRequest(state, std::move(body), std::nullopt);
-    }
-}
-
-void PollManager::completeRequest(const std::shared_ptr<Request> &state,
-                                  std::optional<QByteArray> body, std::optional<Error> error) {
-    if (state->completed) {
-        return;
-    }
-    state->completed = true;
-    state->deadline->stop();
-    state->body.clear();
-    QNetworkReply *reply = state->reply;
-    // Nothing of this reply reaches us any more. It is aborted and dropped from the event loop,
-    // not from inside one of its own signals; a reply Qt has failed by itself (it does so for
-    // statuses of 400 and up) only needs dropping.
-    QObject::disconnect(reply, nullptr, this, nullptr);
-    QMetaObject::invokeMethod(
-        reply,
-        [reply] {
-            if (reply->isRunning() && reply->error() == QNetworkReply::NoError) {
-                reply->abort();
-            }
-            reply->deleteLater();
-        },
-        Qt::QueuedConnection);
-
-    ReplyCallback done = std::move(state->done);
-    state->done = nullptr;
-    if (done) {
-        done(std::move(body), std::move(error));
-    }
+    http_->post(url, headers, QByteArray::fromRawData(jsonBody.data(), qsizetype(jsonBody.size())),
+                [done = std::move(done)](HttpReply reply) {
+                    if (done) {
+                        done(std::move(reply.body), std::move(reply.error), reply.headersAt);
+                    }
+                });
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -11,6 +11,7 @@
 // for everything else (the pong, setting the peer key). Reply callbacks run on the main thread.
 
 #include "Error.h"
+#include "LoopbackHttpClient.h"
 
 #include <lumacrypt/KeyExchangeStore.h>
 #include <lumacrypt/Message.h>
@@ -33,7 +34,6 @@
 #include <string_view>
 #include <system_error>
 
-class QNetworkAccessManager;
 class QTimer;
 
 namespace tidepost {
@@ -60,6 +60,10 @@ public:
     /// PollManager is destroyed are dropped.
     using ReplyCallback =
         std::function<void(std::optional<QByteArray> body, std::optional<Error> error)>;
+    /// The same, with the clock's time at which the reply's status line and headers arrived (0
+    /// when no reply arrived): the moment a reply's freshness is judged against.
+    using TimedReplyCallback = std::function<void(
+        std::optional<QByteArray> body, std::optional<Error> error, std::int64_t headersAt)>;
 
     /// A request without a complete answer after this long fails.
     static constexpr std::chrono::milliseconds defaultRequestTimeout{30000};
@@ -126,12 +130,17 @@ public:
     /// authTimestamp() that tells why it refused: the error it logged, or nothing when the
     /// timestamp was accepted.
     std::optional<Error> checkTimestamp(const std::string &additionalData);
+    /// The same, judged against `at` (the clock's time when the reply's headers arrived)
+    /// instead of the clock's time now.
+    std::optional<Error> checkTimestamp(const std::string &additionalData, std::int64_t at);
     /// The freshness check of a reply's additional data (base64 of a decimal millisecond
     /// timestamp): it must decode (else timestampInvalidFormat), be strictly newer than the last
     /// accepted one (else timestampExpired) and lie within 50 ms of the clock: more than 50 ms
     /// ahead of it throws timestampInPastError, more than 50 ms behind it throws
     /// timestampInFutureError. Only an accepted timestamp updates `timestamp`.
     void authTimestampThrows(const std::string &additionalData);
+    /// The same check against `at` instead of the clock's time now.
+    void authTimestampThrows(const std::string &additionalData, std::int64_t at);
 
     /// Opens a reply: the sealed record's JSON, then kes.decryptAEADStore, then T::fromJSON on
     /// the plaintext, then auth on the record's additional data (its error propagates; false
@@ -165,6 +174,13 @@ public:
     /// "NetworkError".
     void publishWithURL(const std::string &jsonBody, const QUrl &url,
                         const std::string &bearerToken, ReplyCallback done);
+    /// publishLocal and publishWithURL that also tell when the reply's headers arrived.
+    void publishLocalTimed(std::string_view jsonBody, int port, const QString &path,
+                           const std::string &bearerToken, TimedReplyCallback done);
+    void publishWithURLTimed(std::string_view jsonBody, const QUrl &url,
+                             const std::string &bearerToken, TimedReplyCallback done);
+    /// The HTTP client underneath (tests watch its buffers and connections).
+    LoopbackHttpClient &http() { return *http_; }
     /// Encodes value (objectAsString), then as publishLocal above; an encoding error goes to the
     /// callback.
     template <lumacrypt::JSONEncodable T>
@@ -214,7 +230,6 @@ signals:
 
 private:
     struct Subscription;
-    struct Request;
 
     void requireUTF8(const std::string &json) const;
     void failLater(ReplyCallback done, Error error);
@@ -223,9 +238,7 @@ private:
     void acceptPeerKey(const std::string &key);
     runwarden::StandardOutputHandler outputHandler(std::shared_ptr<Subscription> subscription);
     runwarden::TaskExitHandler exitHandler(std::shared_ptr<Subscription> subscription);
-    void finishRequest(const std::shared_ptr<Request> &request);
-    void completeRequest(const std::shared_ptr<Request> &request, std::optional<QByteArray> body,
-                         std::optional<Error> error);
+    void failLater(TimedReplyCallback done, Error error);
 
     void watchRunner();
 
@@ -238,7 +251,7 @@ private:
     QTimer *timer_ = nullptr;
     std::function<void()> pingTimeout_;
     std::shared_ptr<Subscription> subscription_;
-    QNetworkAccessManager *network_ = nullptr;
+    LoopbackHttpClient *http_ = nullptr;
     runwarden::InstanceGuard *instanceGuard_ = nullptr;
     Clock clock_;
     LogSink logSink_;

@@ -67,7 +67,8 @@ int runDesktop(int &argc, char **argv) {
         engine, {&model, &actions, &app, LaunchAtLogin::observable(), &updater, &pickers});
 
     WindowController window(engine, app);
-    if (!window.load()) {
+    // The content is checked now and created when the window is first shown.
+    if (!window.prepare()) {
         model.log(QStringLiteral("warning: the window could not be loaded"));
         return 1;
     }
@@ -102,8 +103,10 @@ int runDesktop(int &argc, char **argv) {
     QObject::connect(&tray, &TrayController::openRequested, &window, open);
     QObject::connect(&tray, &TrayController::openTabRequested, &window,
                      [&app, open](TrayController::Tab tab) {
-                         app.showTab(static_cast<int>(tab));
+                         // Shown first: the window is created on its first showing, and
+                         // only a created window hears which tab to bring up.
                          open();
+                         app.showTab(static_cast<int>(tab));
                      });
     QObject::connect(&model.pm().instanceGuard(), &runwarden::InstanceGuard::showRequested, &window,
                      open);

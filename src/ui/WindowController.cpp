@@ -4,6 +4,7 @@
 
 #include <QCloseEvent>
 #include <QGuiApplication>
+#include <QQmlComponent>
 #include <QQmlEngine>
 #include <QQuickView>
 #include <QScreen>
@@ -55,6 +56,29 @@ bool WindowController::load() {
     return true;
 }
 
+bool WindowController::prepare() {
+    QQmlComponent component(&engine_,
+                            QUrl(QStringLiteral("qrc:/qt/qml/Tarnwick/qml/MainWindow.qml")));
+    if (component.status() != QQmlComponent::Ready) {
+        for (const QQmlError &error : component.errors()) {
+            qWarning().noquote() << error.toString();
+        }
+        return false;
+    }
+    prepared_ = true;
+    return true;
+}
+
+bool WindowController::ensureLoaded() {
+    if (view_) {
+        return true;
+    }
+    if (!prepared_) {
+        return false;
+    }
+    return load();
+}
+
 QQuickWindow *WindowController::window() const {
     return view_.get();
 }
@@ -91,7 +115,7 @@ bool WindowController::isVisible() const {
 }
 
 void WindowController::show() {
-    if (!view_) {
+    if (!ensureLoaded()) {
         return;
     }
     if (mode_ == Mode::popup) {
@@ -126,7 +150,7 @@ void WindowController::hide() {
 }
 
 void WindowController::toggle(const QRect &anchor) {
-    if (!view_) {
+    if (!ensureLoaded()) {
         return;
     }
     if (view_->isVisible()) {

@@ -34,6 +34,13 @@ public:
     // Creates the window with its content; false (and the QML errors logged)
     // when the content cannot be loaded.
     bool load();
+    // Checks that the content compiles, and leaves creating the window to the
+    // first time it is shown: a client that sits in the tray never pays for
+    // a window nobody has opened. False (and the QML errors logged) when the
+    // content cannot be loaded.
+    bool prepare();
+    // Whether the window has been created.
+    bool isLoaded() const { return view_ != nullptr; }
     QQuickWindow *window() const;
 
     Mode mode() const { return mode_; }
@@ -69,6 +76,8 @@ signals:
     void closedByUser();
 
 private:
+    // Creates the window when only prepared so far; false when that fails.
+    bool ensureLoaded();
     void placeNear(const QRect &anchor);
     void applyMode();
     bool eventFilter(QObject *watched, QEvent *event) override;
@@ -76,6 +85,8 @@ private:
     QQmlEngine &engine_;
     AppController &app_;
     std::unique_ptr<QQuickView> view_;
+    // prepare() found the content loadable: show() creates the window.
+    bool prepared_ = false;
     Mode mode_ = Mode::ordinary;
     QRect lastAnchor_;
     // When the popup last hid itself on losing the focus: a click on the

@@ -224,6 +224,58 @@ private slots:
                  0.15);
     }
 
+    void pingPayloadIsEncodedOncePerChange() {
+        Fixture f(false);
+        f.provider->update({folder("/a", "Up to date"), folder("/b", "4 of 6 - Indexing")});
+        const std::string &first = f.provider->pingPayload();
+        QCOMPARE(first, encodeDirItems(f.provider->dirItems()));
+        const char *buffer = first.data();
+        // Unchanged list: the same text, not written again.
+        f.provider->update({folder("/a", "Up to date")});
+        QCOMPARE(f.provider->pingPayload().data(), buffer);
+        QCOMPARE(f.provider->pingPayload(), encodeDirItems(f.provider->dirItems()));
+        // A changed status, a new folder, a removed folder: each shows in the next payload.
+        f.provider->update({folder("/b", "Up to date")});
+        QCOMPARE(f.provider->pingPayload(), encodeDirItems(f.provider->dirItems()));
+        QVERIFY(QByteArray::fromStdString(f.provider->pingPayload()).contains("Up to date"));
+        QVERIFY(!QByteArray::fromStdString(f.provider->pingPayload()).contains("Indexing"));
+        f.provider->update({folder("/c", "Up to date")});
+        QVERIFY(QByteArray::fromStdString(f.provider->pingPayload()).contains("\"/c\""));
+        f.provider->deleteItem("/a");
+        QCOMPARE(f.provider->pingPayload(), encodeDirItems(f.provider->dirItems()));
+        QVERIFY(!QByteArray::fromStdString(f.provider->pingPayload()).contains("\"/a\""));
+    }
+
+    void sameReportAgainChangesNothingAndSignalsNothing() {
+        Fixture f;
+        const std::string report =
+            encodeDirItems({folder("/a", "Up to date"), folder("/b", "4 of 6 - Indexing")});
+        f.answer(report);
+        QVERIFY(!f.call("ping", "", "[]"));
+        QCOMPARE(f.provider->dirItems().size(), 2u);
+        QSignalSpy changed(f.provider->dirItemsModel(), &QAbstractItemModel::dataChanged);
+        QSignalSpy inserted(f.provider->dirItemsModel(), &QAbstractItemModel::rowsInserted);
+        QSignalSpy loggedIn(f.provider.get(), &ItemsProvider::loginStateReported);
+        QVERIFY(!f.call("ping", "", "[]"));
+        QCOMPARE(changed.count(), 0);
+        QCOMPARE(inserted.count(), 0);
+        // The reply still says a user is signed in.
+        QCOMPARE(loggedIn.count(), 1);
+        QCOMPARE(loggedIn[0][0].toBool(), true);
+        // A folder dropped here in the meantime comes back with the same report, as with any
+        // report already on its way: the list it was applied to has changed.
+        f.provider->deleteItem("/b");
+        QCOMPARE(f.provider->dirItems().size(), 1u);
+        QVERIFY(!f.call("ping", "", "[]"));
+        QCOMPARE(f.provider->dirItems().size(), 2u);
+        QCOMPARE(inserted.count(), 1);
+        // One status moving is applied.
+        f.answer(encodeDirItems({folder("/a", "Up to date"), folder("/b", "Up to date")}));
+        QVERIFY(!f.call("ping", "", "[]"));
+        QCOMPARE(f.provider->dirItems()[1].status, std::string("Up to date"));
+        QVERIFY(!f.provider->isLoading());
+    }
+
     void deleteItemRemovesFromEveryGroupAndAgainLater() {
         Fixture f;
         f.answer(encodeGroupItems(

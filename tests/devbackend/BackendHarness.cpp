@@ -1,5 +1,8 @@
 #include "BackendHarness.h"
 
+#include <algorithm>
+#include <cctype>
+
 #include <httplib.h>
 #include <lumacrypt/PEM.h>
 #include <lumacrypt/Timestamp.h>
@@ -63,7 +66,18 @@ HttpReply httpExchange(int port, const std::string &method, const std::string &p
     reply.transportOk = true;
     reply.status = result->status;
     reply.body = result->body;
+    reply.headers.insert(result->headers.begin(), result->headers.end());
     return reply;
+}
+
+bool HttpReply::hasHeader(const std::string &name) const {
+    return std::any_of(headers.begin(), headers.end(), [&name](const auto &entry) {
+        return entry.first.size() == name.size() &&
+               std::equal(name.begin(), name.end(), entry.first.begin(), [](char a, char b) {
+                   return std::tolower(static_cast<unsigned char>(a)) ==
+                          std::tolower(static_cast<unsigned char>(b));
+               });
+    });
 }
 
 Backend::Backend()

@@ -36,6 +36,9 @@ struct HttpReply {
     std::string transportError;
     int status = 0;
     std::string body;
+    std::multimap<std::string, std::string> headers; // as received (names as the peer wrote them)
+
+    bool hasHeader(const std::string &name) const;
 };
 
 // One HTTP exchange with full control over method, path and headers (a "Host" header given here

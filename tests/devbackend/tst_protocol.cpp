@@ -38,6 +38,7 @@ private slots:
     void signInWithTheMailedCode();
     void getGroupsListsTheTwoDefaultGroups();
     void pingWithoutFoldersAnswersPing();
+    void answersAreNeverCompressed();
     void unknownCommandIsAnError();
     void openDirPathAnswersAnEmptySealedBody();
     void openWebKnowsOnlyExistingGroups();
@@ -162,6 +163,30 @@ void ProtocolTest::pingWithoutFoldersAnswersPing() {
     const auto answer = backend_->send("ping", "", "[]");
     QVERIFY2(answer.opened, answer.problem.c_str());
     QCOMPARE(answer.plaintext, kPingMessage);
+}
+
+void ProtocolTest::answersAreNeverCompressed() {
+    // A client that offers every encoding still gets the body as it is: sealed answers are
+    // ciphertext, and refusals are a line of text.
+    auto headers = backend_->goodHeaders();
+    headers["Accept-Encoding"] = "gzip, deflate, br, zstd";
+    const HttpReply sealed = httpExchange(backend_->port(), "POST", "/request", headers,
+                                          backend_->seal("ping", "", "[]", nowMs()));
+    QVERIFY2(sealed.transportOk, sealed.transportError.c_str());
+    QCOMPARE(sealed.status, 200);
+    QVERIFY(!sealed.hasHeader("Content-Encoding"));
+    QVERIFY(sealed.hasHeader("Content-Length"));
+    std::string plaintext, problem;
+    std::int64_t timestamp = 0;
+    QVERIFY2(backend_->open(sealed.body, plaintext, timestamp, problem), problem.c_str());
+    QCOMPARE(plaintext, kPingMessage);
+
+    headers["Authorization"] = "Bearer not-the-token";
+    const HttpReply refused = httpExchange(backend_->port(), "POST", "/request", headers,
+                                           backend_->seal("ping", "", "[]", nowMs()));
+    QCOMPARE(refused.status, 401);
+    QVERIFY(!refused.hasHeader("Content-Encoding"));
+    QCOMPARE(refused.body, std::string("unauthorized\n"));
 }
 
 void ProtocolTest::unknownCommandIsAnError() {

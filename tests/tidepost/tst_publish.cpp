@@ -1,7 +1,10 @@
 // Posting to the backend's local endpoint, against a small HTTP server on 127.0.0.1 that records
 // the raw requests it receives and answers with canned replies.
 
+#include <BackendSession.h>
+#include <Models.h>
 #include <PollManager.h>
+#include <runwarden/Clock.h>
 
 #include <QElapsedTimer>
 #include <QTcpServer>
@@ -133,6 +136,10 @@ struct Outcome {
     }
 };
 
+std::span<const std::uint8_t> asBytes(std::string_view text) {
+    return {reinterpret_cast<const std::uint8_t *>(text.data()), text.size()};
+}
+
 const std::string kToken = "dGhpcyBpcyBhIDMyLWJ5dGUgdGVzdCBrZXkgdmFsdWU=";
 
 } // namespace
@@ -155,6 +162,11 @@ private slots:
     void streamedBodyOver64MiBIsRefused();
     void bodyJustUnderTheCapIsAccepted();
     void pendingRequestsAreDroppedWithTheClient();
+    void chunkedReplyIsReassembled();
+    void connectionClosedByThePeerIsOpenedAgain();
+    void streamWithoutLengthIsCutAtTheCap();
+    void largeReplyIsFreshWhenItsHeadersWere();
+    void replyWhoseHeadersArriveLateIsRefused();
 };
 
 void TestPublish::postsJSONWithBearerToken() {
@@ -182,6 +194,11 @@ void TestPublish::postsJSONWithBearerToken() {
     QCOMPARE(request.header("host"),
              std::optional<QByteArray>("127.0.0.1:" + QByteArray::number(server.port())));
     QCOMPARE(request.body, QByteArray::fromStdString(body));
+    // Nothing is compressed on loopback: the body is ciphertext.
+    QCOMPARE(request.header("accept-encoding"), std::optional<QByteArray>("identity"));
+    QCOMPARE(request.headerCount("accept-encoding"), 1);
+    QCOMPARE(request.header("content-length"),
+             std::optional<QByteArray>(QByteArray::number(qsizetype(body.size()))));
     QTest::qWait(50);
     QCOMPARE(outcome.calls, 1);
 }
@@ -502,6 +519,209 @@ void TestPublish::pendingRequestsAreDroppedWithTheClient() {
     }
     QTest::qWait(100);
     QCOMPARE(outcome.calls, 0);
+}
+
+void TestPublish::chunkedReplyIsReassembled() {
+    CannedServer server;
+    QVERIFY(server.listen());
+    server.respond = [](QTcpSocket *socket, const Received &) {
+        socket->write("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+                      "5\r\nhello\r\n6;note=x\r\n world\r\n0\r\nX-Trailer: 1\r\n\r\n");
+    };
+    PollManager pm(tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
+    for (int i = 0; i < 2; ++i) {
+        Outcome outcome;
+        pm.publishLocal("{}", server.port(), QStringLiteral("/request"), kToken,
+                        outcome.callback());
+        QTRY_COMPARE_WITH_TIMEOUT(outcome.calls, 1, 10000);
+        QVERIFY2(!outcome.error, outcome.error ? outcome.error->description.c_str() : "");
+        QCOMPARE(outcome.body, std::optional<QByteArray>("hello world"));
+    }
+    // The connection stays open after a complete chunked reply.
+    QCOMPARE(server.connections, 1);
+
+    // Chunks that add up to more than the cap are refused.
+    pm.setMaxReplyBytes(10);
+    Outcome over;
+    pm.publishLocal("{}", server.port(), QStringLiteral("/request"), kToken, over.callback());
+    QTRY_COMPARE_WITH_TIMEOUT(over.calls, 1, 10000);
+    QVERIFY(!over.body);
+    QVERIFY(over.error);
+    QCOMPARE(over.error->domain, std::string("NetworkError"));
+    QVERIFY2(QByteArray::fromStdString(over.error->description).contains("10 bytes"),
+             over.error->description.c_str());
+}
+
+void TestPublish::connectionClosedByThePeerIsOpenedAgain() {
+    // The peer answers as if it kept the connection, then closes it: the next request goes out
+    // on a fresh connection and succeeds.
+    CannedServer server;
+    QVERIFY(server.listen());
+    server.respond = [](QTcpSocket *socket, const Received &request) {
+        socket->write(answer(200, "OK", request.body));
+        socket->disconnectFromHost();
+    };
+    PollManager pm(tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
+    for (int i = 0; i < 3; ++i) {
+        Outcome outcome;
+        const std::string body = "{\"n\":" + std::to_string(i) + "}";
+        pm.publishLocal(body, server.port(), QStringLiteral("/request"), kToken,
+                        outcome.callback());
+        QTRY_COMPARE_WITH_TIMEOUT(outcome.calls, 1, 10000);
+        QVERIFY2(!outcome.error, outcome.error ? outcome.error->description.c_str() : "");
+        QCOMPARE(outcome.body, std::optional<QByteArray>(QByteArray::fromStdString(body)));
+    }
+    QCOMPARE(server.requests.size(), std::size_t(3));
+    QCOMPARE(server.connections, 3);
+    QCOMPARE(pm.http().connectionsOpened(), 3);
+}
+
+void TestPublish::streamWithoutLengthIsCutAtTheCap() {
+    // No Content-Length: the peer offers three times the cap. The client refuses once the body
+    // passes the cap, and never holds more than the cap of it.
+    CannedServer server;
+    QVERIFY(server.listen());
+    const QByteArray block(1024 * 1024, 'y');
+    const qint64 cap = PollManager::defaultMaxReplyBytes;
+    const qint64 offered = 3 * cap;
+    qint64 sent = 0;
+    server.respond = [&](QTcpSocket *socket, const Received &) {
+        socket->write("HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n");
+        auto feed = [&, socket] {
+            while (socket->state() == QAbstractSocket::ConnectedState &&
+                   socket->bytesToWrite() < 4 * block.size() && sent < offered) {
+                socket->write(block);
+                sent += block.size();
+            }
+        };
+        connect(socket, &QTcpSocket::bytesWritten, socket, feed);
+        feed();
+    };
+    PollManager pm(tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
+    QCOMPARE(pm.maxReplyBytes(), cap);
+    Outcome outcome;
+    qint64 sentWhenRefused = -1;
+    pm.publishLocal("{}", server.port(), QStringLiteral("/request"), kToken,
+                    [&](std::optional<QByteArray> body, std::optional<Error> error) {
+                        sentWhenRefused = sent;
+                        outcome.callback()(std::move(body), std::move(error));
+                    });
+    QTRY_COMPARE_WITH_TIMEOUT(outcome.calls, 1, 60000);
+    QVERIFY(!outcome.body);
+    QVERIFY(outcome.error);
+    QCOMPARE(outcome.error->domain, std::string("NetworkError"));
+    QVERIFY2(QByteArray::fromStdString(outcome.error->description).contains("67108864"),
+             outcome.error->description.c_str());
+    const qint64 peak = pm.http().peakReplyBytes();
+    QVERIFY2(peak <= cap, QByteArray::number(peak).constData());
+    // It did read up to the cap (less at most one read-ahead buffer) before it refused.
+    QVERIFY2(peak >= cap - 2 * block.size(), QByteArray::number(peak).constData());
+    // The refusal came while the peer still had most of its offer left to send.
+    QVERIFY2(sentWhenRefused < offered, QByteArray::number(sentWhenRefused).constData());
+}
+
+namespace {
+
+// A client session and a backend store that trust each other, over the canned server, with
+// time driven by hand.
+struct SealedPeer {
+    runwarden::ManualClock clock;
+    tidepost::BackendSession session{tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM};
+    lumacrypt::KeyExchangeStore backend = tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM();
+
+    explicit SealedPeer(int port) {
+        PollManager &pm = session.pollManager();
+        pm.setClock([this] { return clock.epochMilliseconds(); });
+        pm.timestamp = clock.epochMilliseconds() - 1000;
+        pm.setLogSink([](const std::string &) {});
+        backend.setExternalPublicKey(pm.bearerToken);
+        pm.kes.setExternalPublicKey(backend.LocalPublicKey());
+        session.setPort(port);
+    }
+    // A reply sealed now, padded with blanks (which JSON allows) to `size` bytes when given.
+    QByteArray reply(const std::string &plain, qsizetype size = 0) const {
+        const std::string stamp = std::to_string(clock.epochMilliseconds());
+        QByteArray body =
+            QByteArray::fromStdString(backend.encrypt(asBytes(plain), asBytes(stamp)).toJSON());
+        if (size > body.size()) {
+            body.append(size - body.size(), ' ');
+        }
+        return body;
+    }
+};
+
+} // namespace
+
+void TestPublish::largeReplyIsFreshWhenItsHeadersWere() {
+    // A 65,000,000-byte reply (under the 64 MiB cap) whose body arrives, and is opened, well
+    // after the freshness window: the headers came in time, so it is fresh.
+    CannedServer server;
+    QVERIFY(server.listen());
+    SealedPeer peer(server.port());
+    const std::string plain =
+        R"({"Type":"ping","ID":"","Data":")" + std::string(40'000'000, 'a') + R"("})";
+    const qsizetype size = 65'000'000;
+    QByteArray body;
+    QPointer<QTcpSocket> replying;
+    server.respond = [&](QTcpSocket *socket, const Received &) {
+        body = peer.reply(plain, size);
+        socket->write("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: " +
+                      QByteArray::number(body.size()) + "\r\n\r\n");
+        replying = socket;
+    };
+    int headersSeen = 0;
+    connect(&peer.session.pollManager().http(), &tidepost::LoopbackHttpClient::replyHeadersArrived,
+            this, [&](std::int64_t at) {
+                ++headersSeen;
+                QCOMPARE(at, peer.clock.epochMilliseconds());
+                // The body takes half a second to come: ten times the window.
+                peer.clock.advance(std::chrono::milliseconds(500));
+                QVERIFY(replying);
+                replying->write(body);
+            });
+    std::optional<tidepost::Exchange> result;
+    peer.session.send(tarnwick::TypeIDAndData{"ping", "", "[]"},
+                      tidepost::BackendSession::Priority::command,
+                      [&](const tidepost::Exchange &exchange) { result = exchange; });
+    QTRY_VERIFY_WITH_TIMEOUT(result.has_value(), 120000);
+    QCOMPARE(body.size(), size);
+    QCOMPARE(headersSeen, 1);
+    QVERIFY2(result->result == tidepost::Exchange::Result::opened,
+             result->error ? result->error->description.c_str() : "not opened");
+    QCOMPARE(result->plaintext.size(), plain.size());
+    QVERIFY(result->plaintext == plain);
+}
+
+void TestPublish::replyWhoseHeadersArriveLateIsRefused() {
+    // Sealed at once, but its headers only arrive half a second later: too old.
+    CannedServer server;
+    QVERIFY(server.listen());
+    SealedPeer peer(server.port());
+    server.respond = [&](QTcpSocket *socket, const Received &) {
+        const QByteArray body = peer.reply(R"({"Type":"ping","ID":"","Data":""})");
+        peer.clock.advance(std::chrono::milliseconds(500));
+        socket->write(answer(200, "OK", body));
+    };
+    std::optional<tidepost::Exchange> result;
+    peer.session.send(tarnwick::TypeIDAndData{"ping", "", "[]"},
+                      tidepost::BackendSession::Priority::command,
+                      [&](const tidepost::Exchange &exchange) { result = exchange; });
+    QTRY_VERIFY_WITH_TIMEOUT(result.has_value(), 10000);
+    QVERIFY(result->result == tidepost::Exchange::Result::unreadable);
+    QCOMPARE(result->error, std::optional(Error::of(PollManagerError::timestampInFutureError)));
+
+    // The same reply in time is accepted: the refusal was the lateness alone.
+    server.respond = [&](QTcpSocket *socket, const Received &) {
+        socket->write(answer(200, "OK", peer.reply(R"({"Type":"ping","ID":"","Data":""})")));
+    };
+    peer.clock.advance(std::chrono::milliseconds(1));
+    result.reset();
+    peer.session.send(tarnwick::TypeIDAndData{"ping", "", "[]"},
+                      tidepost::BackendSession::Priority::command,
+                      [&](const tidepost::Exchange &exchange) { result = exchange; });
+    QTRY_VERIFY_WITH_TIMEOUT(result.has_value(), 10000);
+    QVERIFY2(result->result == tidepost::Exchange::Result::opened,
+             result->error ? result->error->description.c_str() : "not opened");
 }
 
 QTEST_GUILESS_MAIN(TestPublish)

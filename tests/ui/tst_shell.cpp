@@ -100,6 +100,39 @@ private slots:
                  QPoint(2100, 28));
     }
 
+    void windowIsCreatedOnItsFirstShowing() {
+        UiHarness h;
+        WindowController window(h.engine(), h.app());
+        runwarden::ManualClock clock;
+        window.setClock(clock);
+        QVERIFY(window.prepare());
+        // Checked, not created: nothing of it exists while nobody opened it.
+        QVERIFY(!window.isLoaded());
+        QVERIFY(!window.window());
+        QVERIFY(!window.isVisible());
+        window.setMode(WindowController::Mode::popup);
+        window.hide();
+        QVERIFY(!window.isLoaded());
+
+        // The tray icon's click creates and shows it, as the popup asked for before.
+        window.toggle(QRect(1200, 0, 24, 24));
+        QVERIFY(window.isLoaded());
+        QQuickWindow *w = window.window();
+        QVERIFY(w);
+        QVERIFY(QTest::qWaitForWindowExposed(w));
+        QVERIFY(window.isVisible());
+        QVERIFY(w->flags().testFlag(Qt::FramelessWindowHint));
+        auto *root = qobject_cast<QQuickItem *>(w->contentItem()->childItems().value(0));
+        QVERIFY(root);
+        QCOMPARE(root->objectName(), "mainWindowRoot");
+        window.hide();
+        QVERIFY(!window.isVisible());
+        // Shown again: the same window.
+        clock.advance(std::chrono::milliseconds(1000));
+        window.show();
+        QCOMPARE(window.window(), w);
+    }
+
     void windowModes() {
         UiHarness h;
         WindowController window(h.engine(), h.app());

@@ -123,6 +123,19 @@ private slots:
         QVERIFY(!h.findVisible("listState"));
     }
 
+    void spinnerStopsWhileTheWindowIsHidden() {
+        UiHarness h;
+        h.model().setIsLoading(true);
+        QVERIFY2(h.load(QStringLiteral("ContentView")), qPrintable(h.errors().join('\n')));
+        QObject *spinner = h.findVisible("loadingSpinner");
+        QVERIFY(spinner);
+        QVERIFY(spinner->property("running").toBool());
+        h.window()->hide();
+        QTRY_VERIFY(!spinner->property("running").toBool());
+        h.window()->show();
+        QTRY_VERIFY(spinner->property("running").toBool());
+    }
+
     void emptyStateAfterTheGracePeriod() {
         UiHarness h;
         h.model().setIsLoading(false);

@@ -67,7 +67,9 @@ Rectangle {
         BusyIndicator {
             objectName: "loadingSpinner"
             Layout.alignment: Qt.AlignHCenter
-            running: parent.visible
+            // Only on screen: a spinner in a hidden window would wake the
+            // client on every frame for nothing.
+            running: parent.visible && view.shownOnScreen
             implicitWidth: 56
             implicitHeight: 56
         }

@@ -1,0 +1,598 @@
+#include "LoopbackHttpClient.h"
+
+#include <QMetaObject>
+#include <QNetworkProxy>
+#include <QNetworkReply>
+#include <QPointer>
+#include <QTcpSocket>
+#include <QTimer>
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+namespace tidepost {
+
+namespace {
+
+// How much Qt may read ahead from the kernel before we have taken it.
+constexpr qint64 socketReadBufferBytes = 1024 * 1024;
+// A status line and headers longer than this are not a reply of our backend.
+constexpr qsizetype maxHeadBytes = 64 * 1024;
+
+Error networkError(QNetworkReply::NetworkError code, const QString &text) {
+    return {"NetworkError", int(code), text.toStdString()};
+}
+
+Error protocolError(const char *text) {
+    return networkError(QNetworkReply::ProtocolFailure, QString::fromLatin1(text));
+}
+
+// Parses a decimal length (digits only, no sign, no overflow).
+std::optional<qint64> parseLength(QByteArrayView text) {
+    if (text.isEmpty()) {
+        return std::nullopt;
+    }
+    qint64 value = 0;
+    for (const char c : text) {
+        if (c < '0' || c > '9') {
+            return std::nullopt;
+        }
+        if (__builtin_mul_overflow(value, qint64(10), &value) ||
+            __builtin_add_overflow(value, qint64(c - '0'), &value)) {
+            return std::nullopt;
+        }
+    }
+    return value;
+}
+
+} // namespace
+
+Error timeoutError(std::chrono::milliseconds limit) {
+    return networkError(QNetworkReply::TimeoutError,
+                        QStringLiteral("The request timed out (no complete answer within %1 ms)")
+                            .arg(limit.count()));
+}
+
+Error tooLargeError(qint64 limit) {
+    return networkError(QNetworkReply::UnknownContentError,
+                        QStringLiteral("The reply is larger than %1 bytes").arg(limit));
+}
+
+// One request and the parse state of its reply.
+struct LoopbackHttpClient::Exchange {
+    enum class Phase { head, body, chunkSize, chunkData, chunkEnd, trailers, untilClose };
+
+    QByteArray request;
+    Done done;
+    QTimer *deadline = nullptr;
+    bool retried = false;
+    bool anyReplyByte = false;
+
+    Phase phase = Phase::head;
+    qsizetype headBytes = 0;
+    bool statusSeen = false;
+    int status = 0;
+    bool http10 = false;
+    std::optional<bool> connectionHeaderKeepAlive;
+    std::optional<qint64> contentLength;
+    bool chunked = false;
+    bool badHeader = false;
+    const char *badHeaderText = nullptr;
+    qint64 chunkRemaining = 0;
+    QByteArray body;
+    std::int64_t headersAt = 0;
+
+    bool keepAlive() const { return connectionHeaderKeepAlive.value_or(!http10); }
+};
+
+struct LoopbackHttpClient::Connection {
+    QTcpSocket *socket = nullptr;
+    QString host;
+    quint16 port = 0;
+    // Whether an exchange has completed on it: a reused connection the peer closed while idle
+    // gets one fresh try.
+    bool reused = false;
+    std::unique_ptr<Exchange> exchange;
+};
+
+LoopbackHttpClient::LoopbackHttpClient(QObject *parent) : QObject(parent) {}
+
+LoopbackHttpClient::~LoopbackHttpClient() {
+    for (const auto &connection : connections_) {
+        QObject::disconnect(connection->socket, nullptr, this, nullptr);
+        connection->socket->abort();
+    }
+}
+
+LoopbackHttpClient::Connection *LoopbackHttpClient::connectionFor(const QString &host,
+                                                                  quint16 port) {
+    for (const auto &connection : connections_) {
+        if (!connection->exchange && connection->host == host && connection->port == port &&
+            connection->socket->state() == QAbstractSocket::ConnectedState) {
+            return connection.get();
+        }
+    }
+    auto connection = std::make_unique<Connection>();
+    connection->host = host;
+    connection->port = port;
+    connection->socket = new QTcpSocket(this);
+    // The backend listens on the loopback interface: a system proxy must never see its traffic.
+    connection->socket->setProxy(QNetworkProxy::NoProxy);
+    connection->socket->setReadBufferSize(socketReadBufferBytes);
+    Connection *raw = connection.get();
+    connect(raw->socket, &QTcpSocket::connected, this, [this, raw] { onConnected(raw); });
+    connect(raw->socket, &QTcpSocket::readyRead, this, [this, raw] { onReadyRead(raw); });
+    connect(raw->socket, &QTcpSocket::disconnected, this, [this, raw] { onDisconnected(raw); });
+    connect(raw->socket, &QTcpSocket::errorOccurred, this, [this, raw] { onSocketError(raw); });
+    connections_.push_back(std::move(connection));
+    return raw;
+}
+
+void LoopbackHttpClient::post(const QUrl &url, const QByteArray &headers, const QByteArray &body,
+                              Done done) {
+    auto exchange = std::make_unique<Exchange>();
+    exchange->done = std::move(done);
+    if (url.scheme() != QLatin1String("http")) {
+        const Error error =
+            networkError(QNetworkReply::ProtocolUnknownError,
+                         QStringLiteral("Protocol \"%1\" is unknown").arg(url.scheme()));
+        QMetaObject::invokeMethod(
+            this,
+            [done = std::move(exchange->done), error] {
+                if (done) {
+                    done({std::nullopt, error, 0});
+                }
+            },
+            Qt::QueuedConnection);
+        return;
+    }
+    const QString host = url.host();
+    const int port = url.port(80);
+    QByteArray target = url.path(QUrl::FullyEncoded).toUtf8();
+    if (target.isEmpty()) {
+        target = "/";
+    }
+    if (url.hasQuery()) {
+        target += '?' + url.query(QUrl::FullyEncoded).toUtf8();
+    }
+    QByteArray hostHeader = url.host(QUrl::FullyEncoded).toUtf8();
+    if (hostHeader.contains(':')) {
+        hostHeader = '[' + hostHeader + ']';
+    }
+    if (port != 80) {
+        hostHeader += ':' + QByteArray::number(port);
+    }
+    // The whole request in one piece: head and body leave in one write.
+    QByteArray &request = exchange->request;
+    request.reserve(256 + headers.size() + body.size());
+    request += "POST " + target + " HTTP/1.1\r\nHost: " + hostHeader + "\r\n";
+    request += headers;
+    request += "Content-Length: " + QByteArray::number(body.size()) + "\r\n";
+    request += "Accept-Encoding: identity\r\nConnection: keep-alive\r\n\r\n";
+    request += body;
+
+    Connection *connection = connectionFor(host, quint16(port));
+    connection->exchange = std::move(exchange);
+    Exchange *state = connection->exchange.get();
+    // The limit holds for the exchange as a whole, so that a peer trickling bytes cannot keep a
+    // request open either.
+    state->deadline = new QTimer(this);
+    state->deadline->setSingleShot(true);
+    connect(state->deadline, &QTimer::timeout, this, [this, state] {
+        if (Connection *owner = ownerOf(state)) {
+            finish(owner, {std::nullopt, timeoutError(timeout_), state->headersAt}, false);
+        }
+    });
+    state->deadline->start(
+        int(std::min<qint64>(timeout_.count(), std::numeric_limits<int>::max())));
+    start(connection);
+}
+
+void LoopbackHttpClient::start(Connection *connection) {
+    QTcpSocket *socket = connection->socket;
+    if (socket->state() == QAbstractSocket::ConnectedState) {
+        onConnected(connection);
+        return;
+    }
+    if (socket->state() == QAbstractSocket::UnconnectedState) {
+        ++connectionsOpened_;
+        socket->connectToHost(connection->host, connection->port);
+    }
+}
+
+void LoopbackHttpClient::onConnected(Connection *connection) {
+    QTcpSocket *socket = connection->socket;
+    socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    if (!connection->exchange) {
+        return;
+    }
+    socket->write(connection->exchange->request);
+}
+
+bool LoopbackHttpClient::mayRetry(const Connection *connection) const {
+    const Exchange *exchange = connection->exchange.get();
+    return exchange && connection->reused && !exchange->retried && !exchange->anyReplyByte;
+}
+
+LoopbackHttpClient::Connection *LoopbackHttpClient::ownerOf(const Exchange *exchange) const {
+    for (const auto &connection : connections_) {
+        if (connection->exchange.get() == exchange) {
+            return connection.get();
+        }
+    }
+    return nullptr;
+}
+
+void LoopbackHttpClient::onDisconnected(Connection *connection) {
+    Exchange *exchange = connection->exchange.get();
+    if (!exchange) {
+        drop(connection);
+        return;
+    }
+    if (exchange->phase == Exchange::Phase::untilClose) {
+        // The body ran until the peer closed: what is left in the buffer is its end.
+        if (!readBody(connection)) {
+            return;
+        }
+        HttpReply reply{std::move(exchange->body), std::nullopt, exchange->headersAt};
+        finish(connection, std::move(reply), false);
+        return;
+    }
+    if (mayRetry(connection)) {
+        // A kept connection the peer had closed while idle: once more on a fresh one.
+        std::unique_ptr<Exchange> again = std::move(connection->exchange);
+        again->retried = true;
+        const QString host = connection->host;
+        const quint16 port = connection->port;
+        drop(connection);
+        Connection *fresh = connectionFor(host, port);
+        fresh->exchange = std::move(again);
+        start(fresh);
+        return;
+    }
+    finish(connection,
+           {std::nullopt,
+            networkError(QNetworkReply::RemoteHostClosedError, QStringLiteral("Connection closed")),
+            exchange->headersAt},
+           false);
+}
+
+void LoopbackHttpClient::onSocketError(Connection *connection) {
+    const QAbstractSocket::SocketError error = connection->socket->error();
+    if (error == QAbstractSocket::RemoteHostClosedError) {
+        // disconnected() follows and decides.
+        return;
+    }
+    if (!connection->exchange) {
+        drop(connection);
+        return;
+    }
+    if (mayRetry(connection) && connection->socket->state() != QAbstractSocket::ConnectedState) {
+        onDisconnected(connection);
+        return;
+    }
+    QNetworkReply::NetworkError code = QNetworkReply::UnknownNetworkError;
+    QString text = connection->socket->errorString();
+    switch (error) {
+    case QAbstractSocket::ConnectionRefusedError:
+        code = QNetworkReply::ConnectionRefusedError;
+        text = QStringLiteral("Connection refused");
+        break;
+    case QAbstractSocket::HostNotFoundError:
+        code = QNetworkReply::HostNotFoundError;
+        text = QStringLiteral("Host %1 not found").arg(connection->host);
+        break;
+    case QAbstractSocket::SocketTimeoutError:
+        code = QNetworkReply::TimeoutError;
+        break;
+    default:
+        break;
+    }
+    finish(connection, {std::nullopt, networkError(code, text), connection->exchange->headersAt},
+           false);
+}
+
+void LoopbackHttpClient::onReadyRead(Connection *connection) {
+    Exchange *exchange = connection->exchange.get();
+    if (!exchange) {
+        // Nothing was asked: bytes from an idle connection mean it is out of step.
+        drop(connection);
+        return;
+    }
+    if (connection->socket->bytesAvailable() > 0) {
+        exchange->anyReplyByte = true;
+    }
+    if (exchange->phase == Exchange::Phase::head && !readHead(connection)) {
+        return;
+    }
+    if (exchange->phase != Exchange::Phase::head) {
+        readBody(connection);
+    }
+}
+
+bool LoopbackHttpClient::readHead(Connection *connection) {
+    Exchange *exchange = connection->exchange.get();
+    QTcpSocket *socket = connection->socket;
+    while (exchange->phase == Exchange::Phase::head) {
+        if (!socket->canReadLine()) {
+            if (exchange->headBytes + socket->bytesAvailable() > maxHeadBytes) {
+                finish(connection,
+                       {std::nullopt, protocolError("The reply's headers are too long"), 0}, false);
+                return false;
+            }
+            return true;
+        }
+        const QByteArray line = socket->readLine(maxHeadBytes + 1);
+        exchange->headBytes += line.size();
+        if (exchange->headBytes > maxHeadBytes) {
+            finish(connection, {std::nullopt, protocolError("The reply's headers are too long"), 0},
+                   false);
+            return false;
+        }
+        const QByteArray text = line.trimmed();
+        if (!exchange->statusSeen) {
+            // "HTTP/1.1 200 OK"
+            if (!text.startsWith("HTTP/1.") || text.size() < 12 || text[8] != ' ') {
+                finish(connection, {std::nullopt, protocolError("The reply is not HTTP"), 0},
+                       false);
+                return false;
+            }
+            const std::optional<qint64> status = parseLength(text.mid(9, 3));
+            if (!status || (text.size() > 12 && text[12] != ' ')) {
+                finish(connection, {std::nullopt, protocolError("The reply is not HTTP"), 0},
+                       false);
+                return false;
+            }
+            exchange->status = int(*status);
+            exchange->http10 = text[7] == '0';
+            exchange->statusSeen = true;
+            continue;
+        }
+        if (!text.isEmpty()) {
+            const qsizetype colon = text.indexOf(':');
+            if (colon <= 0) {
+                exchange->badHeader = true;
+                exchange->badHeaderText = "The reply carries a malformed header";
+                continue;
+            }
+            const QByteArray name = text.left(colon).trimmed().toLower();
+            const QByteArray value = text.mid(colon + 1).trimmed();
+            if (name == "content-length") {
+                const std::optional<qint64> length = parseLength(value);
+                if (!length || (exchange->contentLength && *exchange->contentLength != *length)) {
+                    exchange->badHeader = true;
+                    exchange->badHeaderText = "The reply's length is not valid";
+                } else {
+                    exchange->contentLength = length;
+                }
+            } else if (name == "transfer-encoding") {
+                const QByteArray coding = value.toLower();
+                if (coding == "chunked") {
+                    exchange->chunked = true;
+                } else if (coding != "identity") {
+                    exchange->badHeader = true;
+                    exchange->badHeaderText = "The reply uses a transfer coding not asked for";
+                }
+            } else if (name == "content-encoding") {
+                if (value.toLower() != "identity") {
+                    exchange->badHeader = true;
+                    exchange->badHeaderText = "The reply is compressed although it was not asked";
+                }
+            } else if (name == "connection") {
+                const QByteArray option = value.toLower();
+                if (option.contains("close")) {
+                    exchange->connectionHeaderKeepAlive = false;
+                } else if (option.contains("keep-alive")) {
+                    exchange->connectionHeaderKeepAlive = true;
+                }
+            }
+            continue;
+        }
+        // The blank line: the head is complete.
+        if (exchange->status >= 100 && exchange->status < 200) {
+            // An interim answer ("100 Continue"): the real one follows.
+            const bool retried = exchange->retried;
+            Exchange fresh;
+            fresh.request = std::move(exchange->request);
+            fresh.done = std::move(exchange->done);
+            fresh.deadline = exchange->deadline;
+            fresh.retried = retried;
+            fresh.anyReplyByte = true;
+            *exchange = std::move(fresh);
+            continue;
+        }
+        exchange->headersAt = clock_ ? clock_() : 0;
+        emit replyHeadersArrived(exchange->headersAt);
+        if (exchange->status != 200) {
+            // The body of a failed request is of no use: do not wait for it.
+            finish(connection,
+                   {std::nullopt, Error::of(PollManagerError::publishFailure), exchange->headersAt},
+                   false);
+            return false;
+        }
+        if (exchange->badHeader) {
+            finish(connection,
+                   {std::nullopt, protocolError(exchange->badHeaderText), exchange->headersAt},
+                   false);
+            return false;
+        }
+        if (exchange->chunked) {
+            exchange->phase = Exchange::Phase::chunkSize;
+        } else if (exchange->contentLength) {
+            if (*exchange->contentLength > maxReplyBytes_) {
+                finish(connection,
+                       {std::nullopt, tooLargeError(maxReplyBytes_), exchange->headersAt}, false);
+                return false;
+            }
+            exchange->body.reserve(qsizetype(*exchange->contentLength));
+            exchange->phase = Exchange::Phase::body;
+        } else {
+            exchange->phase = Exchange::Phase::untilClose;
+        }
+    }
+    return true;
+}
+
+bool LoopbackHttpClient::append(Connection *connection, qint64 count) {
+    // Straight from the socket's buffer into the body, without a piece in between.
+    Exchange *exchange = connection->exchange.get();
+    const qsizetype before = exchange->body.size();
+    exchange->body.resize(before + qsizetype(count));
+    const qint64 read = connection->socket->read(exchange->body.data() + before, count);
+    exchange->body.resize(before + qsizetype(std::max<qint64>(read, 0)));
+    peakReplyBytes_ = std::max(peakReplyBytes_, qint64(exchange->body.size()));
+    return read == count;
+}
+
+bool LoopbackHttpClient::readBody(Connection *connection) {
+    Exchange *exchange = connection->exchange.get();
+    QTcpSocket *socket = connection->socket;
+    switch (exchange->phase) {
+    case Exchange::Phase::head:
+        return true;
+    case Exchange::Phase::body: {
+        const qint64 missing = *exchange->contentLength - exchange->body.size();
+        const qint64 take = std::min(missing, socket->bytesAvailable());
+        if (take > 0) {
+            append(connection, take);
+        }
+        if (exchange->body.size() == *exchange->contentLength) {
+            HttpReply reply{std::move(exchange->body), std::nullopt, exchange->headersAt};
+            const bool keep = exchange->keepAlive() && socket->bytesAvailable() == 0;
+            finish(connection, std::move(reply), keep);
+            return false;
+        }
+        return true;
+    }
+    case Exchange::Phase::untilClose: {
+        // Never more than the cap: what would pass it is refused before it is taken.
+        const qint64 available = socket->bytesAvailable();
+        if (available > maxReplyBytes_ - exchange->body.size()) {
+            finish(connection, {std::nullopt, tooLargeError(maxReplyBytes_), exchange->headersAt},
+                   false);
+            return false;
+        }
+        if (available > 0) {
+            append(connection, available);
+        }
+        return true;
+    }
+    default:
+        return readChunked(connection);
+    }
+}
+
+bool LoopbackHttpClient::readChunked(Connection *connection) {
+    Exchange *exchange = connection->exchange.get();
+    QTcpSocket *socket = connection->socket;
+    const auto fail = [&](const Error &error) {
+        finish(connection, {std::nullopt, error, exchange->headersAt}, false);
+        return false;
+    };
+    for (;;) {
+        switch (exchange->phase) {
+        case Exchange::Phase::chunkSize: {
+            if (!socket->canReadLine()) {
+                return socket->bytesAvailable() > 1024
+                           ? fail(protocolError("The reply's chunk header is not valid"))
+                           : true;
+            }
+            QByteArray line = socket->readLine(1025).trimmed();
+            const qsizetype extension = line.indexOf(';');
+            if (extension >= 0) {
+                line.truncate(extension);
+            }
+            bool ok = false;
+            const qint64 size = line.trimmed().toLongLong(&ok, 16);
+            if (!ok || size < 0) {
+                return fail(protocolError("The reply's chunk header is not valid"));
+            }
+            if (size > maxReplyBytes_ - exchange->body.size()) {
+                return fail(tooLargeError(maxReplyBytes_));
+            }
+            exchange->chunkRemaining = size;
+            exchange->phase = size == 0 ? Exchange::Phase::trailers : Exchange::Phase::chunkData;
+            break;
+        }
+        case Exchange::Phase::chunkData: {
+            const qint64 take = std::min(exchange->chunkRemaining, socket->bytesAvailable());
+            if (take <= 0) {
+                return true;
+            }
+            append(connection, take);
+            exchange->chunkRemaining -= take;
+            if (exchange->chunkRemaining == 0) {
+                exchange->phase = Exchange::Phase::chunkEnd;
+            }
+            break;
+        }
+        case Exchange::Phase::chunkEnd: {
+            if (!socket->canReadLine()) {
+                return socket->bytesAvailable() > 2
+                           ? fail(protocolError("The reply's chunk header is not valid"))
+                           : true;
+            }
+            if (!socket->readLine(3).trimmed().isEmpty()) {
+                return fail(protocolError("The reply's chunk header is not valid"));
+            }
+            exchange->phase = Exchange::Phase::chunkSize;
+            break;
+        }
+        case Exchange::Phase::trailers: {
+            if (!socket->canReadLine()) {
+                return true;
+            }
+            if (!socket->readLine(maxHeadBytes).trimmed().isEmpty()) {
+                break; // a trailer field, ignored
+            }
+            HttpReply reply{std::move(exchange->body), std::nullopt, exchange->headersAt};
+            const bool keep = exchange->keepAlive() && socket->bytesAvailable() == 0;
+            finish(connection, std::move(reply), keep);
+            return false;
+        }
+        default:
+            return true;
+        }
+    }
+}
+
+void LoopbackHttpClient::finish(Connection *connection, HttpReply reply, bool keepConnection) {
+    std::unique_ptr<Exchange> exchange = std::move(connection->exchange);
+    if (!exchange) {
+        return;
+    }
+    exchange->deadline->stop();
+    exchange->deadline->deleteLater();
+    if (keepConnection) {
+        connection->reused = true;
+    } else {
+        drop(connection);
+    }
+    Done done = std::move(exchange->done);
+    exchange.reset();
+    if (done) {
+        done(std::move(reply));
+    }
+}
+
+void LoopbackHttpClient::drop(Connection *connection) {
+    const auto it = std::find_if(connections_.begin(), connections_.end(),
+                                 [connection](const auto &c) { return c.get() == connection; });
+    if (it == connections_.end()) {
+        return;
+    }
+    std::unique_ptr<Connection> owned = std::move(*it);
+    connections_.erase(it);
+    QTcpSocket *socket = owned->socket;
+    QObject::disconnect(socket, nullptr, this, nullptr);
+    socket->abort();
+    // Not deleted from inside one of its own signals.
+    socket->deleteLater();
+    if (owned->exchange && owned->exchange->deadline) {
+        owned->exchange->deadline->stop();
+        owned->exchange->deadline->deleteLater();
+    }
+}
+
+} // namespace tidepost

@@ -1,0 +1,105 @@
+#pragma once
+
+// A small HTTP/1.1 client for the backend's endpoint on this computer: POST only, one request per
+// connection at a time, connections kept open between requests and opened again when the peer
+// closed them. Every request leaves in one write with Nagle's algorithm off, so an exchange never
+// waits for a delayed acknowledgement, and asks for the body as it is (no compression: the body
+// is ciphertext, and loopback gains nothing).
+//
+// A reply succeeds only with status 200. A body larger than the cap is refused as soon as that
+// is known (an announced length over it at once, a streamed body when it passes it) and never
+// held beyond the cap. Each exchange is bounded by a time limit as a whole.
+//
+// Everything runs on the thread that owns the client (the main thread in the app).
+
+#include "Error.h"
+
+#include <QByteArray>
+#include <QObject>
+#include <QString>
+#include <QUrl>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+class QTcpSocket;
+class QTimer;
+
+namespace tidepost {
+
+/// "The request timed out (no complete answer within <limit> ms)", domain "NetworkError".
+Error timeoutError(std::chrono::milliseconds limit);
+/// "The reply is larger than <limit> bytes", domain "NetworkError".
+Error tooLargeError(qint64 limit);
+
+/// How one exchange ended.
+struct HttpReply {
+    /// The body of a 200 reply.
+    std::optional<QByteArray> body;
+    std::optional<Error> error;
+    /// The clock's time when the reply's status line and headers had arrived (0 when none did).
+    std::int64_t headersAt = 0;
+};
+
+class LoopbackHttpClient : public QObject {
+    Q_OBJECT
+
+public:
+    using Done = std::function<void(HttpReply reply)>;
+    using Clock = std::function<std::int64_t()>;
+
+    explicit LoopbackHttpClient(QObject *parent = nullptr);
+    /// Requests under way end without their callbacks.
+    ~LoopbackHttpClient() override;
+
+    void setClock(Clock clock) { clock_ = std::move(clock); }
+    void setRequestTimeout(std::chrono::milliseconds timeout) { timeout_ = timeout; }
+    void setMaxReplyBytes(qint64 bytes) { maxReplyBytes_ = bytes; }
+
+    /// POSTs body to url (scheme http). headers are extra "Name: value" lines, each ending in
+    /// CRLF. done runs exactly once, from the event loop, unless the client is destroyed first.
+    void post(const QUrl &url, const QByteArray &headers, const QByteArray &body, Done done);
+
+    /// The most reply body bytes this client has held at once for one exchange (for tests).
+    qint64 peakReplyBytes() const { return peakReplyBytes_; }
+    /// Connections opened so far (for tests).
+    int connectionsOpened() const { return connectionsOpened_; }
+
+signals:
+    /// A reply's status line and headers have been read (at: the clock's time then).
+    void replyHeadersArrived(std::int64_t at);
+
+private:
+    struct Connection;
+    struct Exchange;
+
+    Connection *connectionFor(const QString &host, quint16 port);
+    void start(Connection *connection);
+    void onConnected(Connection *connection);
+    void onReadyRead(Connection *connection);
+    void onDisconnected(Connection *connection);
+    void onSocketError(Connection *connection);
+    // Parses what has arrived; false once the exchange has ended.
+    bool readHead(Connection *connection);
+    bool readBody(Connection *connection);
+    bool readChunked(Connection *connection);
+    bool append(Connection *connection, qint64 count);
+    void finish(Connection *connection, HttpReply reply, bool keepConnection);
+    void drop(Connection *connection);
+    bool mayRetry(const Connection *connection) const;
+    Connection *ownerOf(const Exchange *exchange) const;
+
+    Clock clock_;
+    std::chrono::milliseconds timeout_{30000};
+    qint64 maxReplyBytes_ = qint64(64) * 1024 * 1024;
+    std::vector<std::unique_ptr<Connection>> connections_;
+    qint64 peakReplyBytes_ = 0;
+    int connectionsOpened_ = 0;
+};
+
+} // namespace tidepost
