@@ -43,7 +43,7 @@ Rectangle {
     }
 
     function folderCountText(n) {
-        return n + " " + (n === 1 ? "folder" : "folders")
+        return n === 1 ? qsTr("%1 folder").arg(n) : qsTr("%1 folders").arg(n)
     }
 
     color: Theme.windowBackground
@@ -74,10 +74,10 @@ Rectangle {
         Text {
             objectName: "loadingText"
             Layout.alignment: Qt.AlignHCenter
-            text: "Loading..."
+            text: qsTr("Loading...")
             color: Theme.secondary
             font.family: Theme.fontFamily
-            font.pixelSize: Theme.bodySize
+            font.pointSize: Theme.bodySize
         }
     }
 
@@ -88,9 +88,9 @@ Rectangle {
                  && !ItemsProvider.isLoading
         anchors.fill: parent
         icon: "folder.badge.plus"
-        title: view.hasTimeElapsed ? "No Folders Syncing" : "Loading..."
-        message: view.hasTimeElapsed ? "Add folders to sync from the Settings tab"
-                                     : "Please wait while we load your sync status"
+        title: view.hasTimeElapsed ? qsTr("No Folders Syncing") : qsTr("Loading...")
+        message: view.hasTimeElapsed ? qsTr("Add folders to sync from the Settings tab")
+                                     : qsTr("Please wait while we load your sync status")
     }
 
     // The folders.
@@ -110,7 +110,7 @@ Rectangle {
                 text: AppController.appName
                 color: Theme.primary
                 font.family: Theme.fontFamily
-                font.pixelSize: Theme.headlineSize + 2
+                font.pointSize: Theme.headlineSize + 2
                 font.weight: Font.Bold
             }
             Text {
@@ -119,7 +119,7 @@ Rectangle {
                 text: view.folderCountText(view.folderCount)
                 color: Theme.secondary
                 font.family: Theme.fontFamily
-                font.pixelSize: Theme.bodySize
+                font.pointSize: Theme.bodySize
             }
             Item {
                 Layout.fillWidth: true

@@ -1,6 +1,7 @@
 import QtQuick
 import QtQuick.Controls.Basic
 import QtQuick.Layouts
+import QtQuick.Window
 import Tarnwick
 
 // The window's content: the login screen while nobody is signed in, else the
@@ -14,6 +15,26 @@ Rectangle {
     property int statusGracePeriod: 5000
     readonly property bool updaterConfigured: UpdaterViewModel.updaterController.isConfigured
     property alias currentTab: tabBar.currentIndex
+
+    // Keys nothing inside took: Escape closes the popup (an ordinary window
+    // stays, it is the only way in without a tray). An open panel or alert
+    // takes Escape first and closes itself.
+    focus: true
+    // The keyboard focus is never left nowhere (a focused control that hid,
+    // a panel that closed): the window content takes it back, so that Tab
+    // and Escape keep working.
+    readonly property Item windowFocusItem: Window.activeFocusItem
+    onWindowFocusItemChanged: {
+        if (view.visible && Window.window !== null
+                && (view.windowFocusItem === null
+                    || view.windowFocusItem === Window.window.contentItem))
+            view.forceActiveFocus()
+    }
+    Keys.onEscapePressed: event => {
+        if (!AppController.framed)
+            AppController.closeWindow()
+        event.accepted = true
+    }
 
     color: Theme.windowBackground
     // The footer's update button needs room beside the other controls.
@@ -64,12 +85,12 @@ Rectangle {
 
             TabLabel {
                 objectName: "statusTabButton"
-                text: "Status"
+                text: qsTr("Status")
                 symbol: "arrow.triangle.2.circlepath"
             }
             TabLabel {
                 objectName: "settingsTabButton"
-                text: "Settings"
+                text: qsTr("Settings")
                 symbol: "gearshape"
             }
         }
@@ -97,10 +118,10 @@ Rectangle {
                     objectName: "settingsUnavailable"
                     anchors.centerIn: parent
                     visible: settingsLoader.status === Loader.Error
-                    text: "The settings could not be shown."
+                    text: qsTr("The settings could not be shown.")
                     color: Theme.secondary
                     font.family: Theme.fontFamily
-                    font.pixelSize: Theme.bodySize
+                    font.pointSize: Theme.bodySize
                 }
             }
         }
@@ -128,7 +149,7 @@ Rectangle {
                 // entry again once the change has been made.
                 property int generation: 0
                 visible: AppController.isMacOS13
-                text: "Launch at login"
+                text: qsTr("Launch at login")
                 checked: launchToggle.readState()
                 function readState() {
                     launchToggle.generation
@@ -156,8 +177,8 @@ Rectangle {
                 objectName: "checkForUpdatesButton"
                 visible: AppController.isMacOS13 && view.updaterConfigured
                 symbol: "arrow.down.circle"
-                text: "Check for Updates"
-                helpText: "Check for app updates"
+                text: qsTr("Check for Updates")
+                helpText: qsTr("Check for app updates")
                 enabled: view.updaterConfigured
                          && UpdaterViewModel.updaterController.canCheckForUpdates
                 onClicked: {
@@ -168,8 +189,8 @@ Rectangle {
             IconButton {
                 objectName: "logoutButton"
                 symbol: "rectangle.portrait.and.arrow.right"
-                text: "Logout"
-                helpText: "Logout and quit"
+                text: qsTr("Logout")
+                helpText: qsTr("Logout and quit")
                 enabled: !ItemsProvider.isWaiting
                 onClicked: {
                     AppController.closeWindow()
@@ -184,11 +205,11 @@ Rectangle {
                 text: AppController.versionText
                 color: Theme.secondary
                 font.family: Theme.fontFamily
-                font.pixelSize: Theme.captionSize
+                font.pointSize: Theme.captionSize
             }
             IconButton {
                 objectName: "quitButton"
-                text: "Quit"
+                text: qsTr("Quit")
                 onClicked: AppController.quit()
             }
         }
@@ -203,6 +224,7 @@ Rectangle {
         width: parent.width - 24
         padding: 16
         modal: false
+        focus: true
         closePolicy: Popup.CloseOnEscape | Popup.CloseOnPressOutside
         background: Rectangle {
             radius: 12
@@ -212,9 +234,9 @@ Rectangle {
         contentItem: ColumnLayout {
             spacing: 12
             Text {
-                text: "Software Update"
+                text: qsTr("Software Update")
                 font.family: Theme.fontFamily
-                font.pixelSize: Theme.bodySize
+                font.pointSize: Theme.bodySize
                 font.bold: true
                 color: Theme.primary
             }
