@@ -10,6 +10,7 @@
 #include "PollManager.h"
 #include "ScreenObjects.h"
 #include "SettingsActions.h"
+#include "Translations.h"
 #include "TrayController.h"
 #include "UpdaterViewModel.h"
 #include "WindowController.h"
@@ -43,6 +44,8 @@ int runDesktop(int &argc, char **argv) {
     QApplication application(argc, argv);
     cli::setApplicationIdentity();
     QGuiApplication::setApplicationDisplayName(QStringLiteral("Tarnwick"));
+    // The texts in the user's language where the client has a translation.
+    installTranslation();
     QGuiApplication::setDesktopFileName(QStringLiteral(TARNWICK_APP_ID));
     QGuiApplication::setWindowIcon(TrayController::applicationIcon());
     // The tray keeps the client running with its window closed; quitting is
