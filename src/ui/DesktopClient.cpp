@@ -3,6 +3,7 @@
 #include "AppController.h"
 #include "CommandLine.h"
 #include "ControlServer.h"
+#include "DesktopNotifications.h"
 #include "ItemsProvider.h"
 #include "LaunchAtLogin.h"
 #include "Notifier.h"
@@ -90,10 +91,16 @@ int runDesktop(int &argc, char **argv) {
                              window.showUnasked(tray.isVisible() ? tray.geometry() : QRect());
                          }
                      });
+    // The desktop's notification service where there is one (a click on a
+    // notification opens the window), else the tray's balloon.
+    DesktopNotifications notifications;
+    QObject::connect(&notifications, &DesktopNotifications::activated, &window, open);
     Notifier notifier(
         model, [&window] { return window.isVisible(); },
-        [&tray](const QString &title, const QString &message) {
-            tray.showMessage(title, message);
+        [&tray, &notifications](const QString &title, const QString &message) {
+            if (!notifications.notify(title, message)) {
+                tray.showMessage(title, message);
+            }
         });
 
     const auto quit = [&application] { application.quit(); };

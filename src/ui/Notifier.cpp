@@ -51,7 +51,8 @@ void Notifier::backendStateChanged() {
         failureNotified_ = false;
         return;
     }
-    if (failureNotified_) {
+    // Nothing is drawn over the open window, which shows the failure itself.
+    if (failureNotified_ || (windowVisible_ && windowVisible_())) {
         return;
     }
     failureNotified_ = true;
