@@ -10,6 +10,7 @@
 
 #include <QSignalSpy>
 #include <QTest>
+#include <QWindow>
 
 using namespace tarnwick::ui::test;
 using tarnwick::test::folder;
@@ -95,6 +96,19 @@ private slots:
         // The e-mail field has the focus as the screen appears.
         QTRY_COMPARE(focusedName(h), "emailField");
         QVERIFY(focusShown(h));
+
+        // Another window takes the keyboard and gives it back: the field has
+        // it again.
+        {
+            QWindow other;
+            other.resize(100, 100);
+            other.show();
+            other.requestActivate();
+            QTRY_VERIFY(other.isActive());
+            QVERIFY(!h.window()->isActive());
+        }
+        QVERIFY(activate(h));
+        QTRY_COMPARE(focusedName(h), "emailField");
 
         UiHarness::typeText(h.window(), QStringLiteral("ana@example.org"));
         QCOMPARE(h.model().userName(), "ana@example.org");

@@ -1,6 +1,7 @@
 import QtQuick
 import QtQuick.Controls.Basic
 import QtQuick.Layouts
+import QtQuick.Window
 import Tarnwick
 
 // Signing in: the e-mail address (the model's userName), a button that has a
@@ -49,7 +50,9 @@ Rectangle {
         if (view.visible)
             emailField.forceActiveFocus()
     }
-    onVisibleChanged: focusEmail()
+    readonly property bool shownOnScreen: visible && Window.window !== null
+                                          && Window.window.visible
+    onShownOnScreenChanged: focusEmail()
     Component.onCompleted: Qt.callLater(focusEmail) // qmllint disable type
 
     color: Theme.windowBackground

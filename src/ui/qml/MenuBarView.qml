@@ -20,12 +20,13 @@ Rectangle {
     // stays, it is the only way in without a tray). An open panel or alert
     // takes Escape first and closes itself.
     focus: true
-    // The keyboard focus is never left nowhere (a focused control that hid,
-    // a panel that closed): the window content takes it back, so that Tab
-    // and Escape keep working.
+    // The keyboard focus is never left nowhere in the active window (a
+    // focused control that hid, a panel that closed): the window content
+    // takes it back, so that Tab and Escape keep working. (A window that is
+    // not active has no focus item, and gets its own back when it is again.)
     readonly property Item windowFocusItem: Window.activeFocusItem
     onWindowFocusItemChanged: {
-        if (view.visible && Window.window !== null
+        if (view.visible && Window.window !== null && Window.active
                 && (view.windowFocusItem === null
                     || view.windowFocusItem === Window.window.contentItem))
             view.forceActiveFocus()
