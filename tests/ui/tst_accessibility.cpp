@@ -8,7 +8,12 @@
 
 #include "UpdaterViewModel.h"
 
+#include "Pickers.h"
+
 #include <QAccessible>
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
 #include <QTest>
 
 using namespace tarnwick::ui::test;
@@ -94,6 +99,19 @@ QStringList namesOf(const QList<Control> &controls) {
         const QString missing = unnamed(controls);                                                 \
         QVERIFY2(missing.isEmpty(), qPrintable(QStringLiteral("unnamed: ") + missing));            \
     } while (false)
+
+// A folder that the path checks take for an iCloud one (an iCloud
+// placeholder file lies beside it), for raising the iCloud alert.
+QString iCloudFolder(const QTemporaryDir &dir) {
+    const QString folder = dir.filePath(QStringLiteral("placeholder/Reports"));
+    QDir().mkpath(folder);
+    QFile placeholder(dir.filePath(QStringLiteral("placeholder/.budget.xlsx.icloud")));
+    if (!placeholder.open(QIODevice::WriteOnly)) {
+        qFatal("cannot write the placeholder");
+    }
+    placeholder.write("x");
+    return folder;
+}
 
 UiHarness::Options manualClock() {
     UiHarness::Options options;
@@ -200,6 +218,32 @@ private slots:
         VERIFY_ALL_NAMED(controls);
         names = namesOf(controls);
         QVERIFY2(names.contains("Back") && names.contains("I Have Downloaded Originals"),
+                 qPrintable(names.join('|')));
+    }
+
+    void iCloudAlert() {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QString folder = iCloudFolder(dir);
+        tarnwick::ui::Pickers pickers;
+        pickers.setRunner([folder](const tarnwick::ui::Pickers::Request &) {
+            return std::optional<QString>(folder);
+        });
+        ScreenWithBackend s(manualClock());
+        UiHarness &h = s.h;
+        h.setPickers(&pickers);
+        h.model().setIsLoggedIn(true);
+        h.model().groupsModel()->replace({group(1, "Personal")});
+        QVERIFY(h.load(QStringLiteral("MenuBarView")));
+        h.click(h.findVisible(QStringLiteral("settingsTabButton")));
+        QTRY_VERIFY(h.findVisible(QStringLiteral("groupCard1")));
+        QTRY_VERIFY_WITH_TIMEOUT(!h.model().isWaiting(), 10000);
+        h.click(h.findVisible(QStringLiteral("folderButton")));
+        QTRY_VERIFY(h.findVisible(QStringLiteral("iCloudAlertMessage")));
+        const QList<Control> controls = controlsOf(h);
+        VERIFY_ALL_NAMED(controls);
+        const QStringList names = namesOf(controls);
+        QVERIFY2(names.contains("Cancel") && names.contains("Add Anyway"),
                  qPrintable(names.join('|')));
     }
 

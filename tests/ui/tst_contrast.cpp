@@ -7,9 +7,14 @@
 #include "RecordBuilders.h"
 #include "ScreenTestSupport.h"
 
+#include "Pickers.h"
+
+#include <QDir>
+#include <QFile>
 #include <QFont>
 #include <QGuiApplication>
 #include <QPalette>
+#include <QTemporaryDir>
 #include <QTest>
 
 #include <algorithm>
@@ -133,6 +138,19 @@ QStringList failures(const QList<Sample> &samples) {
     return out;
 }
 
+// A folder that the path checks take for an iCloud one (an iCloud
+// placeholder file lies beside it), for raising the iCloud alert.
+QString iCloudFolder(const QTemporaryDir &dir) {
+    const QString folder = dir.filePath(QStringLiteral("placeholder/Reports"));
+    QDir().mkpath(folder);
+    QFile placeholder(dir.filePath(QStringLiteral("placeholder/.budget.xlsx.icloud")));
+    if (!placeholder.open(QIODevice::WriteOnly)) {
+        qFatal("cannot write the placeholder");
+    }
+    placeholder.write("x");
+    return folder;
+}
+
 UiHarness::Options manualClock() {
     UiHarness::Options options;
     options.manualClock = true;
@@ -233,6 +251,29 @@ private slots:
             h.click(h.findVisible(QStringLiteral("photosButton")));
             QTRY_VERIFY(h.findVisible(QStringLiteral("photoLibraryInstructionsView")));
             VERIFY_CONTRAST(measure(h), 10);
+        }
+        {
+            // The iCloud alert over the dimmed settings.
+            QTemporaryDir dir;
+            QVERIFY(dir.isValid());
+            const QString folder = iCloudFolder(dir);
+            tarnwick::ui::Pickers pickers;
+            pickers.setRunner([folder](const tarnwick::ui::Pickers::Request &) {
+                return std::optional<QString>(folder);
+            });
+            ScreenWithBackend s(manualClock());
+            UiHarness &h = s.h;
+            h.setPickers(&pickers);
+            h.model().setIsLoggedIn(true);
+            h.model().groupsModel()->replace({group(1, "Personal")});
+            QVERIFY(h.load(QStringLiteral("MenuBarView")));
+            h.click(h.findVisible(QStringLiteral("settingsTabButton")));
+            QTRY_VERIFY(h.findVisible(QStringLiteral("groupCard1")));
+            QTRY_VERIFY_WITH_TIMEOUT(!h.model().isWaiting(), 10000);
+            h.click(h.findVisible(QStringLiteral("folderButton")));
+            QTRY_VERIFY(h.findVisible(QStringLiteral("iCloudAlertMessage")));
+            h.settle(300);
+            VERIFY_CONTRAST(measure(h), 4);
         }
         {
             UiHarness h(manualClock());
