@@ -8,6 +8,7 @@
 #include "ScreenTestSupport.h"
 
 #include "Pickers.h"
+#include "UpdaterViewModel.h"
 
 #include <QDir>
 #include <QFile>
@@ -274,6 +275,24 @@ private slots:
             QTRY_VERIFY(h.findVisible(QStringLiteral("iCloudAlertMessage")));
             h.settle(300);
             VERIFY_CONTRAST(measure(h), 4);
+        }
+        {
+            // The update panel, after a check that failed.
+            tarnwick::ui::UpdaterViewModel::Options updaterOptions;
+            updaterOptions.checker = {};
+            updaterOptions.checker.feedURL = QUrl(QStringLiteral("http://127.0.0.1:9/appcast.xml"));
+            updaterOptions.checker.publicKey = QByteArray(32, '\x11');
+            updaterOptions.checker.log = [](const QString &) {};
+            updaterOptions.print = [](const QString &) {};
+            tarnwick::ui::UpdaterViewModel updater(std::move(updaterOptions));
+            UiHarness h(manualClock());
+            h.setUpdater(&updater);
+            h.model().setIsLoggedIn(true);
+            QVERIFY(h.load(QStringLiteral("MenuBarView"), QSize(550, 650)));
+            h.click(h.findVisible(QStringLiteral("checkForUpdatesButton")));
+            QTRY_VERIFY(h.find(QStringLiteral("updatesPanel"))->property("opened").toBool());
+            QTRY_VERIFY_WITH_TIMEOUT(h.findVisible(QStringLiteral("updateStatusText")), 10000);
+            VERIFY_CONTRAST(measure(h), 5);
         }
         {
             UiHarness h(manualClock());

@@ -8,6 +8,12 @@
 #include "ScreenTestSupport.h"
 
 #include "Models.h"
+#include "Pickers.h"
+#include "UpdaterViewModel.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
 
 #include <QFileInfo>
 #include <QSet>
@@ -185,6 +191,53 @@ private slots:
             h.click(h.findVisible(QStringLiteral("photosButton")));
             QTRY_VERIFY(h.findVisible(QStringLiteral("photoLibraryInstructionsView")));
             shoot(h, QStringLiteral("photos-instructions") + scheme);
+        }
+        {
+            // The iCloud alert: the picker chooses a folder with an iCloud
+            // placeholder beside it.
+            QTemporaryDir dir;
+            QVERIFY(dir.isValid());
+            const QString folder = dir.filePath(QStringLiteral("placeholder/Reports"));
+            QVERIFY(QDir().mkpath(folder));
+            QFile placeholder(dir.filePath(QStringLiteral("placeholder/.budget.xlsx.icloud")));
+            QVERIFY(placeholder.open(QIODevice::WriteOnly));
+            placeholder.write("x");
+            placeholder.close();
+            tarnwick::ui::Pickers pickers;
+            pickers.setRunner([folder](const tarnwick::ui::Pickers::Request &) {
+                return std::optional<QString>(folder);
+            });
+            ScreenWithBackend s(options);
+            UiHarness &h = s.h;
+            h.setPickers(&pickers);
+            h.model().setIsLoggedIn(true);
+            h.model().groupsModel()->replace({group(1, "Personal")});
+            QVERIFY(h.load(QStringLiteral("MainWindow"), kWindow));
+            h.click(h.findVisible(QStringLiteral("settingsTabButton")));
+            QTRY_VERIFY(h.findVisible(QStringLiteral("groupCard1")));
+            QTRY_VERIFY_WITH_TIMEOUT(!h.model().isWaiting(), 10000);
+            h.click(h.findVisible(QStringLiteral("folderButton")));
+            QTRY_VERIFY(h.findVisible(QStringLiteral("iCloudAlertMessage")));
+            h.settle(300);
+            shoot(h, QStringLiteral("icloud-alert") + scheme);
+        }
+        {
+            // The update panel of a build with an update feed.
+            tarnwick::ui::UpdaterViewModel::Options updaterOptions;
+            updaterOptions.checker = {};
+            updaterOptions.checker.feedURL = QUrl(QStringLiteral("http://127.0.0.1:9/appcast.xml"));
+            updaterOptions.checker.publicKey = QByteArray(32, '\x11');
+            updaterOptions.checker.log = [](const QString &) {};
+            updaterOptions.print = [](const QString &) {};
+            tarnwick::ui::UpdaterViewModel updater(std::move(updaterOptions));
+            UiHarness h(options);
+            h.setUpdater(&updater);
+            h.model().setIsLoggedIn(true);
+            QVERIFY(h.load(QStringLiteral("MainWindow"), QSize(550, 640)));
+            h.click(h.findVisible(QStringLiteral("checkForUpdatesButton")));
+            QTRY_VERIFY(h.find(QStringLiteral("updatesPanel"))->property("opened").toBool());
+            h.settle(300);
+            shoot(h, QStringLiteral("update-panel") + scheme);
         }
         {
             UiHarness h(options);

@@ -68,6 +68,7 @@ Rectangle {
             objectName: "loadingSpinner"
             Layout.alignment: Qt.AlignHCenter
             running: parent.visible
+            palette.dark: Theme.secondary
             implicitWidth: 56
             implicitHeight: 56
         }

@@ -16,6 +16,13 @@ TextField {
     color: Theme.primary
     placeholderTextColor: Theme.secondary
     selectByMouse: true
+    // The caret and the selection in the window's colours (the style's own
+    // are light ones).
+    palette.text: Theme.primary
+    palette.highlight: Theme.accentFill
+    palette.highlightedText: "white"
+    selectionColor: Theme.accentFill
+    selectedTextColor: "white"
     Accessible.role: Accessible.EditableText
 
     background: Rectangle {

@@ -178,6 +178,9 @@ Item {
                         text: editor.fieldText
                         enabled: !view.isUpdating
                         inputMethodHints: Qt.ImhFormattedNumbersOnly
+                        palette.text: Theme.primary
+                        selectionColor: Theme.accentFill
+                        selectedTextColor: "white"
                         horizontalAlignment: TextInput.AlignRight
                         font.family: Theme.fontFamily
                         font.pointSize: Theme.bodySize

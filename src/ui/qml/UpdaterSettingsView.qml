@@ -30,6 +30,13 @@ ColumnLayout {
         }
         Accessible.role: Accessible.CheckBox
         Accessible.name: box.text
+        // The style's own colours are light ones: the box and its label
+        // take the window's.
+        palette.windowText: Theme.primary
+        palette.text: Theme.primary
+        palette.base: Theme.controlBackground
+        palette.mid: Theme.secondary
+        palette.highlight: Theme.accent
         FocusRing {
             shown: box.activeFocus
             radius: 6
