@@ -220,6 +220,68 @@ private slots:
         QCOMPARE(s.requests("openDirPath")[0].id, "/home/ana/Music");
     }
 
+    void tabThroughALongListScrollsItAlong() {
+        UiHarness h(manualClock());
+        h.model().setIsLoggedIn(true);
+        std::vector<tarnwick::DirItem> items;
+        QStringList names;
+        for (int i = 0; i < 30; ++i) {
+            const std::string name = "Folder-" + std::to_string(i);
+            items.push_back(folder("/home/ana/" + name, "Up to date"));
+            names << QString::fromStdString(name);
+        }
+        h.model().update(items);
+        QVERIFY(h.load(QStringLiteral("MenuBarView"), QSize(450, 500)));
+        QVERIFY(activate(h));
+        auto *list = h.find<QQuickItem>(QStringLiteral("folderList"));
+        QVERIFY(list);
+        QCOMPARE(tabThrough(h, 2), (QStringList{"statusTabButton", "settingsTabButton"}));
+        // Each card and its two buttons: every card is reached, in order, and
+        // shown inside the list when it has the focus.
+        QStringList reached;
+        for (int i = 0; i < 30 * 3; ++i) {
+            press(h, Qt::Key_Tab);
+            QVERIFY2(focusShown(h), qPrintable(focusedName(h)));
+            QQuickItem *item = focused(h);
+            if (item->objectName() != QLatin1String("syncItemCard")) {
+                continue;
+            }
+            reached << item->property("name").toString();
+            const QRectF inList =
+                item->mapRectToItem(list, QRectF(0, 0, item->width(), item->height()));
+            QVERIFY2(inList.top() >= 0 && inList.bottom() <= list->height(),
+                     qPrintable(QStringLiteral("%1 at %2..%3 outside 0..%4")
+                                    .arg(reached.last())
+                                    .arg(inList.top())
+                                    .arg(inList.bottom())
+                                    .arg(list->height())));
+        }
+        QCOMPARE(reached, names);
+        press(h, Qt::Key_Tab);
+        QCOMPARE(focusedName(h), "launchAtLoginToggle");
+
+        // And back with Shift+Tab, from the last card's last button to the
+        // first card, then out to the tabs.
+        QStringList back;
+        for (int i = 0; i < 30 * 3; ++i) {
+            QTest::keyClick(h.window(), Qt::Key_Backtab, Qt::ShiftModifier);
+            QCoreApplication::processEvents();
+            QVERIFY2(focusShown(h), qPrintable(focusedName(h)));
+            QQuickItem *item = focused(h);
+            if (item->objectName() != QLatin1String("syncItemCard")) {
+                continue;
+            }
+            back.prepend(item->property("name").toString());
+            const QRectF inList =
+                item->mapRectToItem(list, QRectF(0, 0, item->width(), item->height()));
+            QVERIFY(inList.top() >= 0 && inList.bottom() <= list->height());
+        }
+        QVERIFY2(back == names, qPrintable(back.join(QLatin1Char(','))));
+        QTest::keyClick(h.window(), Qt::Key_Backtab, Qt::ShiftModifier);
+        QCoreApplication::processEvents();
+        QCOMPARE(focusedName(h), "settingsTabButton");
+    }
+
     void escapeClosesThePopupButAnOpenPanelFirst() {
         UpdaterViewModel::Options options;
         options.checker = {};

@@ -19,6 +19,10 @@ Rectangle {
     // The grace period after the first appearance (tests shorten it).
     property int gracePeriod: 5000
     property bool hasTimeElapsed: false
+    // Where Tab goes past the last card, and Shift+Tab before the first (the
+    // window sets them; the list's delegates are not in the list's order).
+    property Item keyboardBefore: null
+    property Item keyboardAfter: null
     // The path of the card under the pointer, or "".
     property string hoveredItem: ""
 
@@ -40,6 +44,84 @@ Rectangle {
         id: graceTimer
         interval: view.gracePeriod
         onTriggered: view.hasTimeElapsed = true
+    }
+
+    // The keyboard across the cards, in the model's order: the card at
+    // `index` (its first or, going back, its last control), brought into
+    // view; past either end, the control before or after the list.
+    function focusCard(index, forward) {
+        if (index < 0 || index >= list.count) {
+            view.leaveList(forward)
+            return
+        }
+        list.positionViewAtIndex(index, ListView.Contain)
+        list.forceLayout()
+        const row = list.itemAtIndex(index)
+        // (A delegate of this list is a CardRow, which the linter cannot
+        // know of an item the list returns.)
+        // qmllint disable type
+        const card = row !== null ? row.card : null
+        if (card === null)
+            return
+        if (forward)
+            card.forceActiveFocus(Qt.TabFocusReason)
+        else
+            card.focusLast()
+        // qmllint enable type
+    }
+    // Tab into the list from above starts at its first card, Shift+Tab from
+    // below at its last, whichever delegates the list happens to hold. (The
+    // focus is moved once the change that brought it has finished.)
+    property Item previousFocus: null
+    Connections {
+        target: view.Window.window
+        function onActiveFocusItemChanged() {
+            const now = view.Window.activeFocusItem
+            const previous = view.previousFocus
+            view.previousFocus = now
+            if (now === null || previous === null || !view.inList(now) || view.inList(previous)
+                    || list.count === 0)
+                return
+            const fromAbove = previous.mapToItem(list, 0, 0).y < 0
+            const target = fromAbove ? 0 : list.count - 1
+            const row = list.itemAtIndex(target)
+            // qmllint disable type
+            const card = row !== null ? row.card : null
+            // qmllint enable type
+            // Already there: the first card itself, or the last card's last
+            // control.
+            if (card !== null && (fromAbove ? now === card
+                                            : view.inside(now, card)
+                                              && now.objectName === "openWebButton"))
+                return
+            // Qt 6.4's type information lists Qt.callLater as a plain
+            // property, so the linter cannot tell that it is callable.
+            Qt.callLater(view.focusCard, target, fromAbove) // qmllint disable type
+        }
+    }
+    function inside(item, ancestor) {
+        for (let p = item; p !== null; p = p.parent) {
+            if (p === ancestor)
+                return true
+        }
+        return false
+    }
+    function inList(item) {
+        return view.inside(item, list.contentItem)
+    }
+    function leaveList(forward) {
+        const target = forward ? view.keyboardAfter : view.keyboardBefore
+        if (target === null)
+            return
+        const next = target.activeFocusOnTab && target.visible && target.enabled
+                     ? target : target.nextItemInFocusChain(forward)
+        if (next !== null)
+            next.forceActiveFocus(forward ? Qt.TabFocusReason : Qt.BacktabFocusReason)
+    }
+
+    // A row of the list: the card it holds.
+    component CardRow: Item {
+        property SyncItemCard card
     }
 
     function folderCountText(n) {
@@ -92,6 +174,11 @@ Rectangle {
         title: view.hasTimeElapsed ? qsTr("No Folders Syncing") : qsTr("Loading...")
         message: view.hasTimeElapsed ? qsTr("Add folders to sync from the Settings tab")
                                      : qsTr("Please wait while we load your sync status")
+    }
+
+    // Tab through the cards scrolls the list along.
+    FollowFocus {
+        flickable: list
     }
 
     // The folders.
@@ -150,7 +237,7 @@ Rectangle {
                 objectName: "folderListScrollBar"
             }
 
-            delegate: Item {
+            delegate: CardRow {
                 id: row
                 required property int index
                 required property string path
@@ -163,10 +250,11 @@ Rectangle {
                 required property string groupName
 
                 width: ListView.view.width
-                height: card.implicitHeight
+                height: syncCard.implicitHeight
+                card: syncCard
 
                 SyncItemCard {
-                    id: card
+                    id: syncCard
                     objectName: "syncItemCard"
                     x: 16
                     width: row.width - 32
@@ -186,6 +274,7 @@ Rectangle {
                         else if (view.hoveredItem === row.path)
                             view.hoveredItem = ""
                     }
+                    onTabOut: forward => view.focusCard(row.index + (forward ? 1 : -1), forward)
                     onOpenFolder: ItemsProvider.openDirPath(row.path)
                     onOpenWeb: ItemsProvider.openWeb(
                                    AppController.groupIDText(ItemsProvider.dirItems, row.index))

@@ -59,7 +59,12 @@ Rectangle {
     implicitWidth: 450
     implicitHeight: column.implicitHeight + 24
 
+    FollowFocus {
+        flickable: scroller
+    }
+
     Flickable {
+        id: scroller
         anchors.fill: parent
         contentHeight: column.implicitHeight + 24
         clip: true

@@ -24,12 +24,14 @@ Rectangle {
     // focused control that hid, a panel that closed): the window content
     // takes it back, so that Tab and Escape keep working. (A window that is
     // not active has no focus item, and gets its own back when it is again.)
-    readonly property Item windowFocusItem: Window.activeFocusItem
-    onWindowFocusItemChanged: {
-        if (view.visible && Window.window !== null && Window.active
-                && (view.windowFocusItem === null
-                    || view.windowFocusItem === Window.window.contentItem))
-            view.forceActiveFocus()
+    Connections {
+        target: view.Window.window
+        function onActiveFocusItemChanged() {
+            const now = view.Window.activeFocusItem
+            if (view.visible && view.Window.active
+                    && (now === null || now === view.Window.contentItem))
+                view.forceActiveFocus()
+        }
     }
     Keys.onEscapePressed: event => {
         if (!AppController.framed)
@@ -90,6 +92,7 @@ Rectangle {
                 symbol: "arrow.triangle.2.circlepath"
             }
             TabLabel {
+                id: settingsTab
                 objectName: "settingsTabButton"
                 text: qsTr("Settings")
                 symbol: "gearshape"
@@ -106,6 +109,8 @@ Rectangle {
             ContentView {
                 objectName: "contentView"
                 gracePeriod: view.statusGracePeriod
+                keyboardBefore: settingsTab
+                keyboardAfter: footer
             }
 
             Loader {
@@ -135,6 +140,7 @@ Rectangle {
 
         // The footer.
         RowLayout {
+            id: footer
             objectName: "footer"
             Layout.fillWidth: true
             Layout.leftMargin: 10

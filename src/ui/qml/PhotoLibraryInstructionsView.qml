@@ -33,6 +33,10 @@ Item {
     onVisibleChanged: if (visible) view.forceActiveFocus()
     Keys.onEscapePressed: view.cancel()
 
+    FollowFocus {
+        flickable: flick
+    }
+
     Flickable {
         id: flick
         objectName: "photoLibraryInstructionsScroll"

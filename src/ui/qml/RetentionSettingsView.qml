@@ -106,6 +106,10 @@ Item {
         text: qsTr("Orphans removed:")
     }
 
+    FollowFocus {
+        flickable: flick
+    }
+
     Flickable {
         id: flick
         anchors.fill: parent

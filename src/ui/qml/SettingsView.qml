@@ -113,6 +113,11 @@ Item {
             message: controller.errorText
         }
 
+        // Tab through the cards scrolls the list along.
+        FollowFocus {
+            flickable: list
+        }
+
         EmptyStateView {
             objectName: "groupsEmptyState"
             anchors.fill: parent

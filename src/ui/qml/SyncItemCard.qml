@@ -59,6 +59,15 @@ CardView {
     signal openWeb()
     // The pointer entered (true) or left (false) the card.
     signal hoverChanged(bool inside)
+    // Tab past the card's last control (forward) or Shift+Tab from the card
+    // itself (back): the list moves the focus to the next or previous card,
+    // in the list's order whatever order its reused delegates are in.
+    signal tabOut(bool forward)
+
+    Keys.onBacktabPressed: card.tabOut(false)
+    function focusLast() {
+        webButton.forceActiveFocus(Qt.BacktabFocusReason)
+    }
 
     // Tab stops at the card itself (a screen reader reads it), then at its
     // two buttons.
@@ -161,7 +170,9 @@ CardView {
             onClicked: card.openFolder()
         }
         IconButton {
+            id: webButton
             objectName: "openWebButton"
+            Keys.onTabPressed: card.tabOut(true)
             symbol: "network"
             padding: 5
             helpText: qsTr("Open in %1").arg(card.webSiteName)
