@@ -3,6 +3,7 @@
 #include "AppController.h"
 #include "CommandLine.h"
 #include "ControlServer.h"
+#include "DesktopNotifications.h"
 #include "ItemsProvider.h"
 #include "LaunchAtLogin.h"
 #include "Notifier.h"
@@ -10,6 +11,7 @@
 #include "PollManager.h"
 #include "ScreenObjects.h"
 #include "SettingsActions.h"
+#include "Translations.h"
 #include "TrayController.h"
 #include "UpdaterViewModel.h"
 #include "WindowController.h"
@@ -43,6 +45,8 @@ int runDesktop(int &argc, char **argv) {
     QApplication application(argc, argv);
     cli::setApplicationIdentity();
     QGuiApplication::setApplicationDisplayName(QStringLiteral("Tarnwick"));
+    // The texts in the user's language where the client has a translation.
+    installTranslation();
     QGuiApplication::setDesktopFileName(QStringLiteral(TARNWICK_APP_ID));
     QGuiApplication::setWindowIcon(TrayController::applicationIcon());
     // The tray keeps the client running with its window closed; quitting is
@@ -88,10 +92,16 @@ int runDesktop(int &argc, char **argv) {
                              window.showUnasked(tray.isVisible() ? tray.geometry() : QRect());
                          }
                      });
+    // The desktop's notification service where there is one (a click on a
+    // notification opens the window), else the tray's balloon.
+    DesktopNotifications notifications;
+    QObject::connect(&notifications, &DesktopNotifications::activated, &window, open);
     Notifier notifier(
         model, [&window] { return window.isVisible(); },
-        [&tray](const QString &title, const QString &message) {
-            tray.showMessage(title, message);
+        [&tray, &notifications](const QString &title, const QString &message) {
+            if (!notifications.notify(title, message)) {
+                tray.showMessage(title, message);
+            }
         });
 
     const auto quit = [&application] { application.quit(); };

@@ -16,21 +16,21 @@ Notifier::Notifier(ItemsProvider &model, std::function<bool()> windowVisible, Sh
 }
 
 QString Notifier::signInTitle() {
-    return QStringLiteral("Sign in to Tarnwick");
+    return tr("Sign in to Tarnwick");
 }
 
 QString Notifier::signInMessage() {
-    return QStringLiteral("Your folders are not syncing until you sign in. Open Tarnwick from "
-                          "its tray icon to sign in.");
+    return tr("Your folders are not syncing until you sign in. Open Tarnwick from its tray "
+              "icon to sign in.");
 }
 
 QString Notifier::backendFailedTitle() {
-    return QStringLiteral("Tarnwick has stopped syncing");
+    return tr("Tarnwick has stopped syncing");
 }
 
 QString Notifier::backendFailedMessage(const QString &error) {
-    QString message = error.isEmpty() ? QStringLiteral("The sync engine stopped.") : error;
-    return message + QStringLiteral(" Open Tarnwick and choose \"Restart backend\" to try again.");
+    QString message = error.isEmpty() ? tr("The sync engine stopped.") : error;
+    return tr("%1 Open Tarnwick and choose \"Restart backend\" to try again.").arg(message);
 }
 
 void Notifier::loginStateChanged() {
@@ -51,7 +51,8 @@ void Notifier::backendStateChanged() {
         failureNotified_ = false;
         return;
     }
-    if (failureNotified_) {
+    // Nothing is drawn over the open window, which shows the failure itself.
+    if (failureNotified_ || (windowVisible_ && windowVisible_())) {
         return;
     }
     failureNotified_ = true;

@@ -12,7 +12,8 @@ class ItemsProvider;
 namespace tarnwick::ui {
 
 // Decides when the desktop should tell the user something: the client needs
-// a sign-in while its window is closed, or the backend has failed for good.
+// a sign-in, or the backend has failed for good, while its window is closed
+// (the open window shows both itself, and nothing is drawn over it).
 // Each is said once per occasion (again only after a sign-in, or after the
 // backend ran again).
 class Notifier : public QObject {

@@ -157,8 +157,7 @@ int SettingsController::groupCount() const {
 
 QString SettingsController::groupCountText() const {
     const int count = groupCount();
-    return QString::number(count) +
-           (count == 1 ? QStringLiteral(" group") : QStringLiteral(" groups"));
+    return (count == 1 ? tr("%1 group") : tr("%1 groups")).arg(count);
 }
 
 QVariant SettingsController::pendingICloudPathValue() const {

@@ -85,15 +85,14 @@ QString RetentionEditor::statusIcon() const {
 }
 
 QString RetentionEditor::statusTitle() const {
-    return isActive() ? QStringLiteral("Retention Active") : QStringLiteral("Full Retention");
+    return isActive() ? tr("Retention Active") : tr("Full Retention");
 }
 
 QString RetentionEditor::statusMessage() const {
     if (!isActive()) {
-        return QStringLiteral("All deleted files are kept forever (0 = disabled)");
+        return tr("All deleted files are kept forever (0 = disabled)");
     }
-    return QStringLiteral("Deleted files older than %1 days will be permanently removed")
-        .arg(*retentionDays_);
+    return tr("Deleted files older than %1 days will be permanently removed").arg(*retentionDays_);
 }
 
 bool RetentionEditor::hasLastRun() const {

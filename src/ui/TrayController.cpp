@@ -49,10 +49,6 @@ void drawMark(QImage &image, TrayController::Mark mark) {
     painter.drawRect(QRectF(centre.x() - unit, centre.y() + 2 * unit, 2 * unit, 2 * unit));
 }
 
-QString countText(int count, const char *one, const char *many) {
-    return QStringLiteral("%1 %2").arg(count).arg(QLatin1String(count == 1 ? one : many));
-}
-
 } // namespace
 
 TrayController::TrayController(ItemsProvider &model, bool followModel, QObject *parent)
@@ -60,13 +56,13 @@ TrayController::TrayController(ItemsProvider &model, bool followModel, QObject *
       tray_(std::make_unique<QSystemTrayIcon>()), followModel_(followModel) {
     account_ = menu_->addAction(QString());
     account_->setEnabled(false);
-    restart_ = menu_->addAction(QStringLiteral("Restart backend"));
+    restart_ = menu_->addAction(tr("Restart backend"));
     accountSeparator_ = menu_->addSeparator();
-    QAction *open = menu_->addAction(QStringLiteral("Open Tarnwick"));
-    showStatus_ = menu_->addAction(QStringLiteral("Show Status"));
-    showSettings_ = menu_->addAction(QStringLiteral("Show Settings"));
+    QAction *open = menu_->addAction(tr("Open Tarnwick"));
+    showStatus_ = menu_->addAction(tr("Show Status"));
+    showSettings_ = menu_->addAction(tr("Show Settings"));
     menu_->addSeparator();
-    QAction *quit = menu_->addAction(QStringLiteral("Quit"));
+    QAction *quit = menu_->addAction(tr("Quit"));
     connect(open, &QAction::triggered, this, &TrayController::openRequested);
     connect(quit, &QAction::triggered, this, &TrayController::quitRequested);
     connect(restart_, &QAction::triggered, &model_, &ItemsProvider::restartBackend);
@@ -194,29 +190,24 @@ void TrayController::updateIcon() {
 QString TrayController::summary(int folders, int syncing, int withErrors) const {
     if (model_.backendFailed()) {
         const QString reason = model_.error();
-        return reason.isEmpty() ? QStringLiteral("Backend stopped")
-                                : QStringLiteral("Backend stopped: %1").arg(reason);
+        return reason.isEmpty() ? tr("Backend stopped") : tr("Backend stopped: %1").arg(reason);
     }
     if (!model_.isLoggedIn()) {
-        return QStringLiteral("Not signed in");
+        return tr("Not signed in");
     }
-    const QString who = model_.userName().isEmpty()
-                            ? QStringLiteral("Signed in")
-                            : QStringLiteral("Signed in as %1").arg(model_.userName());
+    const QString who = model_.userName().isEmpty() ? tr("Signed in")
+                                                    : tr("Signed in as %1").arg(model_.userName());
     QStringList parts;
     if (folders == 0) {
-        parts << (model_.isLoading() ? QStringLiteral("loading folders")
-                                     : QStringLiteral("no folders"));
+        parts << (model_.isLoading() ? tr("loading folders") : tr("no folders"));
     } else {
-        parts << countText(folders, "folder", "folders");
+        parts << (folders == 1 ? tr("%1 folder") : tr("%1 folders")).arg(folders);
         if (syncing > 0) {
-            parts << QStringLiteral("%1 syncing").arg(syncing);
+            parts << tr("%1 syncing").arg(syncing);
         }
         if (withErrors > 0) {
-            parts << QStringLiteral("%1 with %2")
-                         .arg(withErrors)
-                         .arg(withErrors == 1 ? QStringLiteral("an error")
-                                              : QStringLiteral("errors"));
+            parts << (withErrors == 1 ? tr("%1 with an error") : tr("%1 with errors"))
+                         .arg(withErrors);
         }
     }
     return who + QStringLiteral("; ") + parts.join(QStringLiteral(", "));

@@ -10,6 +10,8 @@
 #include <QScreen>
 #include <QtDebug>
 
+#include <algorithm>
+
 namespace tarnwick::ui {
 
 namespace {
@@ -21,6 +23,9 @@ constexpr std::chrono::milliseconds kRetoggleGuard{400};
 // close it again.
 constexpr std::chrono::milliseconds kShownGuard{400};
 constexpr int kMarginToIcon = 4;
+// The smallest window the screens are laid out for; a smaller screen gets a
+// window as large as its free area, and the screens scroll.
+constexpr QSize kMinimumSize{400, 480};
 } // namespace
 
 WindowController::WindowController(QQmlEngine &engine, AppController &app, QObject *parent)
@@ -42,8 +47,8 @@ bool WindowController::load() {
         }
         return false;
     }
-    view_->resize(view_->initialSize());
-    view_->setMinimumSize(QSize(400, 480));
+    preferredSize_ = view_->initialSize();
+    fitInto(QGuiApplication::primaryScreen(), preferredSize_);
     view_->installEventFilter(this);
     connect(view_.get(), &QWindow::activeChanged, this, [this] {
         if (mode_ == Mode::popup && view_->isVisible() && !view_->isActive() && !hiding_ &&
@@ -120,8 +125,17 @@ void WindowController::show() {
     }
     if (mode_ == Mode::popup) {
         placeNear(lastAnchor_);
+    } else {
+        // The size the user gave it, as far as the screen allows, and all of
+        // it on the screen.
+        fitInto(view_->screen(), view_->size());
     }
     view_->show();
+    if (mode_ == Mode::ordinary) {
+        // Its frame is known once it is shown.
+        fitInto(view_->screen(), view_->size());
+        keepOnScreen();
+    }
     view_->raise();
     view_->requestActivate();
     shownAt_ = clock_->steadyNow();
@@ -179,7 +193,41 @@ void WindowController::placeNear(const QRect &anchor) {
         return;
     }
     view_->setScreen(screen);
+    fitInto(screen, preferredSize_);
     view_->setPosition(popupPosition(anchor, view_->size(), screen->availableGeometry()));
+}
+
+void WindowController::keepOnScreen() {
+    QScreen *screen = view_ ? view_->screen() : nullptr;
+    if (screen == nullptr) {
+        return;
+    }
+    const QRect available = screen->availableGeometry();
+    const QRect frame = view_->frameGeometry();
+    if (available.contains(frame)) {
+        return;
+    }
+    const int x = std::clamp(frame.x(), available.left(),
+                             std::max(available.left(), available.right() + 1 - frame.width()));
+    const int y = std::clamp(frame.y(), available.top(),
+                             std::max(available.top(), available.bottom() + 1 - frame.height()));
+    view_->setFramePosition(QPoint(x, y));
+}
+
+void WindowController::fitInto(QScreen *screen, QSize size) {
+    if (!view_) {
+        return;
+    }
+    QSize minimum = kMinimumSize;
+    if (screen != nullptr) {
+        // The free area less the window's frame (none for the popup).
+        const QSize available = screen->availableGeometry().size().shrunkBy(view_->frameMargins());
+        size = size.boundedTo(available);
+        minimum = minimum.boundedTo(available);
+        view_->setMaximumSize(available);
+    }
+    view_->setMinimumSize(minimum);
+    view_->resize(size);
 }
 
 QPoint WindowController::popupPosition(const QRect &anchor, const QSize &size,

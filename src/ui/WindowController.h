@@ -79,6 +79,11 @@ private:
     // Creates the window when only prepared so far; false when that fails.
     bool ensureLoaded();
     void placeNear(const QRect &anchor);
+    // Gives the window a size, as far as the screen's free area allows (the
+    // whole window stays on screen; its content scrolls).
+    void fitInto(QScreen *screen, QSize size);
+    // Moves an ordinary window, frame and all, inside the screen's free area.
+    void keepOnScreen();
     void applyMode();
     bool eventFilter(QObject *watched, QEvent *event) override;
 
@@ -89,6 +94,7 @@ private:
     bool prepared_ = false;
     Mode mode_ = Mode::ordinary;
     QRect lastAnchor_;
+    QSize preferredSize_;
     // When the popup last hid itself on losing the focus: a click on the
     // tray icon takes the focus first, and must not show it again at once.
     std::optional<runwarden::Clock::TimePoint> hiddenOnFocusLoss_;

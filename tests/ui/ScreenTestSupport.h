@@ -8,6 +8,8 @@
 #include "UiHarness.h"
 
 #include <QColor>
+#include <QGuiApplication>
+#include <QPalette>
 #include <QQmlComponent>
 #include <QQmlEngine>
 #include <QTest>
@@ -24,6 +26,36 @@ inline QColor themeColor(QQmlEngine &engine, const QString &role) {
                       QUrl());
     std::unique_ptr<QObject> object(component.create());
     return object ? object->property("c").value<QColor>() : QColor();
+}
+
+// A desktop palette: Qt's light default, or a dark one with a light accent
+// (as dark desktop themes have).
+inline QPalette desktopPalette(bool dark) {
+    QPalette palette = QGuiApplication::palette();
+    if (!dark) {
+        palette.setColor(QPalette::Window, QColor("#efefef"));
+        palette.setColor(QPalette::WindowText, Qt::black);
+        palette.setColor(QPalette::Base, Qt::white);
+        palette.setColor(QPalette::AlternateBase, QColor("#f7f7f7"));
+        palette.setColor(QPalette::Text, Qt::black);
+        palette.setColor(QPalette::Highlight, QColor("#308cc6"));
+        palette.setColor(QPalette::HighlightedText, Qt::white);
+        palette.setColor(QPalette::Button, QColor("#efefef"));
+        palette.setColor(QPalette::ButtonText, Qt::black);
+        palette.setColor(QPalette::PlaceholderText, QColor("#7f7f7f"));
+        return palette;
+    }
+    palette.setColor(QPalette::Window, QColor("#2a2e32"));
+    palette.setColor(QPalette::WindowText, QColor("#fcfcfc"));
+    palette.setColor(QPalette::Base, QColor("#1b1e20"));
+    palette.setColor(QPalette::AlternateBase, QColor("#232629"));
+    palette.setColor(QPalette::Text, QColor("#fcfcfc"));
+    palette.setColor(QPalette::Highlight, QColor("#3daee9"));
+    palette.setColor(QPalette::HighlightedText, QColor("#fcfcfc"));
+    palette.setColor(QPalette::Button, QColor("#31363b"));
+    palette.setColor(QPalette::ButtonText, QColor("#fcfcfc"));
+    palette.setColor(QPalette::PlaceholderText, QColor("#a1a9b1"));
+    return palette;
 }
 
 inline bool sameRgb(const QColor &a, const QColor &b) {

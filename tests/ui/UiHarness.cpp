@@ -28,8 +28,10 @@ void UiHarness::prepareApplication() {
     QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
     // The controls' style of the client (the screens restyle the rest).
     QQuickStyle::setStyle(QStringLiteral("Basic"));
+    // A known system font (the screens take the application font's family
+    // and point size).
     QFont font(QStringLiteral("DejaVu Sans"));
-    font.setPixelSize(13);
+    font.setPointSize(10);
     QGuiApplication::setFont(font);
 }
 

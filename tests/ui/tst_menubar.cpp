@@ -120,7 +120,10 @@ private slots:
         QCOMPARE(version->property("text").toString(),
                  "v" + QCoreApplication::applicationVersion());
         QVERIFY(!QCoreApplication::applicationVersion().isEmpty());
-        QCOMPARE(version->property("font").value<QFont>().pixelSize(), 10); // caption
+        // The caption size: smaller than the body text of the footer's buttons.
+        QVERIFY(version->property("font").value<QFont>().pointSizeF() > 0);
+        QVERIFY(version->property("font").value<QFont>().pointSizeF() <
+                logout->property("font").value<QFont>().pointSizeF());
         QCOMPARE(quit->property("text").toString(), "Quit");
         // Left to right in the footer's order.
         const auto x = [](QQuickItem *item) { return item->mapToScene({0, 0}).x(); };

@@ -1,11 +1,19 @@
 // Each state of the window rendered offscreen into
 // $TARNWICK_BUILD_DIR/screenshots/<state>.png for people to look at: the
 // login screen empty and with its status box, the status tab loading, empty,
-// with one folder and with many, and the older systems' footer.
+// with one folder and with many, and the older systems' footer; then every
+// screen in the desktop's light and dark palettes (<screen>-light.png,
+// <screen>-dark.png).
 #include "RecordBuilders.h"
 #include "ScreenTestSupport.h"
 
 #include "Models.h"
+#include "Pickers.h"
+#include "UpdaterViewModel.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
 
 #include <QFileInfo>
 #include <QSet>
@@ -14,6 +22,7 @@
 using namespace tarnwick::ui::test;
 using tarnwick::DirItem;
 using tarnwick::test::folder;
+using tarnwick::test::group;
 
 namespace {
 
@@ -121,6 +130,123 @@ private slots:
         QVERIFY(h.load(QStringLiteral("MainWindow"), kWindow));
         QVERIFY(!h.findVisible("launchAtLoginToggle"));
         shoot(h, QStringLiteral("status-older-system"));
+    }
+
+    void everyScreenLightAndDark_data() {
+        QTest::addColumn<bool>("dark");
+        QTest::newRow("light") << false;
+        QTest::newRow("dark") << true;
+    }
+    void everyScreenLightAndDark() {
+        QFETCH(bool, dark);
+        const QPalette before = QGuiApplication::palette();
+        QGuiApplication::setPalette(desktopPalette(dark));
+        const QString scheme = dark ? QStringLiteral("-dark") : QStringLiteral("-light");
+        UiHarness::Options options;
+        options.manualClock = true;
+        {
+            UiHarness h(options);
+            h.model().setIsLoggedIn(false);
+            h.model().setUserName(QStringLiteral("alex@tarnwick.app"));
+            h.model().setError(
+                QStringLiteral("6-digit code sent to alex@tarnwick.app. Check your email."));
+            QVERIFY(h.load(QStringLiteral("MainWindow"), kWindow));
+            shoot(h, QStringLiteral("login") + scheme);
+        }
+        {
+            UiHarness h(options);
+            h.model().setIsLoggedIn(true);
+            DirItem failing = folder("/home/alex/Notes", "Up to date");
+            failing.error = "permission denied";
+            h.model().update({folder("/home/alex/Documents", "Up to date"),
+                              folder("/home/alex/Music", "3 of 6 - Checking uploaded files (12)"),
+                              folder("/home/alex/Pictures", ""), failing});
+            QVERIFY(h.load(QStringLiteral("MainWindow"), kWindow));
+            shoot(h, QStringLiteral("status") + scheme);
+            // The keyboard focus on the first card.
+            h.window()->requestActivate();
+            QTRY_VERIFY(h.window()->isActive());
+            QTest::keyClick(h.window(), Qt::Key_Tab);
+            QTest::keyClick(h.window(), Qt::Key_Tab);
+            QTest::keyClick(h.window(), Qt::Key_Tab);
+            shoot(h, QStringLiteral("status-focus") + scheme);
+        }
+        {
+            ScreenWithBackend s(options);
+            UiHarness &h = s.h;
+            h.model().setIsLoggedIn(true);
+            h.model().groupsModel()->replace(
+                {group(1, "Personal", {"/home/alex/Documents", "/home/alex/Pictures/originals"}),
+                 group(2, "Family photos and videos", {}, 30)});
+            QVERIFY(h.load(QStringLiteral("MainWindow"), kWindow));
+            h.click(h.findVisible(QStringLiteral("settingsTabButton")));
+            QTRY_VERIFY(h.findVisible(QStringLiteral("groupCard2")));
+            QTRY_VERIFY_WITH_TIMEOUT(!h.model().isWaiting(), 10000);
+            shoot(h, QStringLiteral("settings") + scheme);
+            h.click(h.findVisible(QStringLiteral("retentionButton")));
+            QTRY_VERIFY(h.findVisible(QStringLiteral("retentionSettingsView")));
+            shoot(h, QStringLiteral("retention") + scheme);
+            h.click(h.findVisible(QStringLiteral("retentionCancelButton")));
+            QTRY_VERIFY(h.findVisible(QStringLiteral("groupCard1")));
+            h.click(h.findVisible(QStringLiteral("photosButton")));
+            QTRY_VERIFY(h.findVisible(QStringLiteral("photoLibraryInstructionsView")));
+            shoot(h, QStringLiteral("photos-instructions") + scheme);
+        }
+        {
+            // The iCloud alert: the picker chooses a folder with an iCloud
+            // placeholder beside it.
+            QTemporaryDir dir;
+            QVERIFY(dir.isValid());
+            const QString folder = dir.filePath(QStringLiteral("placeholder/Reports"));
+            QVERIFY(QDir().mkpath(folder));
+            QFile placeholder(dir.filePath(QStringLiteral("placeholder/.budget.xlsx.icloud")));
+            QVERIFY(placeholder.open(QIODevice::WriteOnly));
+            placeholder.write("x");
+            placeholder.close();
+            tarnwick::ui::Pickers pickers;
+            pickers.setRunner([folder](const tarnwick::ui::Pickers::Request &) {
+                return std::optional<QString>(folder);
+            });
+            ScreenWithBackend s(options);
+            UiHarness &h = s.h;
+            h.setPickers(&pickers);
+            h.model().setIsLoggedIn(true);
+            h.model().groupsModel()->replace({group(1, "Personal")});
+            QVERIFY(h.load(QStringLiteral("MainWindow"), kWindow));
+            h.click(h.findVisible(QStringLiteral("settingsTabButton")));
+            QTRY_VERIFY(h.findVisible(QStringLiteral("groupCard1")));
+            QTRY_VERIFY_WITH_TIMEOUT(!h.model().isWaiting(), 10000);
+            h.click(h.findVisible(QStringLiteral("folderButton")));
+            QTRY_VERIFY(h.findVisible(QStringLiteral("iCloudAlertMessage")));
+            h.settle(300);
+            shoot(h, QStringLiteral("icloud-alert") + scheme);
+        }
+        {
+            // The update panel of a build with an update feed.
+            tarnwick::ui::UpdaterViewModel::Options updaterOptions;
+            updaterOptions.checker = {};
+            updaterOptions.checker.feedURL = QUrl(QStringLiteral("http://127.0.0.1:9/appcast.xml"));
+            updaterOptions.checker.publicKey = QByteArray(32, '\x11');
+            updaterOptions.checker.log = [](const QString &) {};
+            updaterOptions.print = [](const QString &) {};
+            tarnwick::ui::UpdaterViewModel updater(std::move(updaterOptions));
+            UiHarness h(options);
+            h.setUpdater(&updater);
+            h.model().setIsLoggedIn(true);
+            QVERIFY(h.load(QStringLiteral("MainWindow"), QSize(550, 640)));
+            h.click(h.findVisible(QStringLiteral("checkForUpdatesButton")));
+            QTRY_VERIFY(h.find(QStringLiteral("updatesPanel"))->property("opened").toBool());
+            h.settle(300);
+            shoot(h, QStringLiteral("update-panel") + scheme);
+        }
+        {
+            UiHarness h(options);
+            QVERIFY(h.load(QStringLiteral("BackendFailedView"), kWindow));
+            // On the window's background, as the window shows it.
+            h.window()->setColor(QGuiApplication::palette().color(QPalette::Window));
+            shoot(h, QStringLiteral("backend-failed") + scheme);
+        }
+        QGuiApplication::setPalette(before);
     }
 };
 

@@ -341,8 +341,8 @@ private slots:
         QQuickItem *name = childNamed(documents, "cardName");
         QQuickItem *detail = childNamed(documents, "cardDetail");
         QVERIFY(detail->mapToScene({0, 0}).y() >= name->mapToScene({0, name->height()}).y());
-        QVERIFY(detail->property("font").value<QFont>().pixelSize() <
-                name->property("font").value<QFont>().pixelSize());
+        QVERIFY(detail->property("font").value<QFont>().pointSizeF() <
+                name->property("font").value<QFont>().pointSizeF());
         // An idle or pending folder has its one row and nothing more.
         QCOMPARE(detailOf(cardNamed(h, "Music")), "<no second line>");
         QCOMPARE(detailOf(cardNamed(h, "Notes")), "<no second line>");

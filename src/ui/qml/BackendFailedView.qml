@@ -22,13 +22,13 @@ Item {
             Layout.fillWidth: true
             type: "error"
             icon: "exclamationmark.triangle.fill"
-            title: "Syncing has stopped"
-            message: ItemsProvider.error !== "" ? ItemsProvider.error : "The sync engine is not running."
+            title: qsTr("Syncing has stopped")
+            message: ItemsProvider.error !== "" ? ItemsProvider.error : qsTr("The sync engine is not running.")
         }
         PrimaryButton {
             objectName: "restartBackendButton"
             Layout.alignment: Qt.AlignHCenter
-            text: "Restart backend"
+            text: qsTr("Restart backend")
             symbol: "arrow.clockwise"
             onClicked: ItemsProvider.restartBackend()
         }

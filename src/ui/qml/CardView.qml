@@ -45,6 +45,13 @@ Item {
         id: hoverHandler
     }
 
+    // Drawn while the card itself has the keyboard focus (cards that take
+    // it set activeFocusOnTab).
+    FocusRing {
+        shown: card.activeFocus
+        radius: 14
+    }
+
     ColumnLayout {
         id: column
         spacing: 8

@@ -18,7 +18,7 @@ ColumnLayout {
 
     PrimaryButton {
         objectName: "checkForUpdatesViewButton"
-        text: "Check for Updates\u2026"
+        text: qsTr("Check for Updates\u2026")
         enabled: UpdaterViewModel.checkForUpdatesViewModel.canCheckForUpdates
         busy: view.status === "checking" || view.status === "downloading"
         onClicked: UpdaterViewModel.checkForUpdates()
@@ -31,9 +31,11 @@ ColumnLayout {
         text: view.checker.statusText
         wrapMode: Text.Wrap
         font.family: Theme.fontFamily
-        font.pixelSize: Theme.bodySize
-        color: view.status === "error" ? Theme.red
-             : view.status === "downloaded" || view.status === "available" ? Theme.green
+        font.pointSize: Theme.bodySize
+        // Red or green, deepened (or lightened) to read on the panel.
+        color: view.status === "error" ? Theme.textOn(Theme.red, Theme.controlBackground)
+             : view.status === "downloaded" || view.status === "available"
+               ? Theme.textOn(Theme.green, Theme.controlBackground)
              : Theme.secondary
     }
 
@@ -43,8 +45,8 @@ ColumnLayout {
         visible: view.status === "available"
         enabled: UpdaterViewModel.checkForUpdatesViewModel.canCheckForUpdates
         symbol: "arrow.down.circle"
-        text: "Download"
-        helpText: "Download the new version"
+        text: qsTr("Download")
+        helpText: qsTr("Download the new version")
         onClicked: UpdaterViewModel.downloadUpdate()
     }
 
@@ -59,14 +61,14 @@ ColumnLayout {
             text: view.checker.downloadedFile
             elide: Text.ElideMiddle
             font.family: Theme.fontFamily
-            font.pixelSize: Theme.captionSize
+            font.pointSize: Theme.captionSize
             color: Theme.secondary
         }
         IconButton {
             objectName: "showDownloadButton"
             symbol: "folder"
-            text: "Show"
-            helpText: "Show the downloaded update in its folder"
+            text: qsTr("Show")
+            helpText: qsTr("Show the downloaded update in its folder")
             onClicked: UpdaterViewModel.showDownloadedFile()
         }
     }

@@ -19,6 +19,10 @@ Rectangle {
     // The grace period after the first appearance (tests shorten it).
     property int gracePeriod: 5000
     property bool hasTimeElapsed: false
+    // Where Tab goes past the last card, and Shift+Tab before the first (the
+    // window sets them; the list's delegates are not in the list's order).
+    property Item keyboardBefore: null
+    property Item keyboardAfter: null
     // The path of the card under the pointer, or "".
     property string hoveredItem: ""
 
@@ -42,8 +46,86 @@ Rectangle {
         onTriggered: view.hasTimeElapsed = true
     }
 
+    // The keyboard across the cards, in the model's order: the card at
+    // `index` (its first or, going back, its last control), brought into
+    // view; past either end, the control before or after the list.
+    function focusCard(index, forward) {
+        if (index < 0 || index >= list.count) {
+            view.leaveList(forward)
+            return
+        }
+        list.positionViewAtIndex(index, ListView.Contain)
+        list.forceLayout()
+        const row = list.itemAtIndex(index)
+        // (A delegate of this list is a CardRow, which the linter cannot
+        // know of an item the list returns.)
+        // qmllint disable type
+        const card = row !== null ? row.card : null
+        if (card === null)
+            return
+        if (forward)
+            card.forceActiveFocus(Qt.TabFocusReason)
+        else
+            card.focusLast()
+        // qmllint enable type
+    }
+    // Tab into the list from above starts at its first card, Shift+Tab from
+    // below at its last, whichever delegates the list happens to hold. (The
+    // focus is moved once the change that brought it has finished.)
+    property Item previousFocus: null
+    Connections {
+        target: view.Window.window
+        function onActiveFocusItemChanged() {
+            const now = view.Window.activeFocusItem
+            const previous = view.previousFocus
+            view.previousFocus = now
+            if (now === null || previous === null || !view.inList(now) || view.inList(previous)
+                    || list.count === 0)
+                return
+            const fromAbove = previous.mapToItem(list, 0, 0).y < 0
+            const target = fromAbove ? 0 : list.count - 1
+            const row = list.itemAtIndex(target)
+            // qmllint disable type
+            const card = row !== null ? row.card : null
+            // qmllint enable type
+            // Already there: the first card itself, or the last card's last
+            // control.
+            if (card !== null && (fromAbove ? now === card
+                                            : view.inside(now, card)
+                                              && now.objectName === "openWebButton"))
+                return
+            // Qt 6.4's type information lists Qt.callLater as a plain
+            // property, so the linter cannot tell that it is callable.
+            Qt.callLater(view.focusCard, target, fromAbove) // qmllint disable type
+        }
+    }
+    function inside(item, ancestor) {
+        for (let p = item; p !== null; p = p.parent) {
+            if (p === ancestor)
+                return true
+        }
+        return false
+    }
+    function inList(item) {
+        return view.inside(item, list.contentItem)
+    }
+    function leaveList(forward) {
+        const target = forward ? view.keyboardAfter : view.keyboardBefore
+        if (target === null)
+            return
+        const next = target.activeFocusOnTab && target.visible && target.enabled
+                     ? target : target.nextItemInFocusChain(forward)
+        if (next !== null)
+            next.forceActiveFocus(forward ? Qt.TabFocusReason : Qt.BacktabFocusReason)
+    }
+
+    // A row of the list: the card it holds.
+    component CardRow: Item {
+        property SyncItemCard card
+    }
+
     function folderCountText(n) {
-        return n + " " + (n === 1 ? "folder" : "folders")
+        return n === 1 ? qsTr("%1 folder").arg(n) : qsTr("%1 folders").arg(n)
     }
 
     color: Theme.windowBackground
@@ -70,16 +152,17 @@ Rectangle {
             // Only on screen: a spinner in a hidden window would wake the
             // client on every frame for nothing.
             running: parent.visible && view.shownOnScreen
+            palette.dark: Theme.secondary
             implicitWidth: 56
             implicitHeight: 56
         }
         Text {
             objectName: "loadingText"
             Layout.alignment: Qt.AlignHCenter
-            text: "Loading..."
+            text: qsTr("Loading...")
             color: Theme.secondary
             font.family: Theme.fontFamily
-            font.pixelSize: Theme.bodySize
+            font.pointSize: Theme.bodySize
         }
     }
 
@@ -90,9 +173,14 @@ Rectangle {
                  && !ItemsProvider.isLoading
         anchors.fill: parent
         icon: "folder.badge.plus"
-        title: view.hasTimeElapsed ? "No Folders Syncing" : "Loading..."
-        message: view.hasTimeElapsed ? "Add folders to sync from the Settings tab"
-                                     : "Please wait while we load your sync status"
+        title: view.hasTimeElapsed ? qsTr("No Folders Syncing") : qsTr("Loading...")
+        message: view.hasTimeElapsed ? qsTr("Add folders to sync from the Settings tab")
+                                     : qsTr("Please wait while we load your sync status")
+    }
+
+    // Tab through the cards scrolls the list along.
+    FollowFocus {
+        flickable: list
     }
 
     // The folders.
@@ -112,7 +200,7 @@ Rectangle {
                 text: AppController.appName
                 color: Theme.primary
                 font.family: Theme.fontFamily
-                font.pixelSize: Theme.headlineSize + 2
+                font.pointSize: Theme.headlineSize + 2
                 font.weight: Font.Bold
             }
             Text {
@@ -121,7 +209,7 @@ Rectangle {
                 text: view.folderCountText(view.folderCount)
                 color: Theme.secondary
                 font.family: Theme.fontFamily
-                font.pixelSize: Theme.bodySize
+                font.pointSize: Theme.bodySize
             }
             Item {
                 Layout.fillWidth: true
@@ -151,7 +239,7 @@ Rectangle {
                 objectName: "folderListScrollBar"
             }
 
-            delegate: Item {
+            delegate: CardRow {
                 id: row
                 required property int index
                 required property string path
@@ -164,10 +252,11 @@ Rectangle {
                 required property string groupName
 
                 width: ListView.view.width
-                height: card.implicitHeight
+                height: syncCard.implicitHeight
+                card: syncCard
 
                 SyncItemCard {
-                    id: card
+                    id: syncCard
                     objectName: "syncItemCard"
                     x: 16
                     width: row.width - 32
@@ -187,6 +276,7 @@ Rectangle {
                         else if (view.hoveredItem === row.path)
                             view.hoveredItem = ""
                     }
+                    onTabOut: forward => view.focusCard(row.index + (forward ? 1 : -1), forward)
                     onOpenFolder: ItemsProvider.openDirPath(row.path)
                     onOpenWeb: ItemsProvider.openWeb(
                                    AppController.groupIDText(ItemsProvider.dirItems, row.index))

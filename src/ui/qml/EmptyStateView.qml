@@ -34,7 +34,7 @@ Item {
             text: view.title
             color: Theme.primary
             font.family: Theme.fontFamily
-            font.pixelSize: Theme.headlineSize
+            font.pointSize: Theme.headlineSize
             font.weight: Font.DemiBold
         }
         Text {
@@ -45,7 +45,7 @@ Item {
             text: view.message
             color: Theme.secondary
             font.family: Theme.fontFamily
-            font.pixelSize: Theme.bodySize
+            font.pointSize: Theme.bodySize
         }
     }
 }

@@ -49,7 +49,7 @@ Rectangle {
             elide: Text.ElideMiddle
             color: Theme.primary
             font.family: Theme.fontFamily
-            font.pixelSize: Theme.bodySize - 1
+            font.pointSize: Theme.bodySize - 1
 
             ToolTip.visible: pathHover.hovered && truncated
             ToolTip.text: row.path
@@ -64,7 +64,7 @@ Rectangle {
             size: 16
             color: Theme.orange
 
-            readonly property string helpText: "This folder is synced with iCloud"
+            readonly property string helpText: qsTr("This folder is synced with iCloud")
             ToolTip.visible: badgeHover.hovered
             ToolTip.text: helpText
             HoverHandler { id: badgeHover }
@@ -75,7 +75,7 @@ Rectangle {
             symbol: "arrow.up.right.square"
             symbolSize: 14
             padding: 5
-            helpText: "Open folder"
+            helpText: qsTr("Open folder")
             onClicked: row.openFolder()
         }
         IconButton {
@@ -84,7 +84,7 @@ Rectangle {
             symbol: "trash"
             symbolSize: 14
             padding: 5
-            helpText: "Stop watching this folder"
+            helpText: qsTr("Stop watching this folder")
             onClicked: row.removeFolder()
         }
     }

@@ -29,7 +29,38 @@ CardView {
 
     padding: 16
 
+    // The name takes the room it needs: when it and the three labelled
+    // buttons do not fit side by side, the buttons show their symbols only
+    // (their help texts still name them).
+    readonly property real labelledButtonsWidth: retentionLabel.advanceWidth
+                                                 + photosLabel.advanceWidth
+                                                 + folderLabel.advanceWidth
+                                                 + 3 * (2 * 8 + 15 + 5) + 3 * header.spacing
+    readonly property bool compactButtons: nameMetrics.advanceWidth + labelledButtonsWidth
+                                           > header.width
+    TextMetrics {
+        id: nameMetrics
+        font: groupNameText.font
+        text: card.groupName
+    }
+    TextMetrics {
+        id: retentionLabel
+        font: retentionButton.font
+        text: qsTr("Retention")
+    }
+    TextMetrics {
+        id: photosLabel
+        font: photosButton.font
+        text: qsTr("Photos")
+    }
+    TextMetrics {
+        id: folderLabel
+        font: folderButton.font
+        text: qsTr("Folder")
+    }
+
     RowLayout {
+        id: header
         Layout.fillWidth: true
         spacing: 4
 
@@ -39,46 +70,57 @@ CardView {
             spacing: 2
 
             Text {
+                id: groupNameText
                 objectName: "groupName"
                 Layout.fillWidth: true
                 text: card.groupName
                 elide: Text.ElideRight
+                // The full name, also when it had to be cut short.
+                ToolTip.visible: nameHover.hovered
+                ToolTip.text: card.groupName
+                ToolTip.delay: 600
+                HoverHandler {
+                    id: nameHover
+                }
                 color: Theme.primary
                 font.family: Theme.fontFamily
-                font.pixelSize: Theme.headlineSize
+                font.pointSize: Theme.headlineSize
                 font.weight: Font.Bold
             }
             Text {
                 objectName: "groupNumber"
                 Layout.fillWidth: true
-                text: "Group #" + card.groupIDText
+                text: qsTr("Group #%1").arg(card.groupIDText)
                 color: Theme.secondary
                 font.family: Theme.fontFamily
-                font.pixelSize: Theme.captionSize + 1
+                font.pointSize: Theme.captionSize + 1
             }
         }
 
         IconButton {
+            id: retentionButton
             objectName: "retentionButton"
             symbol: "clock.arrow.circlepath"
-            text: "Retention"
-            helpText: "Configure retention settings"
+            text: card.compactButtons ? "" : retentionLabel.text
+            helpText: qsTr("Configure retention settings")
             enabled: !card.disabled
             onClicked: card.openRetentionSettings()
         }
         IconButton {
+            id: photosButton
             objectName: "photosButton"
             symbol: "photo.on.rectangle.angled"
-            text: "Photos"
-            helpText: "Add Photos library"
+            text: card.compactButtons ? "" : photosLabel.text
+            helpText: qsTr("Add Photos library")
             enabled: !card.disabled
             onClicked: card.addPhotoLibrary()
         }
         IconButton {
+            id: folderButton
             objectName: "folderButton"
             symbol: "folder.badge.plus"
-            text: "Folder"
-            helpText: "Add folder"
+            text: card.compactButtons ? "" : folderLabel.text
+            helpText: qsTr("Add folder")
             enabled: !card.disabled
             onClicked: card.addFolder()
         }
@@ -89,8 +131,8 @@ CardView {
         Layout.fillWidth: true
         visible: card.walkPaths.length === 0
         icon: "info.circle"
-        title: "No folders added yet"
-        message: "Click the buttons above to add a Photos library or folder to sync"
+        title: qsTr("No folders added yet")
+        message: qsTr("Click the buttons above to add a Photos library or folder to sync")
         type: "info"
     }
 

@@ -49,7 +49,7 @@ Rectangle {
             wrapMode: Text.Wrap
             color: Theme.primary
             font.family: Theme.fontFamily
-            font.pixelSize: Theme.bodySize
+            font.pointSize: Theme.bodySize
             font.weight: Font.DemiBold
         }
         Text {
@@ -61,7 +61,7 @@ Rectangle {
             wrapMode: Text.Wrap
             color: Theme.primary
             font.family: Theme.fontFamily
-            font.pixelSize: Theme.bodySize - 1
+            font.pointSize: Theme.bodySize - 1
         }
     }
 }

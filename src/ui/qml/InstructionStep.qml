@@ -19,7 +19,7 @@ RowLayout {
         implicitWidth: 24
         implicitHeight: 24
         radius: 12
-        color: Theme.accent
+        color: Theme.accentFill
 
         Text {
             objectName: "instructionStepNumber"
@@ -27,7 +27,7 @@ RowLayout {
             text: step.number
             color: "white"
             font.family: Theme.fontFamily
-            font.pixelSize: Theme.bodySize - 1
+            font.pointSize: Theme.bodySize - 1
             font.weight: Font.Bold
         }
     }
@@ -43,7 +43,7 @@ RowLayout {
             wrapMode: Text.Wrap
             color: Theme.primary
             font.family: Theme.fontFamily
-            font.pixelSize: Theme.bodySize
+            font.pointSize: Theme.bodySize
             font.weight: Font.DemiBold
         }
         Text {
@@ -53,7 +53,7 @@ RowLayout {
             wrapMode: Text.Wrap
             color: Theme.secondary
             font.family: Theme.fontFamily
-            font.pixelSize: Theme.bodySize - 1
+            font.pointSize: Theme.bodySize - 1
         }
     }
 }

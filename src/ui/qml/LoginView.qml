@@ -1,6 +1,7 @@
 import QtQuick
 import QtQuick.Controls.Basic
 import QtQuick.Layouts
+import QtQuick.Window
 import Tarnwick
 
 // Signing in: the e-mail address (the model's userName), a button that has a
@@ -41,11 +42,29 @@ Rectangle {
         ItemsProvider.performLogin(view.password)
     }
 
+    // The e-mail field has the focus whenever the screen appears.
+    // (Once everything around it is built: the window content takes the
+    // focus as it completes.) Qt 6.4's type information lists Qt.callLater as
+    // a plain property, so qmllint cannot tell that it is callable.
+    function focusEmail() {
+        if (view.visible)
+            emailField.forceActiveFocus()
+    }
+    readonly property bool shownOnScreen: visible && Window.window !== null
+                                          && Window.window.visible
+    onShownOnScreenChanged: focusEmail()
+    Component.onCompleted: Qt.callLater(focusEmail) // qmllint disable type
+
     color: Theme.windowBackground
     implicitWidth: 450
     implicitHeight: column.implicitHeight + 24
 
+    FollowFocus {
+        flickable: scroller
+    }
+
     Flickable {
+        id: scroller
         anchors.fill: parent
         contentHeight: column.implicitHeight + 24
         clip: true
@@ -74,15 +93,15 @@ Rectangle {
                         text: AppController.appName
                         color: Theme.primary
                         font.family: Theme.fontFamily
-                        font.pixelSize: Theme.titleSize
+                        font.pointSize: Theme.titleSize
                         font.weight: Font.Bold
                     }
                     Text {
                         objectName: "loginSubtitle"
-                        text: "Secure file sync"
+                        text: qsTr("Secure file sync")
                         color: Theme.secondary
                         font.family: Theme.fontFamily
-                        font.pixelSize: Theme.bodySize
+                        font.pointSize: Theme.bodySize
                     }
                 }
             }
@@ -92,28 +111,33 @@ Rectangle {
                 Layout.fillWidth: true
                 spacing: 4
                 Text {
+                    id: emailLabel
                     objectName: "emailLabel"
-                    text: "Email"
+                    text: qsTr("Email")
                     color: Theme.secondary
                     font.family: Theme.fontFamily
-                    font.pixelSize: Theme.bodySize - 1
+                    font.pointSize: Theme.bodySize - 1
                 }
                 ModernTextField {
                     id: emailField
                     objectName: "emailField"
                     Layout.fillWidth: true
-                    placeholderText: "you@tarnwick.app"
+                    placeholderText: qsTr("you@tarnwick.app")
                     text: ItemsProvider.userName
                     inputMethodHints: Qt.ImhEmailCharactersOnly | Qt.ImhNoPredictiveText
                                       | Qt.ImhNoAutoUppercase
                     onTextEdited: ItemsProvider.userName = text
+                    // Enter sends the code, as the button below does.
+                    onAccepted: sendCodeButton.clicked()
+                    Accessible.name: emailLabel.text
                 }
             }
 
             IconButton {
+                id: sendCodeButton
                 objectName: "sendCodeButton"
                 symbol: "envelope"
-                text: "Send 6-digit code via email"
+                text: qsTr("Send 6-digit code via email")
                 onClicked: ItemsProvider.requestCodeViaEmail(ItemsProvider.userName)
             }
 
@@ -124,28 +148,30 @@ Rectangle {
                 visible: ItemsProvider.userName !== ""
                 spacing: 4
                 Text {
+                    id: codeLabel
                     objectName: "codeLabel"
-                    text: "6-Digit Code"
+                    text: qsTr("6-Digit Code")
                     color: Theme.secondary
                     font.family: Theme.fontFamily
-                    font.pixelSize: Theme.bodySize - 1
+                    font.pointSize: Theme.bodySize - 1
                 }
                 ModernTextField {
                     id: codeField
                     objectName: "codeField"
                     Layout.fillWidth: true
-                    placeholderText: "Enter code"
+                    placeholderText: qsTr("Enter code")
                     echoMode: TextInput.Password
                     inputMethodHints: Qt.ImhSensitiveData | Qt.ImhNoPredictiveText
                     text: view.password
                     onTextEdited: view.password = text
                     onAccepted: if (loginButton.enabled) view.performLogin()
+                    Accessible.name: codeLabel.text
                 }
                 PrimaryButton {
                     id: loginButton
                     objectName: "loginButton"
                     Layout.topMargin: 8
-                    text: "Login"
+                    text: qsTr("Login")
                     symbol: "arrow.right.circle.fill"
                     busy: ItemsProvider.isWaiting
                     enabled: !ItemsProvider.isWaiting
@@ -186,7 +212,7 @@ Rectangle {
                         wrapMode: Text.Wrap
                         color: Theme.primary
                         font.family: Theme.fontFamily
-                        font.pixelSize: Theme.bodySize
+                        font.pointSize: Theme.bodySize
                     }
                 }
             }
@@ -194,8 +220,8 @@ Rectangle {
             IconButton {
                 objectName: "loginQuitButton"
                 symbol: "power"
-                text: "Quit"
-                helpText: "Quit (Ctrl+Q)"
+                text: qsTr("Quit")
+                helpText: qsTr("Quit (Ctrl+Q)")
                 onClicked: AppController.quit()
             }
         }

@@ -17,6 +17,7 @@ Rectangle {
 
     MenuBarView {
         id: content
+        focus: true
         anchors.fill: parent
         anchors.margins: root.border.width
     }

@@ -1,6 +1,7 @@
 import QtQuick
 import QtQuick.Controls.Basic
 import QtQuick.Layouts
+import QtQuick.Window
 import Tarnwick
 
 // The window's content: the login screen while nobody is signed in, else the
@@ -14,6 +15,29 @@ Rectangle {
     property int statusGracePeriod: 5000
     readonly property bool updaterConfigured: UpdaterViewModel.updaterController.isConfigured
     property alias currentTab: tabBar.currentIndex
+
+    // Keys nothing inside took: Escape closes the popup (an ordinary window
+    // stays, it is the only way in without a tray). An open panel or alert
+    // takes Escape first and closes itself.
+    focus: true
+    // The keyboard focus is never left nowhere in the active window (a
+    // focused control that hid, a panel that closed): the window content
+    // takes it back, so that Tab and Escape keep working. (A window that is
+    // not active has no focus item, and gets its own back when it is again.)
+    Connections {
+        target: view.Window.window
+        function onActiveFocusItemChanged() {
+            const now = view.Window.activeFocusItem
+            if (view.visible && view.Window.active
+                    && (now === null || now === view.Window.contentItem))
+                view.forceActiveFocus()
+        }
+    }
+    Keys.onEscapePressed: event => {
+        if (!AppController.framed)
+            AppController.closeWindow()
+        event.accepted = true
+    }
 
     color: Theme.windowBackground
     // The footer's update button needs room beside the other controls.
@@ -64,12 +88,13 @@ Rectangle {
 
             TabLabel {
                 objectName: "statusTabButton"
-                text: "Status"
+                text: qsTr("Status")
                 symbol: "arrow.triangle.2.circlepath"
             }
             TabLabel {
+                id: settingsTab
                 objectName: "settingsTabButton"
-                text: "Settings"
+                text: qsTr("Settings")
                 symbol: "gearshape"
             }
         }
@@ -84,6 +109,8 @@ Rectangle {
             ContentView {
                 objectName: "contentView"
                 gracePeriod: view.statusGracePeriod
+                keyboardBefore: settingsTab
+                keyboardAfter: footer
             }
 
             Loader {
@@ -97,10 +124,10 @@ Rectangle {
                     objectName: "settingsUnavailable"
                     anchors.centerIn: parent
                     visible: settingsLoader.status === Loader.Error
-                    text: "The settings could not be shown."
+                    text: qsTr("The settings could not be shown.")
                     color: Theme.secondary
                     font.family: Theme.fontFamily
-                    font.pixelSize: Theme.bodySize
+                    font.pointSize: Theme.bodySize
                 }
             }
         }
@@ -113,6 +140,7 @@ Rectangle {
 
         // The footer.
         RowLayout {
+            id: footer
             objectName: "footer"
             Layout.fillWidth: true
             Layout.leftMargin: 10
@@ -128,7 +156,7 @@ Rectangle {
                 // entry again once the change has been made.
                 property int generation: 0
                 visible: AppController.isMacOS13
-                text: "Launch at login"
+                text: qsTr("Launch at login")
                 checked: launchToggle.readState()
                 function readState() {
                     launchToggle.generation
@@ -156,8 +184,8 @@ Rectangle {
                 objectName: "checkForUpdatesButton"
                 visible: AppController.isMacOS13 && view.updaterConfigured
                 symbol: "arrow.down.circle"
-                text: "Check for Updates"
-                helpText: "Check for app updates"
+                text: qsTr("Check for Updates")
+                helpText: qsTr("Check for app updates")
                 enabled: view.updaterConfigured
                          && UpdaterViewModel.updaterController.canCheckForUpdates
                 onClicked: {
@@ -168,8 +196,8 @@ Rectangle {
             IconButton {
                 objectName: "logoutButton"
                 symbol: "rectangle.portrait.and.arrow.right"
-                text: "Logout"
-                helpText: "Logout and quit"
+                text: qsTr("Logout")
+                helpText: qsTr("Logout and quit")
                 enabled: !ItemsProvider.isWaiting
                 onClicked: {
                     AppController.closeWindow()
@@ -184,11 +212,11 @@ Rectangle {
                 text: AppController.versionText
                 color: Theme.secondary
                 font.family: Theme.fontFamily
-                font.pixelSize: Theme.captionSize
+                font.pointSize: Theme.captionSize
             }
             IconButton {
                 objectName: "quitButton"
-                text: "Quit"
+                text: qsTr("Quit")
                 onClicked: AppController.quit()
             }
         }
@@ -203,6 +231,7 @@ Rectangle {
         width: parent.width - 24
         padding: 16
         modal: false
+        focus: true
         closePolicy: Popup.CloseOnEscape | Popup.CloseOnPressOutside
         background: Rectangle {
             radius: 12
@@ -212,9 +241,9 @@ Rectangle {
         contentItem: ColumnLayout {
             spacing: 12
             Text {
-                text: "Software Update"
+                text: qsTr("Software Update")
                 font.family: Theme.fontFamily
-                font.pixelSize: Theme.bodySize
+                font.pointSize: Theme.bodySize
                 font.bold: true
                 color: Theme.primary
             }

@@ -12,10 +12,18 @@ TextField {
     topPadding: 7
     bottomPadding: 7
     font.family: Theme.fontFamily
-    font.pixelSize: Theme.bodySize
+    font.pointSize: Theme.bodySize
     color: Theme.primary
-    placeholderTextColor: Theme.gray
+    placeholderTextColor: Theme.secondary
     selectByMouse: true
+    // The caret and the selection in the window's colours (the style's own
+    // are light ones).
+    palette.text: Theme.primary
+    palette.highlight: Theme.accentFill
+    palette.highlightedText: "white"
+    selectionColor: Theme.accentFill
+    selectedTextColor: "white"
+    Accessible.role: Accessible.EditableText
 
     background: Rectangle {
         implicitWidth: 200
@@ -25,5 +33,9 @@ TextField {
         border.width: field.activeFocus ? 2 : 1
         border.color: field.activeFocus ? Theme.withOpacity(Theme.accent, 0.7)
                                         : Theme.withOpacity(Theme.gray, 0.4)
+
+        FocusRing {
+            shown: field.activeFocus
+        }
     }
 }

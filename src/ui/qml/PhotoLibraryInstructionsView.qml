@@ -14,20 +14,28 @@ Item {
     signal continueRequested()
 
     readonly property var steps: [
-        { title: "Open Photos App",
-          description: "Launch the Photos application on your Mac" },
-        { title: "Open Settings",
-          description: "Click Photos in the menu bar, then select Settings..." },
-        { title: "Enable Download Originals",
-          description: "In the iCloud tab, select \"Download Originals to this Mac\"" },
-        { title: "Wait for Download",
-          description: "Wait for all photos and videos to finish downloading. You can check progress at the bottom of the Photos app window." },
-        { title: "Verify Completion",
-          description: "Ensure the status shows all items are downloaded before continuing" }
+        { title: qsTr("Open Photos App"),
+          description: qsTr("Launch the Photos application on your Mac") },
+        { title: qsTr("Open Settings"),
+          description: qsTr("Click Photos in the menu bar, then select Settings...") },
+        { title: qsTr("Enable Download Originals"),
+          description: qsTr("In the iCloud tab, select \"Download Originals to this Mac\"") },
+        { title: qsTr("Wait for Download"),
+          description: qsTr("Wait for all photos and videos to finish downloading. You can check progress at the bottom of the Photos app window.") },
+        { title: qsTr("Verify Completion"),
+          description: qsTr("Ensure the status shows all items are downloaded before continuing") }
     ]
 
     implicitWidth: 420
     implicitHeight: 600
+
+    // The instructions take the keyboard when they appear; Escape is "Back".
+    onVisibleChanged: if (visible) view.forceActiveFocus()
+    Keys.onEscapePressed: view.cancel()
+
+    FollowFocus {
+        flickable: flick
+    }
 
     Flickable {
         id: flick
@@ -53,11 +61,11 @@ Item {
             Text {
                 objectName: "photoLibraryInstructionsTitle"
                 Layout.fillWidth: true
-                text: "Before Adding Photos Library"
+                text: qsTr("Before Adding Photos Library")
                 wrapMode: Text.Wrap
                 color: Theme.primary
                 font.family: Theme.fontFamily
-                font.pixelSize: Theme.titleSize
+                font.pointSize: Theme.titleSize
                 font.weight: Font.Bold
             }
 
@@ -65,8 +73,8 @@ Item {
                 objectName: "importantSetupPanel"
                 Layout.fillWidth: true
                 icon: "exclamationmark.triangle.fill"
-                title: "Important Setup Required"
-                message: "You must download all original photos to your Mac before syncing your Photos library."
+                title: qsTr("Important Setup Required")
+                message: qsTr("You must download all original photos to your Mac before syncing your Photos library.")
                 type: "warning"
             }
 
@@ -74,8 +82,8 @@ Item {
                 objectName: "whyNecessaryPanel"
                 Layout.fillWidth: true
                 icon: "info.circle"
-                title: "Why is this necessary?"
-                message: "tarnwick needs access to the original, full-resolution files to sync them properly. If originals are not downloaded, only low-resolution previews will be synced."
+                title: qsTr("Why is this necessary?")
+                message: qsTr("tarnwick needs access to the original, full-resolution files to sync them properly. If originals are not downloaded, only low-resolution previews will be synced.")
                 type: "info"
             }
 
@@ -110,13 +118,13 @@ Item {
 
         SettingsPlainButton {
             objectName: "photoLibraryBackButton"
-            text: "Back"
+            text: qsTr("Back")
             onClicked: view.cancel()
         }
         Item { Layout.fillWidth: true }
         PrimaryButton {
             objectName: "photoLibraryContinueButton"
-            text: "I Have Downloaded Originals"
+            text: qsTr("I Have Downloaded Originals")
             symbol: "arrow.right"
             onClicked: view.continueRequested()
         }

@@ -14,6 +14,19 @@ Button {
     // The style follows the enabled flag; the look while pressed does not.
     readonly property bool styleEnabled: enabled
 
+    // The keyboard: only Tab gives the focus (a click does not), so the
+    // control that Space or Enter activates always shows its focus ring.
+    focusPolicy: Qt.TabFocus
+    Keys.onReturnPressed: button.activateByKey()
+    Keys.onEnterPressed: button.activateByKey()
+    function activateByKey() {
+        if (button.enabled)
+            button.clicked()
+    }
+
+    Accessible.role: Accessible.Button
+    Accessible.name: button.text
+
     leftPadding: 16
     rightPadding: 16
     topPadding: 8
@@ -21,7 +34,7 @@ Button {
     opacity: down ? 0.8 : 1.0
     scale: down ? 0.98 : 1.0
     font.family: Theme.fontFamily
-    font.pixelSize: Theme.bodySize
+    font.pointSize: Theme.bodySize
     font.weight: Font.DemiBold
 
     contentItem: Row {
@@ -62,6 +75,11 @@ Button {
         objectName: "primaryButtonBackground"
         implicitHeight: 30
         radius: 8
-        color: button.styleEnabled ? Theme.accent : Theme.gray
+        color: button.styleEnabled ? Theme.accentFill : Theme.gray
+
+        FocusRing {
+            shown: button.activeFocus
+            radius: 10
+        }
     }
 }

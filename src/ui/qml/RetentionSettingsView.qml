@@ -23,6 +23,16 @@ Item {
     implicitWidth: 420
     implicitHeight: 520
 
+    // The number of days has the keyboard when the screen opens (once it is
+    // in its place; Qt 6.4's type information lists Qt.callLater as a plain
+    // property, so the linter cannot tell that it is callable); Escape
+    // anywhere on the screen is its "Cancel".
+    function takeFocus() {
+        daysField.forceActiveFocus()
+    }
+    Component.onCompleted: Qt.callLater(takeFocus) // qmllint disable type
+    Keys.onEscapePressed: view.cancel()
+
     RetentionEditor {
         id: editor
         group: view.group
@@ -32,20 +42,24 @@ Item {
         Layout.fillWidth: true
         color: Theme.primary
         font.family: Theme.fontFamily
-        font.pixelSize: Theme.headlineSize
+        font.pointSize: Theme.headlineSize
         font.weight: Font.DemiBold
     }
     component Line: RowLayout {
         id: line
         property string label
         property string value
+        // The width of the labels' column, so that the values line up.
+        property real labelWidth: 0
         Layout.fillWidth: true
         spacing: 6
         Text {
+            Layout.preferredWidth: line.labelWidth
+            Layout.minimumWidth: line.labelWidth
             text: line.label
             color: Theme.secondary
             font.family: Theme.fontFamily
-            font.pixelSize: Theme.bodySize
+            font.pointSize: Theme.bodySize
         }
         Text {
             objectName: line.objectName + "Value"
@@ -54,8 +68,46 @@ Item {
             elide: Text.ElideRight
             color: Theme.primary
             font.family: Theme.fontFamily
-            font.pixelSize: Theme.bodySize
+            font.pointSize: Theme.bodySize
         }
+    }
+
+    // The widest label of the last runs' lines: their values start in one
+    // column after it.
+    readonly property real labelColumnWidth: {
+        let widest = 0
+        for (const label of [lastRunLabel, filesRemovedLabel, spaceFreedLabel,
+                             initialCleanupLabel, orphansRemovedLabel])
+            widest = Math.max(widest, Math.ceil(label.advanceWidth))
+        return widest
+    }
+    component LabelMetrics: TextMetrics {
+        font.family: Theme.fontFamily
+        font.pointSize: Theme.bodySize
+    }
+    LabelMetrics {
+        id: lastRunLabel
+        text: qsTr("Last run:")
+    }
+    LabelMetrics {
+        id: filesRemovedLabel
+        text: qsTr("Files removed:")
+    }
+    LabelMetrics {
+        id: spaceFreedLabel
+        text: qsTr("Space freed:")
+    }
+    LabelMetrics {
+        id: initialCleanupLabel
+        text: qsTr("Initial cleanup:")
+    }
+    LabelMetrics {
+        id: orphansRemovedLabel
+        text: qsTr("Orphans removed:")
+    }
+
+    FollowFocus {
+        flickable: flick
     }
 
     Flickable {
@@ -81,17 +133,17 @@ Item {
                 IconButton {
                     objectName: "retentionBackButton"
                     symbol: "chevron.left"
-                    helpText: "Back"
+                    helpText: qsTr("Back")
                     onClicked: view.cancel()
                 }
                 Text {
                     objectName: "retentionTitle"
                     Layout.fillWidth: true
-                    text: "Retention Settings: " + (view.group.name !== undefined ? view.group.name : "")
+                    text: qsTr("Retention Settings: %1").arg(view.group.name !== undefined ? view.group.name : "")
                     elide: Text.ElideRight
                     color: Theme.primary
                     font.family: Theme.fontFamily
-                    font.pixelSize: Theme.titleSize - 3
+                    font.pointSize: Theme.titleSize - 3
                     font.weight: Font.Bold
                 }
             }
@@ -101,7 +153,7 @@ Item {
                 Layout.fillWidth: true
                 spacing: 12
 
-                SectionTitle { text: "Automatic Cleanup" }
+                SectionTitle { text: qsTr("Automatic Cleanup") }
 
                 InfoPanel {
                     objectName: "retentionStatusPanel"
@@ -117,10 +169,11 @@ Item {
                     spacing: 8
 
                     Text {
-                        text: "Delete files older than"
+                        id: olderThanLabel
+                        text: qsTr("Delete files older than")
                         color: Theme.primary
                         font.family: Theme.fontFamily
-                        font.pixelSize: Theme.bodySize
+                        font.pointSize: Theme.bodySize
                     }
                     TextField {
                         id: daysField
@@ -129,24 +182,33 @@ Item {
                         text: editor.fieldText
                         enabled: !view.isUpdating
                         inputMethodHints: Qt.ImhFormattedNumbersOnly
+                        palette.text: Theme.primary
+                        selectionColor: Theme.accentFill
+                        selectedTextColor: "white"
                         horizontalAlignment: TextInput.AlignRight
                         font.family: Theme.fontFamily
-                        font.pixelSize: Theme.bodySize
+                        font.pointSize: Theme.bodySize
                         color: enabled ? Theme.primary : Theme.secondary
                         onTextEdited: editor.setTypedText(text)
+                        Accessible.role: Accessible.EditableText
+                        Accessible.name: olderThanLabel.text
                         background: Rectangle {
                             implicitHeight: 26
                             radius: 5
                             color: Theme.controlBackground
                             border.width: daysField.activeFocus ? 2 : 1
                             border.color: daysField.activeFocus ? Theme.accent : Theme.separator
+
+                            FocusRing {
+                                shown: daysField.activeFocus
+                            }
                         }
                     }
                     Text {
-                        text: "days"
+                        text: qsTr("days")
                         color: Theme.primary
                         font.family: Theme.fontFamily
-                        font.pixelSize: Theme.bodySize
+                        font.pointSize: Theme.bodySize
                     }
                     Item { Layout.fillWidth: true }
                 }
@@ -157,15 +219,15 @@ Item {
                 Layout.fillWidth: true
                 spacing: 12
 
-                SectionTitle { text: "Last Retention Run" }
+                SectionTitle { text: qsTr("Last Retention Run") }
 
                 Text {
                     objectName: "noRetentionRunText"
                     visible: !editor.hasLastRun
-                    text: "No retention run yet"
+                    text: qsTr("No retention run yet")
                     color: Theme.secondary
                     font.family: Theme.fontFamily
-                    font.pixelSize: Theme.bodySize
+                    font.pointSize: Theme.bodySize
                 }
 
                 ColumnLayout {
@@ -175,19 +237,22 @@ Item {
 
                     Line {
                         objectName: "lastRunLine"
-                        label: "Last run:"
+                        label: lastRunLabel.text
+                        labelWidth: view.labelColumnWidth
                         value: editor.lastRunText
                     }
                     Line {
                         objectName: "filesRemovedLine"
                         visible: editor.filesRemovedText !== ""
-                        label: "Files removed:"
+                        label: filesRemovedLabel.text
+                        labelWidth: view.labelColumnWidth
                         value: editor.filesRemovedText
                     }
                     Line {
                         objectName: "spaceFreedLine"
                         visible: editor.spaceFreedText !== ""
-                        label: "Space freed:"
+                        label: spaceFreedLabel.text
+                        labelWidth: view.labelColumnWidth
                         value: editor.spaceFreedText
                     }
                 }
@@ -200,21 +265,23 @@ Item {
 
                     Line {
                         objectName: "initialCleanupLine"
-                        label: "Initial cleanup:"
+                        label: initialCleanupLabel.text
+                        labelWidth: view.labelColumnWidth
                         value: editor.orphanScanTimeText
                     }
                     Line {
                         objectName: "orphansRemovedLine"
                         visible: editor.orphansRemovedText !== ""
-                        label: "Orphans removed:"
+                        label: orphansRemovedLabel.text
+                        labelWidth: view.labelColumnWidth
                         value: editor.orphansRemovedText
                     }
                     Text {
                         objectName: "orphanScanCaption"
-                        text: "One-time scan when retention was first enabled"
+                        text: qsTr("One-time scan when retention was first enabled")
                         color: Theme.secondary
                         font.family: Theme.fontFamily
-                        font.pixelSize: Theme.captionSize + 1
+                        font.pointSize: Theme.captionSize + 1
                     }
                 }
             }
@@ -226,7 +293,7 @@ Item {
                 Item { Layout.fillWidth: true }
                 SettingsPlainButton {
                     objectName: "retentionCancelButton"
-                    text: "Cancel"
+                    text: qsTr("Cancel")
                     onClicked: view.cancel()
                 }
                 PrimaryButton {
@@ -234,7 +301,7 @@ Item {
                     enabled: !view.isUpdating
                     busy: view.isUpdating
                     symbol: view.isUpdating ? "" : "checkmark"
-                    text: view.isUpdating ? "Saving..." : "Save"
+                    text: view.isUpdating ? qsTr("Saving...") : qsTr("Save")
                     onClicked: view.save(editor.retentionDays)
                 }
             }

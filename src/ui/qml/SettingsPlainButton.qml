@@ -15,7 +15,20 @@ Button {
     opacity: down ? 0.8 : 1.0
     scale: down ? 0.98 : 1.0
     font.family: Theme.fontFamily
-    font.pixelSize: Theme.bodySize
+    font.pointSize: Theme.bodySize
+
+    // The keyboard: only Tab gives the focus (a click does not), so the
+    // control that Space or Enter activates always shows its focus ring.
+    focusPolicy: Qt.TabFocus
+    Keys.onReturnPressed: button.activateByKey()
+    Keys.onEnterPressed: button.activateByKey()
+    function activateByKey() {
+        if (button.enabled)
+            button.clicked()
+    }
+
+    Accessible.role: Accessible.Button
+    Accessible.name: button.text
 
     contentItem: Text {
         text: button.text
@@ -31,5 +44,10 @@ Button {
         color: button.down ? Theme.withOpacity(Theme.gray, 0.2) : Theme.controlBackground
         border.width: 1
         border.color: Theme.separator
+
+        FocusRing {
+            shown: button.activeFocus
+            radius: 10
+        }
     }
 }

@@ -109,8 +109,13 @@ Item {
             visible: controller.errorText !== ""
             type: "error"
             icon: "exclamationmark.triangle.fill"
-            title: "The change was not made"
+            title: qsTr("The change was not made")
             message: controller.errorText
+        }
+
+        // Tab through the cards scrolls the list along.
+        FollowFocus {
+            flickable: list
         }
 
         EmptyStateView {
@@ -119,10 +124,10 @@ Item {
             anchors.topMargin: errorPanel.visible ? errorPanel.height + 16 : 0
             visible: controller.groupCount === 0
             icon: "person.3.fill"
-            title: view.isLoadingGroups ? "Loading..." : "No Groups Found"
+            title: view.isLoadingGroups ? qsTr("Loading...") : qsTr("No Groups Found")
             message: view.isLoadingGroups
-                     ? "Please wait while we load your groups"
-                     : "Log in to the tarnwick website and create a group to get started"
+                     ? qsTr("Please wait while we load your groups")
+                     : qsTr("Log in to the tarnwick website and create a group to get started")
         }
 
         ListView {
@@ -153,10 +158,10 @@ Item {
 
                     Text {
                         objectName: "settingsHeading"
-                        text: "Sync Folders"
+                        text: qsTr("Sync Folders")
                         color: Theme.primary
                         font.family: Theme.fontFamily
-                        font.pixelSize: Theme.titleSize
+                        font.pointSize: Theme.titleSize
                         font.weight: Font.Bold
                     }
                     Item { Layout.fillWidth: true }
@@ -166,7 +171,7 @@ Item {
                         text: controller.groupCountText
                         color: Theme.secondary
                         font.family: Theme.fontFamily
-                        font.pixelSize: Theme.bodySize
+                        font.pointSize: Theme.bodySize
                     }
                 }
             }
@@ -242,11 +247,11 @@ Item {
                 objectName: "iCloudAlertTitle"
                 Layout.fillWidth: true
                 horizontalAlignment: Text.AlignHCenter
-                text: "iCloud Sync Detected"
+                text: qsTr("iCloud Sync Detected")
                 wrapMode: Text.Wrap
                 color: Theme.primary
                 font.family: Theme.fontFamily
-                font.pixelSize: Theme.headlineSize
+                font.pointSize: Theme.headlineSize
                 font.weight: Font.Bold
             }
             Text {
@@ -257,7 +262,7 @@ Item {
                 wrapMode: Text.Wrap
                 color: Theme.primary
                 font.family: Theme.fontFamily
-                font.pixelSize: Theme.bodySize
+                font.pointSize: Theme.bodySize
             }
             RowLayout {
                 Layout.fillWidth: true
@@ -267,12 +272,12 @@ Item {
                 Item { Layout.fillWidth: true }
                 SettingsPlainButton {
                     objectName: "iCloudAlertCancelButton"
-                    text: "Cancel"
+                    text: qsTr("Cancel")
                     onClicked: controller.cancelICloudWarning()
                 }
                 PrimaryButton {
                     objectName: "iCloudAlertAddAnywayButton"
-                    text: "Add Anyway"
+                    text: qsTr("Add Anyway")
                     onClicked: controller.confirmICloudWarning()
                 }
             }

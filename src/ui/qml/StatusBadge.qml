@@ -8,8 +8,8 @@ Rectangle {
 
     property real progress: 0
 
-    readonly property string statusText: progress >= 1.0 ? "Synced"
-                                          : progress > 0.0 ? "Syncing" : "Pending"
+    readonly property string statusText: progress >= 1.0 ? qsTr("Synced")
+                                          : progress > 0.0 ? qsTr("Syncing") : qsTr("Pending")
     readonly property string statusSymbol: progress >= 1.0 ? "checkmark.circle.fill"
                                             : progress > 0.0 ? "arrow.triangle.2.circlepath"
                                                              : "clock.fill"
@@ -38,7 +38,7 @@ Rectangle {
             text: badge.statusText
             color: badge.statusColor
             font.family: Theme.fontFamily
-            font.pixelSize: Theme.captionSize + 1
+            font.pointSize: Theme.captionSize + 1
             font.weight: Font.DemiBold
         }
     }

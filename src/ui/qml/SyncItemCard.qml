@@ -36,7 +36,7 @@ CardView {
     readonly property string detailText: {
         const parts = []
         if (location !== "")
-            parts.push("in " + location)
+            parts.push(qsTr("in %1").arg(location))
         if (isSyncing && stepText !== "")
             parts.push(stepText)
         return parts.join("  \u00b7  ")
@@ -44,11 +44,11 @@ CardView {
     readonly property string toolTipText: {
         const lines = [path]
         if (groupName !== "")
-            lines.push("Group: " + groupName)
+            lines.push(qsTr("Group: %1").arg(groupName))
         if (status !== "")
             lines.push(status)
         if (hasError)
-            lines.push("Error: " + error)
+            lines.push(qsTr("Error: %1").arg(error))
         return lines.join("\n")
     }
     // The symbol and the name explain the folder; the buttons keep their own
@@ -59,6 +59,26 @@ CardView {
     signal openWeb()
     // The pointer entered (true) or left (false) the card.
     signal hoverChanged(bool inside)
+    // Tab past the card's last control (forward) or Shift+Tab from the card
+    // itself (back): the list moves the focus to the next or previous card,
+    // in the list's order whatever order its reused delegates are in.
+    signal tabOut(bool forward)
+
+    Keys.onBacktabPressed: card.tabOut(false)
+    function focusLast() {
+        webButton.forceActiveFocus(Qt.BacktabFocusReason)
+    }
+
+    // Tab stops at the card itself (a screen reader reads it), then at its
+    // two buttons.
+    activeFocusOnTab: true
+    Accessible.role: Accessible.ListItem
+    Accessible.name: card.accessibleText
+    Accessible.description: card.toolTipText
+    // "<name>, <status word>, <progress>".
+    readonly property string accessibleText: card.name + ", " + badge.statusText + ", "
+                                             + Math.round(Math.max(0, Math.min(1, card.progress))
+                                                          * 100) + "%"
 
     padding: 16
     scale: hovered ? 1.01 : 1.0
@@ -112,7 +132,7 @@ CardView {
             HoverHandler {
                 id: titleHover
             }
-            ToolTip.visible: card.showsToolTip
+            ToolTip.visible: card.showsToolTip || card.activeFocus
             ToolTip.text: card.toolTipText
             ToolTip.delay: 600
 
@@ -123,7 +143,7 @@ CardView {
                 elide: Text.ElideMiddle
                 color: Theme.primary
                 font.family: Theme.fontFamily
-                font.pixelSize: Theme.bodySize + 1
+                font.pointSize: Theme.bodySize + 1
                 font.weight: Font.DemiBold
             }
             Text {
@@ -134,10 +154,11 @@ CardView {
                 elide: Text.ElideRight
                 color: Theme.secondary
                 font.family: Theme.fontFamily
-                font.pixelSize: Theme.captionSize + 1
+                font.pointSize: Theme.captionSize + 1
             }
         }
         StatusBadge {
+            id: badge
             objectName: "cardBadge"
             progress: card.progress
         }
@@ -145,14 +166,16 @@ CardView {
             objectName: "openFolderButton"
             symbol: "folder"
             padding: 5
-            helpText: "Open folder"
+            helpText: qsTr("Open folder")
             onClicked: card.openFolder()
         }
         IconButton {
+            id: webButton
             objectName: "openWebButton"
+            Keys.onTabPressed: card.tabOut(true)
             symbol: "network"
             padding: 5
-            helpText: "Open in " + card.webSiteName
+            helpText: qsTr("Open in %1").arg(card.webSiteName)
             onClicked: card.openWeb()
         }
     }

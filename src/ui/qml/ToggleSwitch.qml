@@ -8,8 +8,22 @@ Switch {
     id: control
 
     spacing: 8
+
+    // Only Tab gives the switch the keyboard focus; Space or Enter then
+    // flips it.
+    focusPolicy: Qt.TabFocus
+    Keys.onReturnPressed: control.flipByKey()
+    Keys.onEnterPressed: control.flipByKey()
+    function flipByKey() {
+        if (control.enabled) {
+            control.toggle()
+            control.toggled()
+        }
+    }
+    Accessible.role: Accessible.CheckBox
+    Accessible.name: control.text
     font.family: Theme.fontFamily
-    font.pixelSize: Theme.bodySize - 1
+    font.pointSize: Theme.bodySize - 1
 
     indicator: Rectangle {
         implicitWidth: 32
@@ -19,6 +33,11 @@ Switch {
         radius: height / 2
         color: control.checked ? Theme.accent : Theme.withOpacity(Theme.gray, 0.35)
         opacity: control.enabled ? 1.0 : 0.5
+
+        FocusRing {
+            shown: control.activeFocus
+            radius: height / 2 + 3
+        }
 
         Behavior on color {
             ColorAnimation {

@@ -15,20 +15,48 @@ ColumnLayout {
     visible: checker.isConfigured
     spacing: 4
 
-    CheckBox {
+    // A check box that only Tab focuses, with the focus ring, and that Enter
+    // flips as Space does.
+    component SettingCheckBox: CheckBox {
+        id: box
+        focusPolicy: Qt.TabFocus
+        Keys.onReturnPressed: box.flipByKey()
+        Keys.onEnterPressed: box.flipByKey()
+        function flipByKey() {
+            if (box.enabled) {
+                box.toggle()
+                box.toggled()
+            }
+        }
+        Accessible.role: Accessible.CheckBox
+        Accessible.name: box.text
+        // The style's own colours are light ones: the box and its label
+        // take the window's.
+        palette.windowText: Theme.primary
+        palette.text: Theme.primary
+        palette.base: Theme.controlBackground
+        palette.mid: Theme.secondary
+        palette.highlight: Theme.accent
+        FocusRing {
+            shown: box.activeFocus
+            radius: 6
+        }
+    }
+
+    SettingCheckBox {
         objectName: "automaticallyChecksToggle"
-        text: "Automatically check for updates"
+        text: qsTr("Automatically check for updates")
         font.family: Theme.fontFamily
-        font.pixelSize: Theme.bodySize
+        font.pointSize: Theme.bodySize
         checked: view.checker.automaticallyChecksForUpdates
         onToggled: view.checker.automaticallyChecksForUpdates = checked
     }
 
-    CheckBox {
+    SettingCheckBox {
         objectName: "automaticallyDownloadsToggle"
-        text: "Automatically download updates"
+        text: qsTr("Automatically download updates")
         font.family: Theme.fontFamily
-        font.pixelSize: Theme.bodySize
+        font.pointSize: Theme.bodySize
         enabled: view.checker.automaticallyChecksForUpdates
         checked: view.checker.automaticallyDownloadsUpdates
         onToggled: view.checker.automaticallyDownloadsUpdates = checked
@@ -37,11 +65,11 @@ ColumnLayout {
     Text {
         objectName: "lastUpdateCheckText"
         visible: !isNaN(view.checker.lastUpdateCheckDate.getTime())
-        text: visible ? "Last checked: "
-                        + Qt.formatDateTime(view.checker.lastUpdateCheckDate, "yyyy-MM-dd hh:mm")
+        text: visible ? qsTr("Last checked: %1").arg(
+                            Qt.formatDateTime(view.checker.lastUpdateCheckDate, "yyyy-MM-dd hh:mm"))
                       : ""
         font.family: Theme.fontFamily
-        font.pixelSize: Theme.captionSize
+        font.pointSize: Theme.captionSize
         color: Theme.secondary
     }
 }
