@@ -2,8 +2,8 @@
 // logged, and searched for the backend's public key. Another program started in its place can
 // write anything. Decoding must accept exactly the well-formed UTF-8 chunks and give back the
 // same bytes; the logged form must hold no control character other than a line break or a tab;
-// the key search must either find nothing or the content of a block that is in the output, and
-// never throw.
+// the key search must either find nothing or the text after a begin line, without a marker
+// line in it, and never throw.
 #include <BackendLauncher.h>
 #include <PollManager.h>
 
@@ -71,10 +71,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         if (key->empty()) {
             fail("the key search found an empty key", bytes);
         }
-        const std::string block =
-            "-----BEGIN PUBLIC KEY-----\n" + *key + "\n-----END PUBLIC KEY-----";
-        if (text.toStdString().find(block) == std::string::npos) {
-            fail("the key search found a key that is not a block of the output", bytes);
+        // The key is what follows a begin line, up to the next begin line or end line (or the
+        // end of the chunk, for a block that is not closed in it).
+        const std::string output = text.toStdString();
+        const std::string begin = "-----BEGIN PUBLIC KEY-----\n";
+        if (output.find(begin + *key) == std::string::npos) {
+            fail("the key search found a key that does not follow a begin line", bytes);
+        }
+        if (key->find(begin) != std::string::npos ||
+            key->find("\n-----END PUBLIC KEY-----") != std::string::npos) {
+            fail("the key search found a key that runs over a marker line", bytes);
         }
     }
     return 0;
