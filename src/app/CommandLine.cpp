@@ -139,7 +139,8 @@ QString formatBytes(qint64 bytes) {
     return QLocale().formattedDataSize(bytes);
 }
 
-// loginMessage: the status's error is the sign-in flow's own line.
+} // namespace
+
 QString describeStatus(const QJsonObject &status, bool loginMessage) {
     const bool backendFailed = status.value(QStringLiteral("backendFailed")).toBool();
     const bool signedIn = status.value(QStringLiteral("isLoggedIn")).toBool();
@@ -236,6 +237,8 @@ QString describeGroups(const QJsonArray &groups) {
     }
     return text;
 }
+
+namespace {
 
 // Sends one request; prints the error and returns false when there is no
 // answer. `reply` gets the first reply line.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <QJsonArray>
+#include <QJsonObject>
 #include <QStringList>
 
 class QCoreApplication;
@@ -25,6 +27,12 @@ struct Invocation {
 };
 
 Invocation parse(const QStringList &arguments);
+
+// What "status" prints for the running client's status document; loginMessage: the document's
+// error is the sign-in flow's own line.
+QString describeStatus(const QJsonObject &status, bool loginMessage);
+// What "groups" prints for the running client's group list.
+QString describeGroups(const QJsonArray &groups);
 
 // Runs a control command against the running client; returns the exit code.
 int runControl(const Invocation &invocation);

@@ -99,8 +99,9 @@ ControlServer::ControlServer(ItemsProvider &model, SettingsActions &actions,
         {"restart-backend", &ControlServer::restartBackend},
     };
     for (const auto &[name, handler] : commands) {
-        guard.setCommandHandler(QString::fromLatin1(name),
-                                [this, handler](GuardConnection *c) { (this->*handler)(c); });
+        guard.setCommandHandler(
+            QString::fromLatin1(name),
+            [this, handler = handler](GuardConnection *c) { (this->*handler)(c); });
     }
     connect(&model_, &ItemsProvider::quitRequested, this, &ControlServer::modelQuit);
 }

@@ -196,6 +196,23 @@ void GuardConnection::finish() {
     m_socket->disconnectFromServer();
 }
 
+std::optional<QJsonObject> parseReplyLine(const QByteArray &line) {
+    QJsonParseError parseError{};
+    const QJsonDocument document = QJsonDocument::fromJson(line, &parseError);
+    if (parseError.error != QJsonParseError::NoError || !document.isObject()) {
+        return std::nullopt;
+    }
+    return document.object();
+}
+
+std::optional<QJsonObject> parseRequestLine(const QByteArray &line) {
+    std::optional<QJsonObject> object = parseReplyLine(line);
+    if (!object || !object->value(QLatin1String("command")).isString()) {
+        return std::nullopt;
+    }
+    return object;
+}
+
 void GuardConnection::onReadyRead() {
     if (m_dispatched || !m_open) {
         m_socket->readAll(); // one request per connection; anything after it is ignored
@@ -217,15 +234,13 @@ void GuardConnection::onReadyRead() {
     }
     const QByteArray line = m_buffer.left(end);
     m_buffer.clear();
-    QJsonParseError parseError{};
-    const QJsonDocument document = QJsonDocument::fromJson(line, &parseError);
-    if (parseError.error != QJsonParseError::NoError || !document.isObject() ||
-        !document.object().value(QLatin1String("command")).isString()) {
+    std::optional<QJsonObject> request = parseRequestLine(line);
+    if (!request) {
         sendError(QStringLiteral("malformed request"));
         finish();
         return;
     }
-    m_request = document.object();
+    m_request = std::move(*request);
     m_dispatched = true;
     if (m_dispatch)
         m_dispatch(this);
@@ -391,13 +406,12 @@ InstanceReply sendInstanceRequest(const QJsonObject &request, int timeoutMs,
     auto takeLine = [&](const QByteArray &line) {
         if (line.trimmed().isEmpty())
             return;
-        QJsonParseError parseError{};
-        const QJsonDocument document = QJsonDocument::fromJson(line, &parseError);
-        if (parseError.error != QJsonParseError::NoError || !document.isObject()) {
+        std::optional<QJsonObject> object = parseReplyLine(line);
+        if (!object) {
             reply.error = QStringLiteral("malformed reply line");
             return;
         }
-        reply.lines.append(document.object());
+        reply.lines.append(std::move(*object));
         if (onLine)
             onLine(reply.lines.constLast());
     };

@@ -473,6 +473,14 @@ void PollManager::acceptPeerKey(const std::string &key) {
     emit peerKeyChanged();
 }
 
+std::optional<std::string> PollManager::keyInOutput(const QString &chunk) {
+    try {
+        return lumacrypt::PEMSearchString(chunk.toStdString());
+    } catch (...) {
+        return std::nullopt; // malformed output is no key
+    }
+}
+
 runwarden::StandardOutputHandler
 PollManager::outputHandler(std::shared_ptr<Subscription> subscription) {
     // Runs on the runner's reader thread. Only the caller's handler runs here; the PollManager's
@@ -498,12 +506,7 @@ PollManager::outputHandler(std::shared_ptr<Subscription> subscription) {
         QMetaObject::invokeMethod(
             this, [this] { pong(); }, Qt::QueuedConnection);
         if (withPEMWatcher) {
-            std::optional<std::string> key;
-            try {
-                key = lumacrypt::PEMSearchString(chunk.toStdString());
-            } catch (...) {
-                key.reset(); // malformed output is no key
-            }
+            std::optional<std::string> key = keyInOutput(chunk);
             if (key) {
                 QMetaObject::invokeMethod(
                     this, [this, key = std::move(*key)] { acceptPeerKey(key); },

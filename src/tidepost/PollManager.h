@@ -71,6 +71,10 @@ public:
     static constexpr qint64 defaultMaxReplyBytes = qint64(64) * 1024 * 1024;
 
     explicit PollManager(KeyExchangeStoreFunction factory, QObject *parent = nullptr);
+    /// The public key a chunk of the backend's output shows: the PEM block's key text, or nothing
+    /// when the chunk holds no well-formed block.
+    static std::optional<std::string> keyInOutput(const QString &chunk);
+
     /// Stops the timer, cancels the runner and waits for its loop to end; pending requests are
     /// aborted without calling their callbacks.
     ~PollManager() override;

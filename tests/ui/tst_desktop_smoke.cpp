@@ -427,9 +427,17 @@ private slots:
                  qPrintable(QStringLiteral("window at %1,%2").arg(w.x).arg(w.y)));
         QVERIFY(w.x + w.width >= 1280 - 40);
 
-        // The whole screen, with the window drawn.
+        // The whole screen, with the window drawn. A mapped window is painted a little later,
+        // and how much later depends on the machine (and on a sanitizer build): take pictures
+        // until the window's inside shows, then check the picture.
         h_settle();
-        const QImage screen = screenshot(QStringLiteral("desktop-smoke"));
+        QImage screen;
+        const auto drawn = [&] {
+            screen = screenshot(QStringLiteral("desktop-smoke"));
+            return !screen.isNull() && screen.size() == QSize(1280, 800) &&
+                   screen.pixelColor(w.x + 5, w.y + w.height / 2).lightness() > 200;
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(drawn(), 30000);
         QVERIFY(!screen.isNull());
         QCOMPARE(screen.size(), QSize(1280, 800));
         const QColor inside = screen.pixelColor(w.x + 5, w.y + w.height / 2);

@@ -32,6 +32,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 
 class QLocalServer;
 class QLocalSocket;
@@ -48,6 +49,13 @@ InstanceSocketLocation instanceSocketLocation(const QString &applicationName = {
 /// The guard's socket path for `applicationName` (empty: QCoreApplication::applicationName()),
 /// or empty when there is no safe place for it.
 QString instanceSocketPath(const QString &applicationName = {});
+
+/// A request line as the guard reads it (without its line break): a JSON object holding a text
+/// "command", or nothing for anything else.
+std::optional<QJsonObject> parseRequestLine(const QByteArray &line);
+/// A reply line as sendInstanceRequest() reads it (without its line break): a JSON object, or
+/// nothing for anything else.
+std::optional<QJsonObject> parseReplyLine(const QByteArray &line);
 
 /// One client request on the server side. The handler of a command answers through it; it stays
 /// valid until it has been finished or the client has gone (closed()), and is deleted later by
