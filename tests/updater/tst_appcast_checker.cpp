@@ -335,17 +335,18 @@ private slots:
         QCOMPARE(checker->downloadedFile(), downloads_->path() + "/updates/tarnwick-1.1.5.tar.gz");
     }
 
-    void theSigningScriptSignsWhatTheVerifierChecks() {
+    void aReleaseSignedByTheSigningScriptIsKept() {
         QTemporaryDir dir;
         QVERIFY(dir.isValid());
         QFile pem(dir.filePath("key.pem"));
         QVERIFY(pem.open(QIODevice::WriteOnly));
         pem.write(key_->privateKeyPem());
         pem.close();
+        const QByteArray bytes = releaseBytes("1.2.0");
         const QString archive = dir.filePath("tarnwick-1.2.0.tar.gz");
         QFile file(archive);
         QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(releaseBytes("1.2.0"));
+        file.write(bytes);
         file.close();
 
         QProcess sign;
@@ -355,10 +356,17 @@ private slots:
         QVERIFY2(sign.exitCode() == 0, sign.readAllStandardError().constData());
         const QByteArray signature = QByteArray::fromBase64(sign.readAllStandardOutput().trimmed());
         QCOMPARE(signature.size(), 64);
-        QCOMPARE(UpdateVerifier::verifyFile(archive, "1.2.0", key_->publicKey(), signature),
-                 QString());
-        QVERIFY(
-            !UpdateVerifier::verifyFile(archive, "1.3.0", key_->publicKey(), signature).isEmpty());
+
+        // The checker keeps the release the script signed.
+        server_->set("/tarnwick-1.2.0.tar.gz", bytes);
+        const FeedItem item{"1.2.0",   server_->url("/tarnwick-1.2.0.tar.gz").toString(),
+                            signature, bytes.size(),
+                            {},        {},
+                            {}};
+        server_->set("/appcast.xml", feedOf({item}));
+        auto checker = startedChecker(config());
+        QVERIFY(runCheck(*checker));
+        QCOMPARE(checker->downloadedFile(), downloads_->path() + "/updates/tarnwick-1.2.0.tar.gz");
     }
 
     void damagedDownloadIsDiscarded() {
