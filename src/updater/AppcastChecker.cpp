@@ -16,6 +16,8 @@
 #include <QThreadPool>
 #include <QTimer>
 
+#include <openssl/crypto.h>
+
 #include <cstdio>
 #include <memory>
 
@@ -576,6 +578,9 @@ void AppcastChecker::verify(const QString &path) {
     promise->start();
     QThreadPool::globalInstance()->start([promise, path, version, key, signature] {
         promise->addResult(UpdateVerifier::verifyFile(path, version, key, signature));
+        // The pool's thread is not OpenSSL's: what OpenSSL keeps per thread (the error queue
+        // of a failed check among it) is released here rather than left to the thread's end.
+        OPENSSL_thread_stop();
         promise->finish();
     });
 }
