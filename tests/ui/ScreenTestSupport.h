@@ -6,12 +6,16 @@
 #include "FakeBackend.h"
 #include "PollManager.h"
 #include "UiHarness.h"
+#include "UpdaterViewModel.h"
 
 #include <QColor>
+#include <QDir>
+#include <QFile>
 #include <QGuiApplication>
 #include <QPalette>
 #include <QQmlComponent>
 #include <QQmlEngine>
+#include <QTemporaryDir>
 #include <QTest>
 
 #include <memory>
@@ -56,6 +60,31 @@ inline QPalette desktopPalette(bool dark) {
     palette.setColor(QPalette::ButtonText, QColor("#fcfcfc"));
     palette.setColor(QPalette::PlaceholderText, QColor("#a1a9b1"));
     return palette;
+}
+
+// A folder that the path checks take for an iCloud one (an iCloud
+// placeholder file lies beside it), for raising the iCloud alert.
+inline QString iCloudFolder(const QTemporaryDir &dir) {
+    const QString folder = dir.filePath(QStringLiteral("placeholder/Reports"));
+    QDir().mkpath(folder);
+    QFile placeholder(dir.filePath(QStringLiteral("placeholder/.budget.xlsx.icloud")));
+    if (!placeholder.open(QIODevice::WriteOnly)) {
+        qFatal("cannot write the placeholder");
+    }
+    placeholder.write("x");
+    return folder;
+}
+
+// An updater with a feed on this computer that nothing answers: the update
+// controls show, and a check fails.
+inline UpdaterViewModel::Options unansweredFeedUpdater() {
+    UpdaterViewModel::Options options;
+    options.checker = {};
+    options.checker.feedURL = QUrl(QStringLiteral("http://127.0.0.1:9/appcast.xml"));
+    options.checker.publicKey = QByteArray(32, '\x11');
+    options.checker.log = [](const QString &) {};
+    options.print = [](const QString &) {};
+    return options;
 }
 
 inline bool sameRgb(const QColor &a, const QColor &b) {

@@ -100,19 +100,6 @@ QStringList namesOf(const QList<Control> &controls) {
         QVERIFY2(missing.isEmpty(), qPrintable(QStringLiteral("unnamed: ") + missing));            \
     } while (false)
 
-// A folder that the path checks take for an iCloud one (an iCloud
-// placeholder file lies beside it), for raising the iCloud alert.
-QString iCloudFolder(const QTemporaryDir &dir) {
-    const QString folder = dir.filePath(QStringLiteral("placeholder/Reports"));
-    QDir().mkpath(folder);
-    QFile placeholder(dir.filePath(QStringLiteral("placeholder/.budget.xlsx.icloud")));
-    if (!placeholder.open(QIODevice::WriteOnly)) {
-        qFatal("cannot write the placeholder");
-    }
-    placeholder.write("x");
-    return folder;
-}
-
 UiHarness::Options manualClock() {
     UiHarness::Options options;
     options.manualClock = true;
@@ -248,12 +235,7 @@ private slots:
     }
 
     void updatePanelAndFailureView() {
-        UpdaterViewModel::Options options;
-        options.checker = {};
-        options.checker.feedURL = QUrl(QStringLiteral("http://127.0.0.1:9/appcast.xml"));
-        options.checker.publicKey = QByteArray(32, '\x11');
-        options.checker.log = [](const QString &) {};
-        options.print = [](const QString &) {};
+        UpdaterViewModel::Options options = unansweredFeedUpdater();
         UpdaterViewModel updater(std::move(options));
         UiHarness h(manualClock());
         h.setUpdater(&updater);

@@ -139,19 +139,6 @@ QStringList failures(const QList<Sample> &samples) {
     return out;
 }
 
-// A folder that the path checks take for an iCloud one (an iCloud
-// placeholder file lies beside it), for raising the iCloud alert.
-QString iCloudFolder(const QTemporaryDir &dir) {
-    const QString folder = dir.filePath(QStringLiteral("placeholder/Reports"));
-    QDir().mkpath(folder);
-    QFile placeholder(dir.filePath(QStringLiteral("placeholder/.budget.xlsx.icloud")));
-    if (!placeholder.open(QIODevice::WriteOnly)) {
-        qFatal("cannot write the placeholder");
-    }
-    placeholder.write("x");
-    return folder;
-}
-
 UiHarness::Options manualClock() {
     UiHarness::Options options;
     options.manualClock = true;
@@ -278,12 +265,7 @@ private slots:
         }
         {
             // The update panel, after a check that failed.
-            tarnwick::ui::UpdaterViewModel::Options updaterOptions;
-            updaterOptions.checker = {};
-            updaterOptions.checker.feedURL = QUrl(QStringLiteral("http://127.0.0.1:9/appcast.xml"));
-            updaterOptions.checker.publicKey = QByteArray(32, '\x11');
-            updaterOptions.checker.log = [](const QString &) {};
-            updaterOptions.print = [](const QString &) {};
+            tarnwick::ui::UpdaterViewModel::Options updaterOptions = unansweredFeedUpdater();
             tarnwick::ui::UpdaterViewModel updater(std::move(updaterOptions));
             UiHarness h(manualClock());
             h.setUpdater(&updater);

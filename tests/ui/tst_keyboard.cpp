@@ -283,12 +283,7 @@ private slots:
     }
 
     void escapeClosesThePopupButAnOpenPanelFirst() {
-        UpdaterViewModel::Options options;
-        options.checker = {};
-        options.checker.feedURL = QUrl(QStringLiteral("http://127.0.0.1:9/appcast.xml"));
-        options.checker.publicKey = QByteArray(32, '\x11');
-        options.checker.log = [](const QString &) {};
-        options.print = [](const QString &) {};
+        UpdaterViewModel::Options options = unansweredFeedUpdater();
         UpdaterViewModel updater(std::move(options));
         UiHarness h(manualClock());
         h.setUpdater(&updater);

@@ -223,12 +223,7 @@ private slots:
         }
         {
             // The update panel of a build with an update feed.
-            tarnwick::ui::UpdaterViewModel::Options updaterOptions;
-            updaterOptions.checker = {};
-            updaterOptions.checker.feedURL = QUrl(QStringLiteral("http://127.0.0.1:9/appcast.xml"));
-            updaterOptions.checker.publicKey = QByteArray(32, '\x11');
-            updaterOptions.checker.log = [](const QString &) {};
-            updaterOptions.print = [](const QString &) {};
+            tarnwick::ui::UpdaterViewModel::Options updaterOptions = unansweredFeedUpdater();
             tarnwick::ui::UpdaterViewModel updater(std::move(updaterOptions));
             UiHarness h(options);
             h.setUpdater(&updater);
