@@ -54,7 +54,8 @@ set(CPACK_DEBIAN_PACKAGE_DEPENDS
 qml6-module-qtquick, qml6-module-qtquick-controls, qml6-module-qtquick-templates, \
 qml6-module-qtquick-window, qml6-module-qtquick-layouts, qml6-module-qtquick-dialogs, \
 qml6-module-qtquick-shapes, qml6-module-qt-labs-platform, qt6-qpa-plugins")
-# The sign-in code notification and opening folders in the file manager.
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "libnotify-bin, xdg-utils")
+# The sign-in code notification, opening folders in the file manager, and Qt's own
+# texts (dialogs, standard buttons) in the user's language.
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "libnotify-bin, xdg-utils, qt6-translations-l10n")
 set(CPACK_SOURCE_GENERATOR "")
 include(CPack)

@@ -273,6 +273,25 @@
     </message>
 </context>
 <context>
+    <name>QObject</name>
+    <message>
+        <source>Choose a folder to sync</source>
+        <translation>Einen Ordner zum Synchronisieren wählen</translation>
+    </message>
+    <message>
+        <source>Choose a Photos library</source>
+        <translation>Eine Fotos-Mediathek wählen</translation>
+    </message>
+    <message>
+        <source>Library:</source>
+        <translation>Mediathek:</translation>
+    </message>
+    <message>
+        <source>Photos library</source>
+        <translation>Fotos-Mediathek</translation>
+    </message>
+</context>
+<context>
     <name>RetentionSettingsView</name>
     <message>
         <source>Back</source>
@@ -432,6 +451,176 @@
     </message>
 </context>
 <context>
+    <name>tarnwick::ItemsProvider</name>
+    <message>
+        <source>Sending 6-digit code to %1 ...</source>
+        <translation>6-stelliger Code wird an %1 gesendet ...</translation>
+    </message>
+    <message>
+        <source>6-digit code sent to %1. Check your email.</source>
+        <translation>6-stelliger Code an %1 gesendet. Sieh in deinen E-Mails nach.</translation>
+    </message>
+    <message>
+        <source>Authenticating ...</source>
+        <translation>Anmeldung läuft ...</translation>
+    </message>
+    <message>
+        <source>Authentication failed. Please retry ...</source>
+        <translation>Anmeldung fehlgeschlagen. Bitte versuche es erneut ...</translation>
+    </message>
+</context>
+<context>
+    <name>tarnwick::SettingsActions</name>
+    <message>
+        <source>This folder appears to be synced with iCloud Drive. Files may not sync properly as they could be stored only in iCloud and not downloaded locally. This may cause conflicts with tarnwick sync.</source>
+        <translation>Dieser Ordner scheint mit iCloud Drive synchronisiert zu werden. Dateien werden möglicherweise nicht richtig synchronisiert, da sie nur in iCloud liegen und nicht lokal geladen sein könnten. Das kann zu Konflikten mit der Tarnwick-Synchronisierung führen.</translation>
+    </message>
+    <message>
+        <source>This Photos library appears to be synced with iCloud. This may cause sync conflicts with tarnwick.</source>
+        <translation>Diese Fotos-Mediathek scheint mit iCloud synchronisiert zu werden. Das kann zu Synchronisierungskonflikten mit Tarnwick führen.</translation>
+    </message>
+    <message>
+        <source>Group not found</source>
+        <translation>Gruppe nicht gefunden</translation>
+    </message>
+</context>
+<context>
+    <name>tarnwick::pathcheck::FileSystemUtils</name>
+    <message>
+        <source>This folder is in iCloud Drive and may cause sync conflicts.</source>
+        <translation>Dieser Ordner liegt in iCloud Drive und kann Synchronisierungskonflikte verursachen.</translation>
+    </message>
+    <message>
+        <source>This iCloud folder has items not downloaded locally.</source>
+        <translation>Dieser iCloud-Ordner enthält Objekte, die nicht lokal geladen sind.</translation>
+    </message>
+    <message>
+        <source>This folder is synced with iCloud Drive.</source>
+        <translation>Dieser Ordner wird mit iCloud Drive synchronisiert.</translation>
+    </message>
+    <message>
+        <source>This folder appears to be synced with iCloud.</source>
+        <translation>Dieser Ordner scheint mit iCloud synchronisiert zu werden.</translation>
+    </message>
+    <message>
+        <source>The selected path does not exist.</source>
+        <translation>Der gewählte Pfad existiert nicht.</translation>
+    </message>
+    <message>
+        <source>This folder is synced with iCloud.</source>
+        <translation>Dieser Ordner wird mit iCloud synchronisiert.</translation>
+    </message>
+    <message>
+        <source>The selected path is not readable. Check permissions.</source>
+        <translation>Der gewählte Pfad ist nicht lesbar. Prüfe die Zugriffsrechte.</translation>
+    </message>
+    <message>
+        <source>The selected path is not a Photos library.</source>
+        <translation>Der gewählte Pfad ist keine Fotos-Mediathek.</translation>
+    </message>
+    <message>
+        <source>The originals folder does not exist in this Photos library.</source>
+        <translation>In dieser Fotos-Mediathek gibt es keinen Ordner mit Originalen.</translation>
+    </message>
+    <message>
+        <source>Cannot read the originals folder. Check permissions.</source>
+        <translation>Der Ordner mit den Originalen ist nicht lesbar. Prüfe die Zugriffsrechte.</translation>
+    </message>
+    <message>
+        <source>Warning: Could not verify originals folder contents.</source>
+        <translation>Warnung: Der Inhalt des Ordners mit den Originalen konnte nicht geprüft werden.</translation>
+    </message>
+    <message>
+        <source>Warning: The originals folder appears to be empty. Make sure 'Download Originals to this Mac' is enabled in Photos settings.</source>
+        <translation>Warnung: Der Ordner mit den Originalen scheint leer zu sein. Stelle sicher, dass „Originale auf diesen Mac laden“ in den Einstellungen von Fotos eingeschaltet ist.</translation>
+    </message>
+</context>
+<context>
+    <name>tarnwick::supervisor::BackendLauncher</name>
+    <message>
+        <source>Binary crashed repeatedly. Please reinstall the app.</source>
+        <translation>Das Programm ist wiederholt abgestürzt. Bitte installiere die App neu.</translation>
+    </message>
+    <message>
+        <source>The backend cannot start: every local port it may use is taken by other programs. Close some of them, then restart the backend.</source>
+        <translation>Das Backend kann nicht starten: Jeder lokale Port, den es nutzen darf, ist von anderen Programmen belegt. Beende einige davon und starte dann das Backend neu.</translation>
+    </message>
+    <message>
+        <source>The backend could not listen on its local port: other programs kept taking it. Restart the backend to try again.</source>
+        <translation>Das Backend konnte seinen lokalen Port nicht öffnen: Andere Programme haben ihn immer wieder belegt. Starte das Backend neu, um es erneut zu versuchen.</translation>
+    </message>
+    <message>
+        <source>The backend started but never showed its key, so the client cannot talk to it. Restart the backend to try again.</source>
+        <translation>Das Backend ist gestartet, hat aber nie seinen Schlüssel gezeigt, daher kann der Client nicht mit ihm sprechen. Starte das Backend neu, um es erneut zu versuchen.</translation>
+    </message>
+</context>
+<context>
+    <name>tarnwick::supervisor::BinaryPreparation</name>
+    <message>
+        <source>the disk is full (%1)</source>
+        <translation>der Datenträger ist voll (%1)</translation>
+    </message>
+    <message>
+        <source>the disk quota is used up (%1)</source>
+        <translation>das Speicherkontingent ist aufgebraucht (%1)</translation>
+    </message>
+    <message>
+        <source>a folder is in the way (%1)</source>
+        <translation>ein Ordner steht im Weg (%1)</translation>
+    </message>
+    <message>
+        <source>it may not be written there (%1)</source>
+        <translation>dort darf nicht geschrieben werden (%1)</translation>
+    </message>
+    <message>
+        <source>The backend could not be copied to %1: %2.</source>
+        <translation>Das Backend konnte nicht nach %1 kopiert werden: %2.</translation>
+    </message>
+    <message>
+        <source>The backend's folder %1 cannot be used: %2.</source>
+        <translation>Der Ordner des Backends %1 kann nicht verwendet werden: %2.</translation>
+    </message>
+    <message>
+        <source>it is not a real folder</source>
+        <translation>er ist kein echter Ordner</translation>
+    </message>
+    <message>
+        <source>it belongs to user %1</source>
+        <translation>er gehört dem Benutzer %1</translation>
+    </message>
+    <message>
+        <source>others may write to it (mode %1)</source>
+        <translation>andere dürfen in ihn schreiben (Modus %1)</translation>
+    </message>
+    <message>
+        <source>The backend's folder %1 is not private (%2) and could not be made again: %3.</source>
+        <translation>Der Ordner des Backends %1 ist nicht privat (%2) und konnte nicht neu angelegt werden: %3.</translation>
+    </message>
+    <message>
+        <source>The backend %1 is missing from this installation.</source>
+        <translation>Das Backend %1 fehlt in dieser Installation.</translation>
+    </message>
+    <message>
+        <source>There is no data folder to keep the backend in.</source>
+        <translation>Es gibt keinen Datenordner, in dem das Backend liegen kann.</translation>
+    </message>
+    <message>
+        <source>The backend's folder %1 could not be made: %2.</source>
+        <translation>Der Ordner des Backends %1 konnte nicht angelegt werden: %2.</translation>
+    </message>
+    <message>
+        <source>The backend shipped with this installation (%1) failed its checks after copying.</source>
+        <translation>Das mit dieser Installation gelieferte Backend (%1) hat nach dem Kopieren die Prüfung nicht bestanden.</translation>
+    </message>
+</context>
+<context>
+    <name>tarnwick::ui::DesktopNotifications</name>
+    <message>
+        <source>Open Tarnwick</source>
+        <translation>Tarnwick öffnen</translation>
+    </message>
+</context>
+<context>
     <name>tarnwick::ui::Notifier</name>
     <message>
         <source>Sign in to Tarnwick</source>
@@ -471,6 +660,18 @@
     <message>
         <source>Deleted files older than %1 days will be permanently removed</source>
         <translation>Gelöschte Dateien, die älter als %1 Tage sind, werden endgültig entfernt</translation>
+    </message>
+    <message>
+        <source>Zero KB</source>
+        <translation>Null KB</translation>
+    </message>
+    <message>
+        <source>%1 byte</source>
+        <translation>%1 Byte</translation>
+    </message>
+    <message>
+        <source>%1 bytes</source>
+        <translation>%1 Byte</translation>
     </message>
 </context>
 <context>
@@ -553,6 +754,41 @@
     <message>
         <source>%1 with errors</source>
         <translation>%1 mit Fehlern</translation>
+    </message>
+    <message>
+        <source>Connecting to the backend ...</source>
+        <translation>Verbindung zum Backend wird hergestellt ...</translation>
+    </message>
+</context>
+<context>
+    <name>tarnwick::updater::AppcastChecker</name>
+    <message>
+        <source>Checking for updates…</source>
+        <translation>Suche nach Updates…</translation>
+    </message>
+    <message>
+        <source>You're up to date</source>
+        <translation>Du bist auf dem neuesten Stand</translation>
+    </message>
+    <message>
+        <source>Tarnwick %1 has been downloaded</source>
+        <translation>Tarnwick %1 wurde heruntergeladen</translation>
+    </message>
+    <message>
+        <source>Tarnwick %1 is available</source>
+        <translation>Tarnwick %1 ist verfügbar</translation>
+    </message>
+    <message>
+        <source>Downloading Tarnwick %1…</source>
+        <translation>Tarnwick %1 wird heruntergeladen…</translation>
+    </message>
+    <message>
+        <source>The download of Tarnwick %1 failed: %2</source>
+        <translation>Das Herunterladen von Tarnwick %1 ist fehlgeschlagen: %2</translation>
+    </message>
+    <message>
+        <source>The update check failed: %1</source>
+        <translation>Die Suche nach Updates ist fehlgeschlagen: %1</translation>
     </message>
 </context>
 </TS>

@@ -250,8 +250,26 @@ std::optional<int> ItemsProvider::choosePort(bool freshNeeded) {
 // ---- Observable state
 
 void ItemsProvider::setError(const QString &error) {
-    if (error_ != error) {
+    if (error_ != error || errorSourceText_ != error) {
         error_ = error;
+        errorSourceText_ = error;
+        emit errorChanged();
+    }
+}
+
+void ItemsProvider::setOwnError(const char *source, const QString &argument, bool loginMessage) {
+    QString english = QString::fromUtf8(source);
+    QString shown = tr(source);
+    if (!argument.isNull()) {
+        english = english.arg(argument);
+        shown = shown.arg(argument);
+    }
+    if (loginMessage) {
+        loginMessage_ = shown;
+    }
+    if (error_ != shown || errorSourceText_ != english) {
+        error_ = shown;
+        errorSourceText_ = english;
         emit errorChanged();
     }
 }
@@ -277,9 +295,8 @@ void ItemsProvider::setIsLoggedIn(bool value) {
     }
 }
 
-void ItemsProvider::setLoginMessage(const QString &message) {
-    loginMessage_ = message;
-    setError(message);
+void ItemsProvider::setLoginMessage(const char *source, const QString &argument) {
+    setOwnError(source, argument, true);
 }
 
 void ItemsProvider::setIsLoading(bool value) {
@@ -603,13 +620,13 @@ void ItemsProvider::requestCodeViaEmail(const QString &email) {
 
 void ItemsProvider::requestCodeViaEmail(const QString &email, Completion done,
                                         std::shared_ptr<const bool> cancelled) {
-    setLoginMessage(QStringLiteral("Sending 6-digit code to %1 ...").arg(email));
+    setLoginMessage(QT_TR_NOOP("Sending 6-digit code to %1 ..."), email);
     publishAndWait(
         commands::requestCode(email),
         [this, email, done = std::move(done)](const CommandOutcome &outcome) {
             // The login screen's line reads the same whatever the outcome;
             // the caller hears the backend's answer.
-            setError(QStringLiteral("6-digit code sent to %1. Check your email.").arg(email));
+            setOwnError(QT_TR_NOOP("6-digit code sent to %1. Check your email."), email, false);
             if (done) {
                 done(outcome);
             }
@@ -625,11 +642,10 @@ void ItemsProvider::performLogin(const QString &code, Completion sent) {
     // The code goes as typed: the backend is the judge of it.
     publish(commands::auth(userName_, code), std::move(sent));
     QMetaObject::invokeMethod(
-        this, [this] { setLoginMessage(QStringLiteral("Authenticating ...")); },
-        Qt::QueuedConnection);
+        this, [this] { setLoginMessage(QT_TR_NOOP("Authenticating ...")); }, Qt::QueuedConnection);
     clock_->singleShot(kLoginFailureDelay, this, [this] {
         if (!isLoggedIn_) {
-            setLoginMessage(QString::fromLatin1(loginFailedText));
+            setLoginMessage(loginFailedText);
             emit loginFailed();
         }
     });

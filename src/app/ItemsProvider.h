@@ -37,6 +37,10 @@ class BinaryPreparation;
 class ItemsProvider : public QObject {
     Q_OBJECT
     Q_PROPERTY(QString error READ error WRITE setError NOTIFY errorChanged)
+    // The sign-in flow's own lines in their English words, before translation (any other
+    // message as shown): the login screen picks its status symbol and colour by these words
+    // in every language.
+    Q_PROPERTY(QString errorSourceText READ errorSourceText NOTIFY errorChanged)
     Q_PROPERTY(bool isWaiting READ isWaiting NOTIFY isWaitingChanged)
     Q_PROPERTY(bool isLoggedIn READ isLoggedIn NOTIFY isLoggedInChanged)
     Q_PROPERTY(QString userName READ userName WRITE setUserName NOTIFY userNameChanged)
@@ -89,6 +93,7 @@ public:
     // screen keeps after a sign-in, and a status report need not repeat).
     bool errorIsLoginMessage() const { return !loginMessage_.isEmpty() && error_ == loginMessage_; }
     void setError(const QString &error);
+    QString errorSourceText() const { return errorSourceText_; }
     bool isWaiting() const { return isWaiting_; }
     bool isLoggedIn() const { return isLoggedIn_; }
     QString userName() const { return userName_; }
@@ -105,6 +110,7 @@ public:
     // them directly to show the model in a known state.
     void setIsLoggedIn(bool value);
     void setIsLoading(bool value);
+    void setBackendAnswered(bool answered);
     void setIsWaiting(bool value);
 
     // Plain state.
@@ -117,7 +123,8 @@ public:
     const QSet<qint64> &pendingRetentionUpdates() const { return pendingRetentionUpdates_; }
     static constexpr int maxCrashRetries = 3;
     // The login screen's text when no sign-in followed the code.
-    static constexpr const char *loginFailedText = "Authentication failed. Please retry ...";
+    static constexpr const char *loginFailedText =
+        QT_TRANSLATE_NOOP("tarnwick::ItemsProvider", "Authentication failed. Please retry ...");
 
     // Merges a backend status report into the folder list.
     void update(const std::vector<DirItem> &dirItems);
@@ -214,9 +221,10 @@ private:
     void replaceGroups(std::vector<GroupItem> incoming);
     void publishAttempt(const TypeIDAndData &command, int attempt, Completion done,
                         std::shared_ptr<const bool> cancelled);
-    void setBackendAnswered(bool answered);
-    // Shows a line of the sign-in flow (the login screen's message line).
-    void setLoginMessage(const QString &message);
+    // A line of the sign-in flow, `source` in English with %1 for `argument`: shown
+    // translated, matched by its English words.
+    void setLoginMessage(const char *source, const QString &argument = QString());
+    void setOwnError(const char *source, const QString &argument, bool loginMessage);
     QString architecture() const;
 
     Options options_;
@@ -224,6 +232,7 @@ private:
     QString error_;
     // The sign-in flow's last line.
     QString loginMessage_;
+    QString errorSourceText_;
     bool isWaiting_ = false;
     bool isLoggedIn_ = true;
     QString userName_;

@@ -19,7 +19,7 @@ SettingsActions::SettingsActions(ItemsProvider &model, QObject *parent)
 SettingsActions::AddCheck SettingsActions::checkFolder(const QString &path) {
     if (FileSystemUtils::isICloudSyncedPath(path)) {
         return {AddCheck::Verdict::needsConfirmation, path,
-                FileSystemUtils::getICloudStatusMessage(path).value_or(QStringLiteral(
+                FileSystemUtils::getICloudStatusMessage(path).value_or(tr(
                     "This folder appears to be synced with iCloud Drive. Files may not sync "
                     "properly as they could be stored only in iCloud and not downloaded locally. "
                     "This may cause conflicts with tarnwick sync."))};
@@ -35,9 +35,9 @@ SettingsActions::AddCheck SettingsActions::checkPhotoLibrary(const QString &libr
     }
     if (FileSystemUtils::isICloudSyncedPath(originals)) {
         return {AddCheck::Verdict::needsConfirmation, originals,
-                FileSystemUtils::getICloudStatusMessage(originals).value_or(QStringLiteral(
-                    "This Photos library appears to be synced with iCloud. This may cause sync "
-                    "conflicts with tarnwick."))};
+                FileSystemUtils::getICloudStatusMessage(originals).value_or(
+                    tr("This Photos library appears to be synced with iCloud. This may cause sync "
+                       "conflicts with tarnwick."))};
     }
     return {AddCheck::Verdict::add, originals, QString()};
 }
@@ -114,7 +114,7 @@ bool SettingsActions::saveRetention(const GroupItem &edited,
     if (model_.groupsModel()->indexOf(edited.groupID) < 0) {
         model_.log(QStringLiteral("Error: Group not found in ip.groups"));
         if (done) {
-            done(QStringLiteral("Group not found"));
+            done(tr("Group not found"));
         }
         return false;
     }

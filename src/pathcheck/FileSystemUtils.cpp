@@ -97,28 +97,28 @@ std::optional<QString> FileSystemUtils::getICloudStatusMessage(const QString &pa
         return std::nullopt;
     }
     if (path.contains(QLatin1String("/Mobile Documents/"))) {
-        return QStringLiteral("This folder is in iCloud Drive and may cause sync conflicts.");
+        return tr("This folder is in iCloud Drive and may cause sync conflicts.");
     }
     const auto values = ubiquityValues(path);
     if (values && values->downloadingStatus) {
         if (*values->downloadingStatus == UbiquityValues::DownloadingStatus::notDownloaded) {
-            return QStringLiteral("This iCloud folder has items not downloaded locally.");
+            return tr("This iCloud folder has items not downloaded locally.");
         }
-        return QStringLiteral("This folder is synced with iCloud Drive.");
+        return tr("This folder is synced with iCloud Drive.");
     }
-    return QStringLiteral("This folder appears to be synced with iCloud.");
+    return tr("This folder appears to be synced with iCloud.");
 }
 
 SyncPathCheck FileSystemUtils::validatePathForSync(const QString &path) {
     if (!existsAt(path)) {
-        return {false, QStringLiteral("The selected path does not exist.")};
+        return {false, tr("The selected path does not exist.")};
     }
     if (isICloudSyncedPath(path)) {
-        return {true, getICloudStatusMessage(path).value_or(
-                          QStringLiteral("This folder is synced with iCloud."))};
+        return {true,
+                getICloudStatusMessage(path).value_or(tr("This folder is synced with iCloud."))};
     }
     if (!readableAt(path)) {
-        return {false, QStringLiteral("The selected path is not readable. Check permissions.")};
+        return {false, tr("The selected path is not readable. Check permissions.")};
     }
     return {true, std::nullopt};
 }
@@ -135,15 +135,14 @@ bool FileSystemUtils::isPhotosLibrary(const QString &path) {
 
 PhotosLibraryCheck FileSystemUtils::validatePhotosLibrary(const QString &path) {
     if (!isPhotosLibrary(path)) {
-        return {false, QStringLiteral("The selected path is not a Photos library.")};
+        return {false, tr("The selected path is not a Photos library.")};
     }
     const QString originals = withoutTrailingSlash(path) + QStringLiteral("/originals");
     if (!existsAt(originals)) {
-        return {false,
-                QStringLiteral("The originals folder does not exist in this Photos library.")};
+        return {false, tr("The originals folder does not exist in this Photos library.")};
     }
     if (!readableAt(originals)) {
-        return {false, QStringLiteral("Cannot read the originals folder. Check permissions.")};
+        return {false, tr("Cannot read the originals folder. Check permissions.")};
     }
     // Only the top level counts, hidden entries skipped.
     std::error_code error;
@@ -156,12 +155,12 @@ PhotosLibraryCheck FileSystemUtils::validatePhotosLibrary(const QString &path) {
         }
     }
     if (error) {
-        return {true, QStringLiteral("Warning: Could not verify originals folder contents.")};
+        return {true, tr("Warning: Could not verify originals folder contents.")};
     }
     if (empty) {
-        return {true, QStringLiteral("Warning: The originals folder appears to be empty. Make sure "
-                                     "'Download Originals to this Mac' is enabled in Photos "
-                                     "settings.")};
+        return {true, tr("Warning: The originals folder appears to be empty. Make sure "
+                         "'Download Originals to this Mac' is enabled in Photos "
+                         "settings.")};
     }
     return {true, std::nullopt};
 }

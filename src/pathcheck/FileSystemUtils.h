@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QCoreApplication>
 #include <QString>
 
 #include <functional>
@@ -35,6 +36,8 @@ struct PhotosLibraryCheck {
 // Stateless: every call reads the file system afresh. Nothing here throws,
 // logs or changes the disk; failures become a boolean or a message.
 class FileSystemUtils {
+    Q_DECLARE_TR_FUNCTIONS(tarnwick::pathcheck::FileSystemUtils)
+
 public:
     // True for a path inside iCloud Drive or next to an iCloud placeholder.
     static bool isICloudSyncedPath(const QString &path);

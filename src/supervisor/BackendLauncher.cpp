@@ -96,7 +96,7 @@ void BackendLauncher::launchBinary(const QString &binURL, const QString &binName
     const bool fresh = std::exchange(freshPortNeeded_, false);
     if (hooks_.choosePort && !hooks_.choosePort(fresh)) {
         setCurrentBinary(binURL, binName);
-        fail(QString::fromLatin1(noPortText));
+        fail(tr(noPortText));
         return;
     }
     binaryLaunchTime_ = clock_->steadyNow();
@@ -282,7 +282,7 @@ void BackendLauncher::handleExit(const std::optional<std::error_code> &error) {
             const char *text = lastCause_ == Cause::portTaken ? portTakenText
                                : lastCause_ == Cause::noKey   ? noKeyText
                                                               : crashedText;
-            fail(QString::fromLatin1(text));
+            fail(tr(text));
             return;
         }
         hooks_.log(QStringLiteral("Crash recovery attempt %1 of %2")

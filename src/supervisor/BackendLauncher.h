@@ -58,17 +58,17 @@ public:
     static constexpr std::chrono::milliseconds keyTimeout{10000};
     // What the user is told when the backend keeps dying young.
     static constexpr const char *crashedText =
-        "Binary crashed repeatedly. Please reinstall the app.";
+        QT_TR_NOOP("Binary crashed repeatedly. Please reinstall the app.");
     // What the user is told instead when the executable was not the cause.
     static constexpr const char *noPortText =
-        "The backend cannot start: every local port it may use is taken by other programs. "
-        "Close some of them, then restart the backend.";
+        QT_TR_NOOP("The backend cannot start: every local port it may use is taken by other "
+                   "programs. Close some of them, then restart the backend.");
     static constexpr const char *portTakenText =
-        "The backend could not listen on its local port: other programs kept taking it. "
-        "Restart the backend to try again.";
+        QT_TR_NOOP("The backend could not listen on its local port: other programs kept taking "
+                   "it. Restart the backend to try again.");
     static constexpr const char *noKeyText =
-        "The backend started but never showed its key, so the client cannot talk to it. "
-        "Restart the backend to try again.";
+        QT_TR_NOOP("The backend started but never showed its key, so the client cannot talk to "
+                   "it. Restart the backend to try again.");
 
     BackendLauncher(tidepost::PollManager &pm, BinaryPreparation preparation, Hooks hooks,
                     bool withRetry, QObject *parent = nullptr);

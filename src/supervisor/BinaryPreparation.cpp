@@ -165,25 +165,25 @@ void copyExecutable(const fs::path &source, const fs::path &destination) {
 QString copyFailureText(const std::error_code &error) {
     const QString system = QString::fromStdString(error.message());
     if (error == std::errc::no_space_on_device) {
-        return QStringLiteral("the disk is full (%1)").arg(system);
+        return BinaryPreparation::tr("the disk is full (%1)").arg(system);
     }
 #ifdef EDQUOT
     if (error.value() == EDQUOT && error.category() == std::generic_category()) {
-        return QStringLiteral("the disk quota is used up (%1)").arg(system);
+        return BinaryPreparation::tr("the disk quota is used up (%1)").arg(system);
     }
 #endif
     if (error == std::errc::directory_not_empty || error == std::errc::is_a_directory) {
-        return QStringLiteral("a folder is in the way (%1)").arg(system);
+        return BinaryPreparation::tr("a folder is in the way (%1)").arg(system);
     }
     if (error == std::errc::permission_denied || error == std::errc::operation_not_permitted ||
         error == std::errc::read_only_file_system) {
-        return QStringLiteral("it may not be written there (%1)").arg(system);
+        return BinaryPreparation::tr("it may not be written there (%1)").arg(system);
     }
     return system;
 }
 
 QString copyFailureReason(const QString &destination, const std::error_code &error) {
-    return QStringLiteral("The backend could not be copied to %1: %2.")
+    return BinaryPreparation::tr("The backend could not be copied to %1: %2.")
         .arg(destination, copyFailureText(error));
 }
 
@@ -278,18 +278,24 @@ bool BinaryPreparation::ensurePrivateDirectory(const QString &directory) const {
         const int error = errno;
         log_(QStringLiteral("Error: Could not inspect the bin folder %1: %2")
                  .arg(directory, QString::fromStdString(errnoText(error))));
-        fail(QStringLiteral("The backend's folder %1 cannot be used: %2.")
+        fail(tr("The backend's folder %1 cannot be used: %2.")
                  .arg(directory, QString::fromStdString(errnoText(error))));
         return false;
     }
+    // The problem in the log's words and in the user's language.
     QString problem;
+    QString problemShown;
     if (!S_ISDIR(attributes.st_mode)) {
         problem = QStringLiteral("it is not a real folder");
+        problemShown = tr("it is not a real folder");
     } else if (attributes.st_uid != ::geteuid()) {
         problem = QStringLiteral("it belongs to user %1").arg(attributes.st_uid);
+        problemShown = tr("it belongs to user %1").arg(attributes.st_uid);
     } else if ((attributes.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        problem = QStringLiteral("others may write to it (mode %1)")
-                      .arg(attributes.st_mode & 07777, 4, 8, QLatin1Char('0'));
+        const QString mode =
+            QStringLiteral("%1").arg(attributes.st_mode & 07777, 4, 8, QLatin1Char('0'));
+        problem = QStringLiteral("others may write to it (mode %1)").arg(mode);
+        problemShown = tr("others may write to it (mode %1)").arg(mode);
     }
     if (problem.isEmpty()) {
         return true;
@@ -305,9 +311,8 @@ bool BinaryPreparation::ensurePrivateDirectory(const QString &directory) const {
     if (error) {
         log_(QStringLiteral("Error: Could not make the bin folder %1 again: %2")
                  .arg(directory, QString::fromStdString(error.message())));
-        fail(QStringLiteral("The backend's folder %1 is not private (%2) and could not be made "
-                            "again: %3.")
-                 .arg(directory, problem, QString::fromStdString(error.message())));
+        fail(tr("The backend's folder %1 is not private (%2) and could not be made again: %3.")
+                 .arg(directory, problemShown, QString::fromStdString(error.message())));
         return false;
     }
     return true;
@@ -402,14 +407,13 @@ std::optional<BinaryPreparation::Locations> BinaryPreparation::locate(const QStr
     const std::optional<QString> shipped = shippedFile(name);
     if (!shipped) {
         log_(QStringLiteral("Error: Bundled binary not found: %1").arg(name));
-        failureReason_ =
-            QStringLiteral("The backend %1 is missing from this installation.").arg(name);
+        failureReason_ = tr("The backend %1 is missing from this installation.").arg(name);
         return std::nullopt;
     }
     const std::optional<QString> dataDirectory = dataDirectory_();
     if (!dataDirectory) {
         log_(QStringLiteral("Error: Could not access Application Support directory"));
-        failureReason_ = QStringLiteral("There is no data folder to keep the backend in.");
+        failureReason_ = tr("There is no data folder to keep the backend in.");
         return std::nullopt;
     }
     return Locations{*shipped, binDirectory(*dataDirectory)};
@@ -437,7 +441,7 @@ std::optional<QString> BinaryPreparation::getWritableBinaryURL(const QString &na
     if (error) {
         log_(QStringLiteral("Error creating bin directory: %1")
                  .arg(QString::fromStdString(error.message())));
-        return fail(QStringLiteral("The backend's folder %1 could not be made: %2.")
+        return fail(tr("The backend's folder %1 could not be made: %2.")
                         .arg(directory, QString::fromStdString(error.message())));
     }
     if (!ensurePrivateDirectory(directory)) {
@@ -495,8 +499,8 @@ std::optional<QString> BinaryPreparation::getWritableBinaryURL(const QString &na
         log_(QStringLiteral("Error: Newly copied binary failed validation"));
         std::error_code ignored;
         fs::remove(toPath(destination), ignored);
-        return fail(QStringLiteral("The backend shipped with this installation (%1) failed its "
-                                   "checks after copying.")
+        return fail(tr("The backend shipped with this installation (%1) failed its checks "
+                       "after copying.")
                         .arg(shipped));
     }
     return destination;
@@ -531,8 +535,8 @@ std::optional<QString> BinaryPreparation::forceReplaceBinaryFromBundle(const QSt
     if (!validateBinary(destination)) {
         // Unlike the normal preparation, the invalid copy stays where it is.
         log_(QStringLiteral("Error: Crash recovery binary replacement failed validation"));
-        return fail(QStringLiteral("The backend shipped with this installation (%1) failed its "
-                                   "checks after copying.")
+        return fail(tr("The backend shipped with this installation (%1) failed its checks "
+                       "after copying.")
                         .arg(shipped));
     }
     return destination;

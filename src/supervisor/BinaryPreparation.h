@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QCoreApplication>
 #include <QString>
 
 #include <functional>
@@ -16,6 +17,8 @@ namespace tarnwick::supervisor {
 // only when its SHA-256 equals the shipped file's, and after a crash replaces
 // the copy unconditionally. Every outcome is one log line; nothing throws.
 class BinaryPreparation {
+    Q_DECLARE_TR_FUNCTIONS(tarnwick::supervisor::BinaryPreparation)
+
 public:
     using LogFunction = std::function<void(const QString &line)>;
     // Resolves a shipped resource by name; empty when the file is not shipped.

@@ -159,12 +159,12 @@ QString RetentionEditor::formatDate(const QDateTime &date, const QLocale &locale
 
 QString RetentionEditor::formatBytes(qint64 count, const QLocale &locale) {
     if (count == 0) {
-        return QStringLiteral("Zero KB");
+        return tr("Zero KB");
     }
     const double magnitude = std::fabs(static_cast<double>(count));
     if (magnitude < 1000.0) {
-        return locale.toString(static_cast<qlonglong>(count)) +
-               (magnitude == 1.0 ? QStringLiteral(" byte") : QStringLiteral(" bytes"));
+        const QString number = locale.toString(static_cast<qlonglong>(count));
+        return magnitude == 1.0 ? tr("%1 byte").arg(number) : tr("%1 bytes").arg(number);
     }
     static constexpr std::array<const char *, 6> units{"KB", "MB", "GB", "TB", "PB", "EB"};
     static constexpr std::array<int, 6> digits{0, 1, 2, 2, 2, 2};

@@ -1,6 +1,7 @@
 #include "Translations.h"
 
 #include <QCoreApplication>
+#include <QLibraryInfo>
 #include <QTranslator>
 
 #include <memory>
@@ -12,6 +13,26 @@ std::unique_ptr<QTranslator> &installed() {
     static std::unique_ptr<QTranslator> translator;
     return translator;
 }
+
+// Qt's own texts (file dialogs, text field menus, standard buttons), from the
+// system's Qt translations (Debian: qt6-translations-l10n) where they are installed.
+std::unique_ptr<QTranslator> &installedQt() {
+    static std::unique_ptr<QTranslator> translator;
+    return translator;
+}
+
+void installQtTranslation(const QLocale &locale) {
+    if (installedQt()) {
+        QCoreApplication::removeTranslator(installedQt().get());
+        installedQt().reset();
+    }
+    auto translator = std::make_unique<QTranslator>();
+    if (translator->load(locale, QStringLiteral("qt"), QStringLiteral("_"),
+                         QLibraryInfo::path(QLibraryInfo::TranslationsPath)) &&
+        QCoreApplication::installTranslator(translator.get())) {
+        installedQt() = std::move(translator);
+    }
+}
 } // namespace
 
 bool installTranslation(const QLocale &locale) {
@@ -19,6 +40,7 @@ bool installTranslation(const QLocale &locale) {
         QCoreApplication::removeTranslator(installed().get());
         installed().reset();
     }
+    installQtTranslation(locale);
     auto translator = std::make_unique<QTranslator>();
     // :/i18n/tarnwick_<language>[_<territory>].qm, the closest match to the
     // locale's languages.

@@ -248,7 +248,7 @@ void AppcastChecker::beginSession(bool interactive) {
     }
     setSession(new Session(interactive, this));
     if (interactive) {
-        setStatus(QStringLiteral("checking"), QStringLiteral("Checking for updates\u2026"));
+        setStatus(QStringLiteral("checking"), tr("Checking for updates…"));
     }
     fetchFeed();
 }
@@ -410,7 +410,7 @@ void AppcastChecker::feedFinished() {
         if (session->interactive || status_ == QLatin1String("available") ||
             status_ == QLatin1String("downloaded")) {
             setDownloadedFile(QString());
-            setStatus(QStringLiteral("upToDate"), QStringLiteral("You're up to date"));
+            setStatus(QStringLiteral("upToDate"), tr("You're up to date"));
         }
         endSession();
         return;
@@ -423,7 +423,7 @@ void AppcastChecker::feedFinished() {
     setAvailableVersion(newest->displayVersion);
     if (sameAsBefore && !downloadedFile_.isEmpty() && QFileInfo::exists(downloadedFile_)) {
         setStatus(QStringLiteral("downloaded"),
-                  QStringLiteral("Tarnwick %1 has been downloaded").arg(newest->displayVersion));
+                  tr("Tarnwick %1 has been downloaded").arg(newest->displayVersion));
         endSession();
         return;
     }
@@ -434,7 +434,7 @@ void AppcastChecker::feedFinished() {
         return;
     }
     setStatus(QStringLiteral("available"),
-              QStringLiteral("Tarnwick %1 is available").arg(newest->displayVersion));
+              tr("Tarnwick %1 is available").arg(newest->displayVersion));
     endSession();
 }
 
@@ -450,7 +450,7 @@ void AppcastChecker::startDownload(const AppcastItem &item) {
     Session *session = session_;
     session->item = item;
     setStatus(QStringLiteral("downloading"),
-              QStringLiteral("Downloading Tarnwick %1\u2026").arg(item.displayVersion));
+              tr("Downloading Tarnwick %1…").arg(item.displayVersion));
     if (item.length > config_.maxDownloadBytes) {
         fail(
             QStringLiteral("the update is larger than %1").arg(sizeText(config_.maxDownloadBytes)));
@@ -594,7 +594,7 @@ void AppcastChecker::verificationFinished(const QString &failure) {
                     .arg(item.displayVersion, session->finalPath));
             setDownloadedFile(session->finalPath);
             setStatus(QStringLiteral("downloaded"),
-                      QStringLiteral("Tarnwick %1 has been downloaded").arg(item.displayVersion));
+                      tr("Tarnwick %1 has been downloaded").arg(item.displayVersion));
             endSession();
             return;
         }
@@ -638,7 +638,7 @@ void AppcastChecker::keepDownload() {
             .arg(item.displayVersion, session->finalPath));
     setDownloadedFile(session->finalPath);
     setStatus(QStringLiteral("downloaded"),
-              QStringLiteral("Tarnwick %1 has been downloaded").arg(item.displayVersion));
+              tr("Tarnwick %1 has been downloaded").arg(item.displayVersion));
     endSession();
 }
 
@@ -649,14 +649,13 @@ void AppcastChecker::fail(const QString &reason) {
     }
     if (session->item) {
         log(QStringLiteral("Update download failed: %1").arg(reason));
-        setStatus(QStringLiteral("error"), QStringLiteral("The download of Tarnwick %1 failed: %2")
+        setStatus(QStringLiteral("error"), tr("The download of Tarnwick %1 failed: %2")
                                                .arg(session->item->displayVersion, reason));
     } else {
         log(QStringLiteral("Update check failed: %1").arg(reason));
         // A background check that fails only says so in the log.
         if (session->interactive) {
-            setStatus(QStringLiteral("error"),
-                      QStringLiteral("The update check failed: %1").arg(reason));
+            setStatus(QStringLiteral("error"), tr("The update check failed: %1").arg(reason));
         }
     }
     endSession();

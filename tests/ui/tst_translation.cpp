@@ -5,8 +5,12 @@
 #include "RecordBuilders.h"
 #include "ScreenTestSupport.h"
 
+#include "BackendLauncher.h"
+#include "FileSystemUtils.h"
 #include "Notifier.h"
+#include "SettingsRetentionEditor.h"
 #include "Translations.h"
+#include "TrayController.h"
 
 #include <QTest>
 
@@ -14,6 +18,7 @@ using namespace tarnwick::ui::test;
 using tarnwick::test::folder;
 using tarnwick::test::group;
 using tarnwick::ui::Notifier;
+using tarnwick::ui::TrayController;
 
 namespace {
 
@@ -69,6 +74,51 @@ Texts readScreens() {
     return t;
 }
 
+// The model's own lines of signing in, as the login screen shows them, with the
+// symbol the status box picks for each.
+struct SignInLines {
+    QString sent, sentSymbol, authenticating, authenticatingSymbol, failed, failedSymbol;
+};
+
+SignInLines signInOnScreen() {
+    SignInLines lines;
+    UiHarness::Options options;
+    options.manualClock = true;
+    ScreenWithBackend backend(options);
+    UiHarness &h = backend.h;
+    h.model().setIsLoggedIn(false);
+    h.model().setUserName(QStringLiteral("a@b.c"));
+    if (!h.load(QStringLiteral("LoginView"))) {
+        return lines;
+    }
+    const auto symbol = [&] { return h.find("statusBoxIcon")->property("name").toString(); };
+    h.click(h.findVisible(QStringLiteral("sendCodeButton")));
+    if (!QTest::qWaitFor([&] { return backend.requests("requestCode").size() == 1; }, 5000) ||
+        !QTest::qWaitFor([&] { return !h.model().isWaiting(); }, 5000)) {
+        return lines;
+    }
+    lines.sent = textOf(h, "statusBoxText");
+    lines.sentSymbol = symbol();
+    h.click(h.findVisible(QStringLiteral("loginButton")));
+    if (!QTest::qWaitFor([&] { return backend.requests("auth").size() == 1; }, 5000)) {
+        return lines;
+    }
+    h.settle(50);
+    lines.authenticating = textOf(h, "statusBoxText");
+    lines.authenticatingSymbol = symbol();
+    h.passTime(std::chrono::milliseconds(5000));
+    lines.failed = textOf(h, "statusBoxText");
+    lines.failedSymbol = symbol();
+    return lines;
+}
+
+QString connectingToolTip() {
+    UiHarness h;
+    h.model().setBackendAnswered(false);
+    TrayController tray(h.model(), true);
+    return tray.toolTip();
+}
+
 } // namespace
 
 class TranslationTest : public QObject {
@@ -96,6 +146,33 @@ private slots:
         QCOMPARE(t.signInTitle, "Bei Tarnwick anmelden");
     }
 
+    // The model's own texts: translated, while the login box still picks its
+    // symbols by their English words.
+    void germanModelTexts() {
+        QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany));
+        QVERIFY(tarnwick::ui::installTranslation());
+        const SignInLines lines = signInOnScreen();
+        QCOMPARE(lines.sent, "6-stelliger Code an a@b.c gesendet. Sieh in deinen E-Mails nach.");
+        QCOMPARE(lines.sentSymbol, "checkmark.circle.fill");
+        QCOMPARE(lines.authenticating, "Anmeldung läuft ...");
+        QCOMPARE(lines.authenticatingSymbol, "arrow.triangle.2.circlepath");
+        QCOMPARE(lines.failed, "Anmeldung fehlgeschlagen. Bitte versuche es erneut ...");
+        QCOMPARE(lines.failedSymbol, "exclamationmark.triangle.fill");
+        QCOMPARE(connectingToolTip(), "Verbindung zum Backend wird hergestellt ...");
+        QCOMPARE(tarnwick::supervisor::BackendLauncher::tr(
+                     tarnwick::supervisor::BackendLauncher::crashedText),
+                 "Das Programm ist wiederholt abgestürzt. Bitte installiere die App neu.");
+        QCOMPARE(tarnwick::ui::RetentionEditor::formatBytes(0, QLocale()), "Null KB");
+        QCOMPARE(tarnwick::pathcheck::FileSystemUtils::validatePathForSync(
+                     QStringLiteral("/no/such/folder/here"))
+                     .warning.value_or(QString()),
+                 "Der gewählte Pfad existiert nicht.");
+        // Qt's own texts (here a standard button) come from the system's Qt translations,
+        // which the setup script installs.
+        QVERIFY2(QCoreApplication::translate("QPlatformTheme", "Cancel") == "Abbrechen",
+                 "Qt's German texts are not loaded (Debian: qt6-translations-l10n)");
+    }
+
     void englishLocale() {
         QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedStates));
         // English is the texts' own language: nothing to load, and the German
@@ -116,6 +193,23 @@ private slots:
         QCOMPARE(t.folderCount, "1 folder");
         QCOMPARE(t.groupCount, "1 group");
         QCOMPARE(t.signInTitle, "Sign in to Tarnwick");
+    }
+
+    void englishModelTexts() {
+        QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedStates));
+        QVERIFY(!tarnwick::ui::installTranslation());
+        const SignInLines lines = signInOnScreen();
+        QCOMPARE(lines.sent, "6-digit code sent to a@b.c. Check your email.");
+        QCOMPARE(lines.sentSymbol, "checkmark.circle.fill");
+        QCOMPARE(lines.authenticating, "Authenticating ...");
+        QCOMPARE(lines.authenticatingSymbol, "arrow.triangle.2.circlepath");
+        QCOMPARE(lines.failed, "Authentication failed. Please retry ...");
+        QCOMPARE(lines.failedSymbol, "exclamationmark.triangle.fill");
+        QCOMPARE(connectingToolTip(), "Connecting to the backend ...");
+        QCOMPARE(tarnwick::supervisor::BackendLauncher::tr(
+                     tarnwick::supervisor::BackendLauncher::crashedText),
+                 "Binary crashed repeatedly. Please reinstall the app.");
+        QCOMPARE(tarnwick::ui::RetentionEditor::formatBytes(0, QLocale()), "Zero KB");
     }
 };
 

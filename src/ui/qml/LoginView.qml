@@ -7,7 +7,7 @@ import Tarnwick
 // Signing in: the e-mail address (the model's userName), a button that has a
 // 6-digit code mailed to it, the code and "Login". Progress and failure come
 // through the model's error text, shown in a status box whose symbol and
-// colour follow the text.
+// colour follow the text's English words (the same in every language).
 Rectangle {
     id: view
     objectName: "loginView"
@@ -185,8 +185,8 @@ Rectangle {
                 objectName: "statusBox"
                 Layout.fillWidth: true
                 visible: ItemsProvider.error !== ""
-                readonly property string symbol: view.statusSymbol(ItemsProvider.error)
-                readonly property color tint: view.statusColor(ItemsProvider.error)
+                readonly property string symbol: view.statusSymbol(ItemsProvider.errorSourceText)
+                readonly property color tint: view.statusColor(ItemsProvider.errorSourceText)
                 implicitHeight: statusRow.implicitHeight + 24
                 radius: 8
                 color: Theme.withOpacity(tint, 0.1)
