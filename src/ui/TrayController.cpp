@@ -88,9 +88,10 @@ TrayController::TrayController(ItemsProvider &model, bool followModel, QObject *
             });
     connect(tray_.get(), &QSystemTrayIcon::messageClicked, this, &TrayController::openRequested);
     connect(&model_, &ItemsProvider::menuBarStringChanged, this, &TrayController::updateIcon);
-    for (const auto signal : {&ItemsProvider::isLoggedInChanged,
-                              &ItemsProvider::backendFailedChanged, &ItemsProvider::errorChanged,
-                              &ItemsProvider::userNameChanged, &ItemsProvider::isLoadingChanged}) {
+    for (const auto signal :
+         {&ItemsProvider::isLoggedInChanged, &ItemsProvider::backendFailedChanged,
+          &ItemsProvider::errorChanged, &ItemsProvider::userNameChanged,
+          &ItemsProvider::isLoadingChanged, &ItemsProvider::backendAnsweredChanged}) {
         connect(&model_, signal, this, &TrayController::updateState);
     }
     folderRecount_.setSingleShot(true);
@@ -192,6 +193,10 @@ QString TrayController::summary(int folders, int syncing, int withErrors) const 
         const QString reason = model_.error();
         return reason.isEmpty() ? tr("Backend stopped") : tr("Backend stopped: %1").arg(reason);
     }
+    // Until the backend of this start answers, what the model holds is not yet known.
+    if (!model_.backendAnswered()) {
+        return tr("Connecting to the backend ...");
+    }
     if (!model_.isLoggedIn()) {
         return tr("Not signed in");
     }
@@ -228,10 +233,13 @@ void TrayController::updateState() {
         }
     }
     const bool failed = model_.backendFailed();
-    const bool signedIn = model_.isLoggedIn();
+    const bool connecting = !failed && !model_.backendAnswered();
+    const bool signedIn = model_.isLoggedIn() && !connecting;
     Mark mark = Mark::none;
     if (failed) {
         mark = Mark::backendFailed;
+    } else if (connecting) {
+        mark = Mark::none;
     } else if (!signedIn) {
         mark = Mark::signedOut;
     } else if (withErrors > 0) {

@@ -51,7 +51,13 @@ UiHarness::UiHarness(Options options) : options_(options), log_(std::make_shared
     if (options_.configureModel) {
         options_.configureModel(modelOptions);
     }
+    const bool launchesBackend = modelOptions.launchBackend;
     model_ = std::make_unique<ItemsProvider>(std::move(modelOptions));
+    // Without a backend of its own the model shows the state tests give it, as it does
+    // once a backend has answered.
+    if (!launchesBackend) {
+        model_->setBackendAnswered(true);
+    }
     actions_ = std::make_unique<SettingsActions>(*model_);
     app_ = std::make_unique<AppController>(options_.isMacOS13);
     UpdaterViewModel::Options updaterOptions;

@@ -355,6 +355,15 @@ private slots:
                  TrayController::markColor(TrayController::Mark::signedOut).rgb());
         QCOMPARE(menuTexts(tray), QStringList({"Open Tarnwick", "Quit"}));
 
+        // A new start of the backend that has not answered yet: the tray claims
+        // nothing it cannot know.
+        h.model().setBackendAnswered(false);
+        QCOMPARE(tray.toolTip(), "Connecting to the backend ...");
+        QCOMPARE(tray.mark(), TrayController::Mark::none);
+        QCOMPARE(menuTexts(tray), QStringList({"Open Tarnwick", "Quit"}));
+        h.model().setBackendAnswered(true);
+        QCOMPARE(tray.toolTip(), "Not signed in");
+
         // Signed in again and the error gone: no mark.
         h.model().setIsLoggedIn(true);
         h.model().update({folder("/c", "Up to date")});
