@@ -12,6 +12,8 @@
 #include <QTest>
 #include <QWindow>
 
+#include <algorithm>
+
 using namespace tarnwick::ui::test;
 using tarnwick::test::folder;
 using tarnwick::test::group;
@@ -280,6 +282,68 @@ private slots:
         QTest::keyClick(h.window(), Qt::Key_Backtab, Qt::ShiftModifier);
         QCoreApplication::processEvents();
         QCOMPARE(focusedName(h), "settingsTabButton");
+    }
+
+    // Twelve groups in a short window: Tab walks every group's controls in the list's
+    // order and Shift+Tab walks them back, although scrolling has made the list's
+    // delegates in another order.
+    void settingsTabWalksEveryGroupInOrder() {
+        ScreenWithBackend s(manualClock());
+        UiHarness &h = s.h;
+        h.model().setIsLoggedIn(true);
+        std::vector<tarnwick::GroupItem> groups;
+        QStringList expected;
+        for (int i = 1; i <= 12; ++i) {
+            groups.push_back(
+                group(i, "Group " + std::to_string(i), {"/home/ana/Folder-" + std::to_string(i)}));
+            expected << QStringLiteral("groupCard%1").arg(i);
+        }
+        h.model().groupsModel()->replace(groups);
+        QVERIFY(h.load(QStringLiteral("MenuBarView"), QSize(450, 500)));
+        QVERIFY(activate(h));
+        h.click(h.findVisible(QStringLiteral("settingsTabButton")));
+        QTRY_VERIFY(h.findVisible(QStringLiteral("groupCard1")));
+        QTRY_VERIFY_WITH_TIMEOUT(!h.model().isWaiting(), 10000);
+        auto *list = h.find<QQuickItem>(QStringLiteral("groupList"));
+        QVERIFY(list);
+        QMetaObject::invokeMethod(list, "positionViewAtEnd");
+        h.settle(50);
+        QMetaObject::invokeMethod(list, "positionViewAtBeginning");
+        h.settle(50);
+
+        // The card a control belongs to, or "" outside the list.
+        const auto cardOf = [](QQuickItem *item) {
+            for (; item != nullptr; item = item->parentItem()) {
+                if (item->objectName().startsWith(QLatin1String("groupCard"))) {
+                    return item->objectName();
+                }
+            }
+            return QString();
+        };
+        const auto walk = [&](bool forward, const QString &end) {
+            QStringList cards;
+            for (int i = 0; i < 200 && focusedName(h) != end; ++i) {
+                if (forward) {
+                    press(h, Qt::Key_Tab);
+                } else {
+                    QTest::keyClick(h.window(), Qt::Key_Backtab, Qt::ShiftModifier);
+                    QCoreApplication::processEvents();
+                }
+                if (!focusShown(h)) {
+                    qWarning().noquote() << "no focus ring on" << focusedName(h);
+                    return QStringList();
+                }
+                const QString card = cardOf(focused(h));
+                if (!card.isEmpty() && (cards.isEmpty() || cards.last() != card)) {
+                    cards << card;
+                }
+            }
+            return cards;
+        };
+        QCOMPARE(walk(true, QStringLiteral("launchAtLoginToggle")), expected);
+        QStringList backwards = expected;
+        std::reverse(backwards.begin(), backwards.end());
+        QCOMPARE(walk(false, QStringLiteral("settingsTabButton")), backwards);
     }
 
     void escapeClosesThePopupButAnOpenPanelFirst() {

@@ -46,77 +46,13 @@ Rectangle {
         onTriggered: view.hasTimeElapsed = true
     }
 
-    // The keyboard across the cards, in the model's order: the card at
-    // `index` (its first or, going back, its last control), brought into
-    // view; past either end, the control before or after the list.
-    function focusCard(index, forward) {
-        if (index < 0 || index >= list.count) {
-            view.leaveList(forward)
-            return
-        }
-        list.positionViewAtIndex(index, ListView.Contain)
-        list.forceLayout()
-        const row = list.itemAtIndex(index)
-        // (A delegate of this list is a CardRow, which the linter cannot
-        // know of an item the list returns.)
-        // qmllint disable type
-        const card = row !== null ? row.card : null
-        if (card === null)
-            return
-        if (forward)
-            card.forceActiveFocus(Qt.TabFocusReason)
-        else
-            card.focusLast()
-        // qmllint enable type
-    }
-    // Tab into the list from above starts at its first card, Shift+Tab from
-    // below at its last, whichever delegates the list happens to hold. (The
-    // focus is moved once the change that brought it has finished.)
-    property Item previousFocus: null
-    Connections {
-        target: view.Window.window
-        function onActiveFocusItemChanged() {
-            const now = view.Window.activeFocusItem
-            const previous = view.previousFocus
-            view.previousFocus = now
-            if (now === null || previous === null || !view.inList(now) || view.inList(previous)
-                    || list.count === 0)
-                return
-            const fromAbove = previous.mapToItem(list, 0, 0).y < 0
-            const target = fromAbove ? 0 : list.count - 1
-            const row = list.itemAtIndex(target)
-            // qmllint disable type
-            const card = row !== null ? row.card : null
-            // qmllint enable type
-            // Already there: the first card itself, or the last card's last
-            // control.
-            if (card !== null && (fromAbove ? now === card
-                                            : view.inside(now, card)
-                                              && now.objectName === "openWebButton"))
-                return
-            // Qt 6.4's type information lists Qt.callLater as a plain
-            // property, so the linter cannot tell that it is callable.
-            Qt.callLater(view.focusCard, target, fromAbove) // qmllint disable type
-        }
-    }
-    function inside(item, ancestor) {
-        for (let p = item; p !== null; p = p.parent) {
-            if (p === ancestor)
-                return true
-        }
-        return false
-    }
-    function inList(item) {
-        return view.inside(item, list.contentItem)
-    }
-    function leaveList(forward) {
-        const target = forward ? view.keyboardAfter : view.keyboardBefore
-        if (target === null)
-            return
-        const next = target.activeFocusOnTab && target.visible && target.enabled
-                     ? target : target.nextItemInFocusChain(forward)
-        if (next !== null)
-            next.forceActiveFocus(forward ? Qt.TabFocusReason : Qt.BacktabFocusReason)
+    // The keyboard across the cards, in the model's order.
+    CardListKeyboard {
+        id: cardKeys
+        list: list
+        keyboardBefore: view.keyboardBefore
+        keyboardAfter: view.keyboardAfter
+        cardProperty: "card"
     }
 
     // A row of the list: the card it holds.
@@ -276,7 +212,8 @@ Rectangle {
                         else if (view.hoveredItem === row.path)
                             view.hoveredItem = ""
                     }
-                    onTabOut: forward => view.focusCard(row.index + (forward ? 1 : -1), forward)
+                    onTabOut: forward => cardKeys.focusCard(row.index + (forward ? 1 : -1),
+                                                            forward)
                     onOpenFolder: ItemsProvider.openDirPath(row.path)
                     onOpenWeb: ItemsProvider.openWeb(
                                    AppController.groupIDText(ItemsProvider.dirItems, row.index))

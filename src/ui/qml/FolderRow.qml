@@ -16,6 +16,8 @@ Rectangle {
 
     signal openFolder()
     signal removeFolder()
+    // Tab (forward) or Shift+Tab pressed on one of the row's buttons.
+    signal tabPressed(var event, bool forward)
 
     readonly property string symbol: path.indexOf("/originals") >= 0 ? "photo.on.rectangle"
                                                                     : "folder.fill"
@@ -77,6 +79,8 @@ Rectangle {
             padding: 5
             helpText: qsTr("Open folder")
             onClicked: row.openFolder()
+            Keys.onTabPressed: event => row.tabPressed(event, true)
+            Keys.onBacktabPressed: event => row.tabPressed(event, false)
         }
         IconButton {
             objectName: "removeFolderButton"
@@ -86,6 +90,8 @@ Rectangle {
             padding: 5
             helpText: qsTr("Stop watching this folder")
             onClicked: row.removeFolder()
+            Keys.onTabPressed: event => row.tabPressed(event, true)
+            Keys.onBacktabPressed: event => row.tabPressed(event, false)
         }
     }
 }

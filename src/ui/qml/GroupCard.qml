@@ -26,6 +26,9 @@ CardView {
     signal openFolder(string path)
     signal removeFolder(string path)
     signal openRetentionSettings()
+    // Tab (forward) or Shift+Tab pressed on one of the card's controls: the
+    // list decides whether the focus moves on to another card.
+    signal tabPressed(var event, bool forward)
 
     padding: 16
 
@@ -105,6 +108,8 @@ CardView {
             helpText: qsTr("Configure retention settings")
             enabled: !card.disabled
             onClicked: card.openRetentionSettings()
+            Keys.onTabPressed: event => card.tabPressed(event, true)
+            Keys.onBacktabPressed: event => card.tabPressed(event, false)
         }
         IconButton {
             id: photosButton
@@ -114,6 +119,8 @@ CardView {
             helpText: qsTr("Add Photos library")
             enabled: !card.disabled
             onClicked: card.addPhotoLibrary()
+            Keys.onTabPressed: event => card.tabPressed(event, true)
+            Keys.onBacktabPressed: event => card.tabPressed(event, false)
         }
         IconButton {
             id: folderButton
@@ -123,6 +130,8 @@ CardView {
             helpText: qsTr("Add folder")
             enabled: !card.disabled
             onClicked: card.addFolder()
+            Keys.onTabPressed: event => card.tabPressed(event, true)
+            Keys.onBacktabPressed: event => card.tabPressed(event, false)
         }
     }
 
@@ -145,6 +154,7 @@ CardView {
             iCloudSynced: card.iCloudSyncedPaths.indexOf(modelData) >= 0
             onOpenFolder: card.openFolder(modelData)
             onRemoveFolder: card.removeFolder(modelData)
+            onTabPressed: (event, forward) => card.tabPressed(event, forward)
         }
     }
 }

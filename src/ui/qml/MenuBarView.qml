@@ -119,6 +119,18 @@ Rectangle {
                 // Made when the tab is first opened.
                 active: tabBar.currentIndex === 1 || status === Loader.Ready
                 source: "SettingsView.qml"
+                Binding {
+                    target: settingsLoader.item
+                    property: "keyboardBefore"
+                    value: settingsTab
+                    when: settingsLoader.status === Loader.Ready
+                }
+                Binding {
+                    target: settingsLoader.item
+                    property: "keyboardAfter"
+                    value: footer
+                    when: settingsLoader.status === Loader.Ready
+                }
 
                 Text {
                     objectName: "settingsUnavailable"

@@ -19,6 +19,10 @@ Item {
     // list stops saying "Loading..." (tests shorten it).
     property alias initialRefreshDelay: controller.initialRefreshDelay
     readonly property alias controller: controller
+    // Where Tab goes past the last group, and Shift+Tab before the first (the
+    // window sets them; the list's delegates are not in the list's order).
+    property Item keyboardBefore: null
+    property Item keyboardAfter: null
 
     readonly property bool showsFailure: ItemsProvider.backendFailed
     readonly property bool showsInstructions: !showsFailure
@@ -113,9 +117,15 @@ Item {
             message: controller.errorText
         }
 
-        // Tab through the cards scrolls the list along.
+        // Tab through the cards scrolls the list along, in the list's order.
         FollowFocus {
             flickable: list
+        }
+        CardListKeyboard {
+            id: cardKeys
+            list: list
+            keyboardBefore: view.keyboardBefore
+            keyboardAfter: view.keyboardAfter
         }
 
         EmptyStateView {
@@ -182,6 +192,7 @@ Item {
                 required groupIDText
                 required property string name
                 required property var sortedWalkPaths
+                required property int index
 
                 width: list.width - list.leftMargin - list.rightMargin
                 groupName: groupCard.name
@@ -195,6 +206,8 @@ Item {
                 onAddFolder: controller.handleAddFolder(groupCard.groupName)
                 onOpenFolder: path => controller.openFolder(path)
                 onRemoveFolder: path => controller.removeFolder(path)
+                onTabPressed: (event, forward) => cardKeys.tabFrom(groupCard, groupCard.index,
+                                                                   event, forward)
             }
             // qmllint enable unqualified
         }

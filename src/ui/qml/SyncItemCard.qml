@@ -65,9 +65,6 @@ CardView {
     signal tabOut(bool forward)
 
     Keys.onBacktabPressed: card.tabOut(false)
-    function focusLast() {
-        webButton.forceActiveFocus(Qt.BacktabFocusReason)
-    }
 
     // Tab stops at the card itself (a screen reader reads it), then at its
     // two buttons.
