@@ -346,6 +346,34 @@ private slots:
         QCOMPARE(walk(false, QStringLiteral("settingsTabButton")), backwards);
     }
 
+    // Opened by keyboard, the Photos instructions take the focus: Tab reaches
+    // their own buttons before anything else, and Enter on "Back" closes them.
+    void photosInstructionsTakeTheKeyboard() {
+        ScreenWithBackend s(manualClock());
+        UiHarness &h = s.h;
+        h.model().setIsLoggedIn(true);
+        h.model().groupsModel()->replace({group(1, "Personal", {"/home/ana/Documents"})});
+        QVERIFY(h.load(QStringLiteral("MenuBarView")));
+        QVERIFY(activate(h));
+        h.click(h.findVisible(QStringLiteral("settingsTabButton")));
+        QTRY_VERIFY(h.findVisible(QStringLiteral("groupCard1")));
+        QTRY_VERIFY_WITH_TIMEOUT(!h.model().isWaiting(), 10000);
+        QCOMPARE(tabThrough(h, 3),
+                 (QStringList{"statusTabButton", "settingsTabButton", "retentionButton"}));
+        press(h, Qt::Key_Tab);
+        QCOMPARE(focusedName(h), "photosButton");
+        press(h, Qt::Key_Space);
+        QTRY_VERIFY(h.findVisible(QStringLiteral("photoLibraryInstructionsView")));
+        QCOMPARE(tabThrough(h, 2),
+                 (QStringList{"photoLibraryBackButton", "photoLibraryContinueButton"}));
+        QTest::keyClick(h.window(), Qt::Key_Backtab, Qt::ShiftModifier);
+        QCoreApplication::processEvents();
+        QCOMPARE(focusedName(h), "photoLibraryBackButton");
+        press(h, Qt::Key_Return);
+        QTRY_VERIFY(h.findVisible(QStringLiteral("groupCard1")));
+        QVERIFY(!h.findVisible(QStringLiteral("photoLibraryInstructionsView")));
+    }
+
     void escapeClosesThePopupButAnOpenPanelFirst() {
         UpdaterViewModel::Options options = unansweredFeedUpdater();
         UpdaterViewModel updater(std::move(options));

@@ -30,8 +30,12 @@ Item {
     implicitHeight: 600
 
     // The instructions take the keyboard when they appear; Escape is "Back".
+    // The first Tab goes to their own buttons, not round to the window's
+    // first control.
     onVisibleChanged: if (visible) view.forceActiveFocus()
     Keys.onEscapePressed: view.cancel()
+    Keys.onTabPressed: backButton.forceActiveFocus(Qt.TabFocusReason)
+    Keys.onBacktabPressed: continueButton.forceActiveFocus(Qt.BacktabFocusReason)
 
     FollowFocus {
         flickable: flick
@@ -117,12 +121,14 @@ Item {
         spacing: 12
 
         SettingsPlainButton {
+            id: backButton
             objectName: "photoLibraryBackButton"
             text: qsTr("Back")
             onClicked: view.cancel()
         }
         Item { Layout.fillWidth: true }
         PrimaryButton {
+            id: continueButton
             objectName: "photoLibraryContinueButton"
             text: qsTr("I Have Downloaded Originals")
             symbol: "arrow.right"
