@@ -791,4 +791,27 @@
         <translation>Die Suche nach Updates ist fehlgeschlagen: %1</translation>
     </message>
 </context>
+<context>
+    <name>tidepost::Error</name>
+    <message>
+        <source>The reply's headers are too long</source>
+        <translation>Die Kopfzeilen der Antwort sind zu lang</translation>
+    </message>
+    <message>
+        <source>The reply is not HTTP</source>
+        <translation>Die Antwort ist kein HTTP</translation>
+    </message>
+    <message>
+        <source>The reply's chunk header is not valid</source>
+        <translation>Der Blockkopf der Antwort ist ungültig</translation>
+    </message>
+    <message>
+        <source>Connection closed</source>
+        <translation>Verbindung geschlossen</translation>
+    </message>
+    <message>
+        <source>Connection refused</source>
+        <translation>Verbindung abgelehnt</translation>
+    </message>
+</context>
 </TS>

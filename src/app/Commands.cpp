@@ -2,6 +2,8 @@
 
 #include "PollManager.h"
 
+#include <QCoreApplication>
+
 #include <utility>
 
 namespace tarnwick::commands {
@@ -78,7 +80,9 @@ bool expectsEmptyReply(const TypeIDAndData &envelope) {
 namespace tarnwick {
 
 QString failureText(const tidepost::Error &error) {
-    return QString::fromStdString(error.description);
+    // The request client's fixed texts have translations; any other text (the backend's
+    // own, or one with numbers in it) is shown as it is.
+    return QCoreApplication::translate("tidepost::Error", error.description.c_str());
 }
 
 } // namespace tarnwick

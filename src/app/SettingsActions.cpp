@@ -132,7 +132,8 @@ bool SettingsActions::saveRetention(const GroupItem &edited,
             std::optional<QString> failure;
             if (outcome) {
                 failure = failureText(*outcome);
-                model_.log(QStringLiteral("Error updating retention settings: %1").arg(*failure));
+                model_.log(QStringLiteral("Error updating retention settings: %1")
+                               .arg(QString::fromStdString(outcome->description)));
             }
             model_.clearRetentionUpdatePending(id);
             emit retentionUpdateFinished(id);

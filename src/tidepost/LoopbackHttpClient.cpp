@@ -15,6 +15,17 @@ namespace tidepost {
 
 namespace {
 
+// Texts of errors without numbers, marked for translation: the log keeps them in
+// English, and what the user is shown looks them up (context "tidepost::Error").
+constexpr const char *kHeadersTooLong =
+    QT_TRANSLATE_NOOP("tidepost::Error", "The reply's headers are too long");
+constexpr const char *kNotHttp = QT_TRANSLATE_NOOP("tidepost::Error", "The reply is not HTTP");
+constexpr const char *kBadChunkHeader =
+    QT_TRANSLATE_NOOP("tidepost::Error", "The reply's chunk header is not valid");
+constexpr const char *kConnectionClosed = QT_TRANSLATE_NOOP("tidepost::Error", "Connection closed");
+constexpr const char *kConnectionRefused =
+    QT_TRANSLATE_NOOP("tidepost::Error", "Connection refused");
+
 // How much Qt may read ahead from the kernel before we have taken it.
 constexpr qint64 socketReadBufferBytes = 1024 * 1024;
 // A status line and headers longer than this are not a reply of our backend.
@@ -251,11 +262,12 @@ void LoopbackHttpClient::onDisconnected(Connection *connection) {
         start(fresh);
         return;
     }
-    finish(connection,
-           {std::nullopt,
-            networkError(QNetworkReply::RemoteHostClosedError, QStringLiteral("Connection closed")),
-            exchange->headersAt},
-           false);
+    finish(
+        connection,
+        {std::nullopt,
+         networkError(QNetworkReply::RemoteHostClosedError, QString::fromLatin1(kConnectionClosed)),
+         exchange->headersAt},
+        false);
 }
 
 void LoopbackHttpClient::onSocketError(Connection *connection) {
@@ -277,7 +289,7 @@ void LoopbackHttpClient::onSocketError(Connection *connection) {
     switch (error) {
     case QAbstractSocket::ConnectionRefusedError:
         code = QNetworkReply::ConnectionRefusedError;
-        text = QStringLiteral("Connection refused");
+        text = QString::fromLatin1(kConnectionRefused);
         break;
     case QAbstractSocket::HostNotFoundError:
         code = QNetworkReply::HostNotFoundError;
@@ -317,8 +329,7 @@ bool LoopbackHttpClient::readHead(Connection *connection) {
     while (exchange->phase == Exchange::Phase::head) {
         if (!socket->canReadLine()) {
             if (exchange->headBytes + socket->bytesAvailable() > maxHeadBytes) {
-                finish(connection,
-                       {std::nullopt, protocolError("The reply's headers are too long"), 0}, false);
+                finish(connection, {std::nullopt, protocolError(kHeadersTooLong), 0}, false);
                 return false;
             }
             return true;
@@ -326,22 +337,19 @@ bool LoopbackHttpClient::readHead(Connection *connection) {
         const QByteArray line = socket->readLine(maxHeadBytes + 1);
         exchange->headBytes += line.size();
         if (exchange->headBytes > maxHeadBytes) {
-            finish(connection, {std::nullopt, protocolError("The reply's headers are too long"), 0},
-                   false);
+            finish(connection, {std::nullopt, protocolError(kHeadersTooLong), 0}, false);
             return false;
         }
         const QByteArray text = line.trimmed();
         if (!exchange->statusSeen) {
             // "HTTP/1.1 200 OK"
             if (!text.startsWith("HTTP/1.") || text.size() < 12 || text[8] != ' ') {
-                finish(connection, {std::nullopt, protocolError("The reply is not HTTP"), 0},
-                       false);
+                finish(connection, {std::nullopt, protocolError(kNotHttp), 0}, false);
                 return false;
             }
             const std::optional<qint64> status = parseLength(text.mid(9, 3));
             if (!status || (text.size() > 12 && text[12] != ' ')) {
-                finish(connection, {std::nullopt, protocolError("The reply is not HTTP"), 0},
-                       false);
+                finish(connection, {std::nullopt, protocolError(kNotHttp), 0}, false);
                 return false;
             }
             exchange->status = int(*status);
@@ -494,9 +502,8 @@ bool LoopbackHttpClient::readChunked(Connection *connection) {
         switch (exchange->phase) {
         case Exchange::Phase::chunkSize: {
             if (!socket->canReadLine()) {
-                return socket->bytesAvailable() > 1024
-                           ? fail(protocolError("The reply's chunk header is not valid"))
-                           : true;
+                return socket->bytesAvailable() > 1024 ? fail(protocolError(kBadChunkHeader))
+                                                       : true;
             }
             QByteArray line = socket->readLine(1025).trimmed();
             const qsizetype extension = line.indexOf(';');
@@ -506,7 +513,7 @@ bool LoopbackHttpClient::readChunked(Connection *connection) {
             bool ok = false;
             const qint64 size = line.trimmed().toLongLong(&ok, 16);
             if (!ok || size < 0) {
-                return fail(protocolError("The reply's chunk header is not valid"));
+                return fail(protocolError(kBadChunkHeader));
             }
             if (size > maxReplyBytes_ - exchange->body.size()) {
                 return fail(tooLargeError(maxReplyBytes_));
@@ -529,12 +536,10 @@ bool LoopbackHttpClient::readChunked(Connection *connection) {
         }
         case Exchange::Phase::chunkEnd: {
             if (!socket->canReadLine()) {
-                return socket->bytesAvailable() > 2
-                           ? fail(protocolError("The reply's chunk header is not valid"))
-                           : true;
+                return socket->bytesAvailable() > 2 ? fail(protocolError(kBadChunkHeader)) : true;
             }
             if (!socket->readLine(3).trimmed().isEmpty()) {
-                return fail(protocolError("The reply's chunk header is not valid"));
+                return fail(protocolError(kBadChunkHeader));
             }
             exchange->phase = Exchange::Phase::chunkSize;
             break;

@@ -6,6 +6,7 @@
 #include "ScreenTestSupport.h"
 
 #include "BackendLauncher.h"
+#include "Commands.h"
 #include "FileSystemUtils.h"
 #include "Notifier.h"
 #include "SettingsRetentionEditor.h"
@@ -167,6 +168,11 @@ private slots:
                      QStringLiteral("/no/such/folder/here"))
                      .warning.value_or(QString()),
                  "Der gewählte Pfad existiert nicht.");
+        // A request's failure as the user is shown it (the log keeps the English words).
+        QCOMPARE(tarnwick::failureText(tidepost::Error{"NetworkError", 1, "Connection refused"}),
+                 "Verbindung abgelehnt");
+        QCOMPARE(tarnwick::failureText(tidepost::Error{"NetworkError", 99, "Server says no"}),
+                 "Server says no");
         // Qt's own texts (here a standard button) come from the system's Qt translations,
         // which the setup script installs.
         QVERIFY2(QCoreApplication::translate("QPlatformTheme", "Cancel") == "Abbrechen",
@@ -210,6 +216,8 @@ private slots:
                      tarnwick::supervisor::BackendLauncher::crashedText),
                  "Binary crashed repeatedly. Please reinstall the app.");
         QCOMPARE(tarnwick::ui::RetentionEditor::formatBytes(0, QLocale()), "Zero KB");
+        QCOMPARE(tarnwick::failureText(tidepost::Error{"NetworkError", 1, "Connection refused"}),
+                 "Connection refused");
     }
 };
 
