@@ -39,14 +39,12 @@ ManualClock::ManualClock(std::int64_t epochMilliseconds)
     : steady_(std::chrono::steady_clock::time_point(std::chrono::hours(1))),
       epoch_(epochMilliseconds) {}
 
-std::unique_ptr<ManualClock> ManualClock::withSystemWallTime() {
-    auto clock = std::make_unique<ManualClock>();
-    clock->systemWallTime_ = true;
-    return clock;
+std::int64_t ManualClock::epochMilliseconds() const {
+    return epoch_.load();
 }
 
-std::int64_t ManualClock::epochMilliseconds() const {
-    return systemWallTime_ ? Clock::system().epochMilliseconds() : epoch_.load();
+void ManualClock::advanceWallTime(std::chrono::milliseconds by) {
+    epoch_.fetch_add(std::max(by, std::chrono::milliseconds(0)).count());
 }
 
 void ManualClock::singleShot(std::chrono::milliseconds delay, QObject *context,

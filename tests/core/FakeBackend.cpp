@@ -87,11 +87,24 @@ int FakeBackend::requestCount(const std::string &type) const {
     return count;
 }
 
+FakeBackendClock::FakeBackendClock() : epoch_(runwarden::Clock::system().epochMilliseconds()) {}
+
+void FakeBackend::stampFrom(FakeBackendClock &clock) {
+    stampTime_ = [&clock] { return static_cast<long long>(clock.stamp()); };
+}
+
+void FakeBackend::stampFrom(runwarden::ManualClock &clock) {
+    stampTime_ = [&clock] {
+        clock.advanceWallTime(std::chrono::milliseconds(1));
+        return static_cast<long long>(clock.epochMilliseconds());
+    };
+}
+
 std::string FakeBackend::reply(const FakeReply &reply) {
     if (reply.rawBody) {
         return *reply.rawBody;
     }
-    long long now = lumacrypt::KeyExchangeCurrentTimestamp();
+    long long now = stampTime_ ? stampTime_() : lumacrypt::KeyExchangeCurrentTimestamp();
     {
         std::lock_guard lock(mutex_);
         if (now <= lastTimestamp_) {

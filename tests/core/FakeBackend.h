@@ -4,8 +4,14 @@
 // client's model: it opens the client's sealed requests with its own key and
 // answers each with whatever the test scripts, sealed with a fresh, strictly
 // increasing millisecond timestamp.
+//
+// The timestamps come from the model's own clock (stampFrom), which moves on
+// by a millisecond for each reply: a reply is then exactly as fresh as the
+// client expects however slowly the machine runs, and a test that signs one
+// 51 ms off sees it refused every time.
 
 #include <lumacrypt/KeyExchangeStore.h>
+#include <runwarden/Clock.h>
 
 #include <atomic>
 #include <functional>
@@ -50,6 +56,25 @@ struct FakeReply {
     }
 };
 
+// The clock for a model that talks to a FakeBackend and runs on real timers:
+// the system's steady time and timers, and a wall time that starts at the
+// real time and moves only as the backend stamps its replies.
+class FakeBackendClock final : public runwarden::Clock {
+public:
+    FakeBackendClock();
+    TimePoint steadyNow() const override { return runwarden::Clock::system().steadyNow(); }
+    std::int64_t epochMilliseconds() const override { return epoch_.load(); }
+    void singleShot(std::chrono::milliseconds delay, QObject *context,
+                    std::function<void()> action) override {
+        runwarden::Clock::system().singleShot(delay, context, std::move(action));
+    }
+    // Moves the wall time on by a millisecond and returns it (any thread).
+    std::int64_t stamp() { return epoch_.fetch_add(1) + 1; }
+
+private:
+    std::atomic<std::int64_t> epoch_;
+};
+
 class FakeBackend {
 public:
     using Handler = std::function<FakeReply(const FakeRequest &)>;
@@ -64,6 +89,9 @@ public:
     void stop();
 
     void setHandler(Handler handler);
+    // Stamps replies from the model's clock (set before listen()).
+    void stampFrom(FakeBackendClock &clock);
+    void stampFrom(runwarden::ManualClock &clock);
     std::vector<FakeRequest> requests() const;
     int requestCount(const std::string &type) const;
 
@@ -77,4 +105,6 @@ private:
     Handler handler_;
     std::vector<FakeRequest> requests_;
     long long lastTimestamp_ = 0;
+    // The time a reply is stamped with; unset: the system's.
+    std::function<long long()> stampTime_;
 };

@@ -28,6 +28,8 @@ namespace {
 // One model with a scripted backend listening on its port.
 struct Fixture {
     QStringList log;
+    // Real timers; a wall time that the backend's replies move on.
+    FakeBackendClock clock;
     std::unique_ptr<ItemsProvider> provider;
     std::unique_ptr<FakeBackend> backend;
 
@@ -37,8 +39,10 @@ struct Fixture {
         options.singleInstance = false;
         options.isMacOS13 = modern;
         options.log = [this](const QString &line) { log << line; };
+        options.clock = &clock;
         provider = std::make_unique<ItemsProvider>(options);
         backend = std::make_unique<FakeBackend>(provider->pm().kes.LocalPublicKey());
+        backend->stampFrom(clock);
         provider->pm().kes.setExternalPublicKey(backend->publicKey());
         if (listen && !backend->listen(provider->port())) {
             qFatal("could not listen on the model's port");

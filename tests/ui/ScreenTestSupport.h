@@ -99,14 +99,36 @@ inline QColor colorProperty(QObject *object, const char *name) {
 // request with success and remembers it. The harness is destroyed first, so
 // the client's kept-alive connection closes before the server stops.
 class ScreenWithBackend {
+    // The model's clock unless the harness has a manual one: real timers, and a wall
+    // time that the backend's replies move on.
+    std::unique_ptr<FakeBackendClock> clock_ = std::make_unique<FakeBackendClock>();
     std::unique_ptr<FakeBackend> backend_;
+
+    static UiHarness::Options withClock(UiHarness::Options options, FakeBackendClock *clock) {
+        if (!options.manualClock) {
+            options.configureModel = [clock, configure = std::move(options.configureModel)](
+                                         ItemsProvider::Options &model) {
+                model.clock = clock;
+                if (configure) {
+                    configure(model);
+                }
+            };
+        }
+        return options;
+    }
 
 public:
     UiHarness h;
 
-    explicit ScreenWithBackend(UiHarness::Options options = {}) : h(std::move(options)) {
+    explicit ScreenWithBackend(UiHarness::Options options = {})
+        : h(withClock(std::move(options), clock_.get())) {
         backend_ = std::make_unique<FakeBackend>(h.model().pm().kes.LocalPublicKey());
         h.model().pm().kes.setExternalPublicKey(backend_->publicKey());
+        if (h.manualClock() != nullptr) {
+            backend_->stampFrom(*h.manualClock());
+        } else {
+            backend_->stampFrom(*clock_);
+        }
         backend_->setHandler(
             [](const FakeRequest &) { return FakeReply::sealed(R"({"status":"success"})"); });
         if (!backend_->listen(h.model().port())) {

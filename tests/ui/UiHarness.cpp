@@ -45,7 +45,8 @@ UiHarness::UiHarness(Options options) : options_(options), log_(std::make_shared
     modelOptions.log = [log = log_](const QString &line) { log->append(line); };
     modelOptions.terminate = [] {};
     if (options_.manualClock) {
-        clock_ = runwarden::ManualClock::withSystemWallTime();
+        clock_ = std::make_unique<runwarden::ManualClock>(
+            runwarden::Clock::system().epochMilliseconds());
         modelOptions.clock = clock_.get();
     }
     if (options_.configureModel) {

@@ -38,8 +38,8 @@ public:
         // and runs no single-instance guard).
         std::function<void(ItemsProvider::Options &)> configureModel;
         // The model's delays run on a manual clock that passTime() moves
-        // (its wall time stays the system's, which scripted backends stamp
-        // their replies with).
+        // (its wall time starts at the real time; a scripted backend moves it
+        // on as it stamps its replies).
         bool manualClock = false;
     };
 
@@ -57,6 +57,8 @@ public:
     // With Options::manualClock: moves the model's clock on, firing the
     // delays that fall due, and lets the event loop deliver what they started.
     void passTime(std::chrono::milliseconds span);
+    // The model's manual clock (Options::manualClock), else nullptr.
+    runwarden::ManualClock *manualClock() const { return clock_.get(); }
     SettingsActions &settingsActions() { return *actions_; }
     AppController &app() { return *app_; }
     QQmlEngine &engine() { return *engine_; }

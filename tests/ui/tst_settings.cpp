@@ -167,6 +167,7 @@ struct Screen {
     explicit Screen(std::vector<GroupItem> initial) : groups(std::move(initial)) {
         backend = std::make_unique<FakeBackend>(h.model().pm().kes.LocalPublicKey());
         h.model().pm().kes.setExternalPublicKey(backend->publicKey());
+        backend->stampFrom(*h.manualClock());
         backend->setHandler([this](const FakeRequest &r) { return groups.handle(r); });
         if (!backend->listen(h.model().port())) {
             qFatal("could not listen on the model's port");

@@ -46,9 +46,6 @@ public:
     /// Starts at the given wall time (a fixed day by default) and an arbitrary steady time; the
     /// wall time moves with advance().
     explicit ManualClock(std::int64_t epochMilliseconds = 1'767'225'600'000);
-    /// Manual steady time and timers, the system's wall time: for tests whose peer (a scripted
-    /// backend) stamps its replies with the real time.
-    static std::unique_ptr<ManualClock> withSystemWallTime();
 
     TimePoint steadyNow() const override { return steady_; }
     /// May be read from any thread (a test backend stamps its replies with it).
@@ -59,6 +56,10 @@ public:
     /// Moves time forward by `by`, calling every timer that falls due on the way (timers set by
     /// those calls included, when they fall due within the same span).
     void advance(std::chrono::milliseconds by);
+    /// Moves the wall time alone (no timers fall due); may be called from any thread. A test
+    /// backend moves it by a millisecond for each reply it stamps, so that its replies are
+    /// fresh and strictly newer however slowly the machine runs.
+    void advanceWallTime(std::chrono::milliseconds by);
     /// Timers not yet due whose context still lives.
     std::size_t pendingTimers() const;
 
@@ -72,7 +73,6 @@ private:
 
     TimePoint steady_;
     std::atomic<std::int64_t> epoch_;
-    bool systemWallTime_ = false;
     std::chrono::milliseconds elapsed_{0};
     std::uint64_t nextOrder_ = 0;
     std::vector<Timer> timers_;
