@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <limits>
 #include <mutex>
+#include <string_view>
 #include <utility>
 
 namespace tidepost {
@@ -133,6 +134,10 @@ struct PollManager::Subscription {
     runwarden::StandardOutputHandler standardOutput;
     runwarden::TaskExitHandler taskExitNotification;
     bool withPEMWatcher = false;
+    // The end of the output so far when it stopped inside a key block: the pipe may cut a
+    // block anywhere, and the rest comes with the next chunk. Only the reader thread and the
+    // exit of a run touch it.
+    std::string unfinishedKey;
 
     void install(runwarden::StandardOutputHandler output, runwarden::TaskExitHandler exit,
                  bool pemWatcher) {
@@ -473,6 +478,30 @@ void PollManager::acceptPeerKey(const std::string &key) {
     emit peerKeyChanged();
 }
 
+namespace {
+
+constexpr std::string_view kKeyBeginLine = "-----BEGIN PUBLIC KEY-----\n";
+// An unfinished key block longer than this is no key; it is searched as it is.
+constexpr std::size_t kMaxUnfinishedKey = 4096;
+
+// The tail of `text` to hold back for the next chunk: a begin line cut short, or a key block
+// whose key line has no end yet. Empty when the text ends outside a key block.
+std::size_t unfinishedKeyLength(std::string_view text) {
+    for (std::size_t n = std::min(text.size(), kKeyBeginLine.size() - 1); n > 0; --n) {
+        if (text.ends_with(kKeyBeginLine.substr(0, n))) {
+            return n;
+        }
+    }
+    const std::size_t begin = text.rfind(kKeyBeginLine);
+    if (begin == std::string_view::npos) {
+        return 0;
+    }
+    const std::string_view body = text.substr(begin + kKeyBeginLine.size());
+    return body.find('\n') == std::string_view::npos ? text.size() - begin : 0;
+}
+
+} // namespace
+
 std::optional<std::string> PollManager::keyInOutput(const QString &chunk) {
     try {
         return lumacrypt::PEMSearchString(chunk.toStdString());
@@ -506,7 +535,19 @@ PollManager::outputHandler(std::shared_ptr<Subscription> subscription) {
         QMetaObject::invokeMethod(
             this, [this] { pong(); }, Qt::QueuedConnection);
         if (withPEMWatcher) {
-            std::optional<std::string> key = keyInOutput(chunk);
+            std::string text;
+            {
+                const std::lock_guard lock(subscription->mutex);
+                text = std::exchange(subscription->unfinishedKey, std::string());
+            }
+            text += chunk.toStdString();
+            const std::size_t held = unfinishedKeyLength(text);
+            if (held > 0 && held <= kMaxUnfinishedKey) {
+                const std::lock_guard lock(subscription->mutex);
+                subscription->unfinishedKey = text.substr(text.size() - held);
+                text.resize(text.size() - held);
+            }
+            std::optional<std::string> key = keyInOutput(QString::fromStdString(text));
             if (key) {
                 QMetaObject::invokeMethod(
                     this, [this, key = std::move(*key)] { acceptPeerKey(key); },
@@ -521,6 +562,8 @@ runwarden::TaskExitHandler PollManager::exitHandler(std::shared_ptr<Subscription
         runwarden::TaskExitHandler taskExitNotification;
         {
             const std::lock_guard lock(subscription->mutex);
+            // A block the run left unfinished is not the start of the next run's key.
+            subscription->unfinishedKey.clear();
             taskExitNotification = subscription->taskExitNotification;
         }
         if (taskExitNotification) {

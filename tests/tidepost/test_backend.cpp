@@ -4,6 +4,8 @@
 //   --key=<text>           the body of the key block ("" prints no block)
 //   --starts=<file>        appends one line per start to <file> (to count launches)
 //   --later-line=<text>    prints one more line, after the key block, in a write of its own
+//   --split-key            writes the key block in three pieces 100 ms apart, cut inside the
+//                          begin line and inside the key
 //   --exit-after-ms=<n>    exits with status 0 after n ms (default 30000, so it is never orphaned)
 #include <unistd.h>
 
@@ -42,6 +44,7 @@ int main(int argc, char **argv) {
     std::string starts;
     std::string laterLine;
     long exitAfterMs = 30000;
+    bool splitKey = false;
     for (int i = 1; i < argc; ++i) {
         const std::string_view arg(argv[i]);
         if (arg.starts_with("--key=")) {
@@ -51,6 +54,8 @@ int main(int argc, char **argv) {
             starts = std::string(arg.substr(9));
         } else if (arg.starts_with("--later-line=")) {
             laterLine = std::string(arg.substr(13));
+        } else if (arg == "--split-key") {
+            splitKey = true;
         } else if (arg.starts_with("--exit-after-ms=")) {
             exitAfterMs = std::strtol(std::string(arg.substr(16)).c_str(), nullptr, 10);
         }
@@ -62,7 +67,17 @@ int main(int argc, char **argv) {
         }
     }
     writeAll("test backend " + std::to_string(::getpid()) + " starting\n");
-    if (haveKey) {
+    if (haveKey && splitKey) {
+        const std::string block =
+            "-----BEGIN PUBLIC KEY-----\n" + key + "\n-----END PUBLIC KEY-----\n";
+        const std::size_t cuts[] = {0, 14, 27 + key.size() / 2, block.size()};
+        for (std::size_t i = 0; i + 1 < std::size(cuts); ++i) {
+            if (i > 0) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            }
+            writeAll(block.substr(cuts[i], cuts[i + 1] - cuts[i]));
+        }
+    } else if (haveKey) {
         writeAll("-----BEGIN PUBLIC KEY-----\n" + key + "\n-----END PUBLIC KEY-----\n");
     }
     if (!laterLine.empty()) {

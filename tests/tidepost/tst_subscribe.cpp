@@ -96,6 +96,7 @@ private slots:
     void initTestCase();
     void keyInOutputSetsThePeerKey();
     void keyIgnoredWithoutWatcher();
+    void keyBlockCutIntoPiecesIsTaken();
     void laterKeyBlocksOfARunAreIgnored();
     void rejectedKeyResetsTheBackend();
     void rejectedKeyOfWrongSizeTerminatesTheChild();
@@ -159,6 +160,41 @@ void TestSubscribe::keyInOutputSetsThePeerKey() {
     QCOMPARE(seen.exitThreads.front(), QCoreApplication::instance()->thread());
     QTRY_VERIFY(!pm.isBackendRunning());
     QTRY_VERIFY(!pm.processManager().isLoopRunning());
+}
+
+void TestSubscribe::keyBlockCutIntoPiecesIsTaken() {
+    // The pipe may hand the key block over in pieces (here cut inside the begin line and
+    // inside the key): the key is taken whole once its line is complete, and a piece of it is
+    // never mistaken for a bad key (which would reset the backend).
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const QString starts = dir.filePath(QStringLiteral("starts"));
+    PollManager pm(tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
+    lumacrypt::KeyExchangeStore backend = tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM();
+    const QString key = QString::fromStdString(backend.LocalPublicKey());
+    pm.processManager().addArgument(QStringLiteral("--key=") + key);
+    pm.processManager().addArgument(QStringLiteral("--split-key"));
+    pm.processManager().addArgument(QStringLiteral("--starts=") + starts);
+    QStringList lines;
+    pm.setLogSink([&lines](const std::string &line) { lines << QString::fromStdString(line); });
+
+    Seen seen;
+    QSignalSpy keyChanged(&pm, &PollManager::peerKeyChanged);
+    pm.subscribeWithBinary(kBackend, false, true, 0.0, {}, seen.output_(), seen.exit_());
+    QVERIFY(keyChanged.wait(10000));
+    QCOMPARE(pm.kes.externalPublicKey(), key.toStdString());
+    // The pieces did arrive apart, and nothing was reset.
+    QTRY_VERIFY(seen.text().contains(QStringLiteral("-----END PUBLIC KEY-----")));
+    {
+        const std::lock_guard lock(seen.mutex);
+        QVERIFY2(seen.outputThreads.size() >= 3, qPrintable(seen.output));
+    }
+    QVERIFY2(!lines.join(u'\n').contains(QStringLiteral("pem search parse error")),
+             qPrintable(lines.join(u'\n')));
+    QCOMPARE(lineCount(starts), 1);
+    QCOMPARE(keyChanged.count(), 1);
+    pm.stopBackend();
+    QTRY_COMPARE_WITH_TIMEOUT(seen.exits.load(), 1, 10000);
 }
 
 void TestSubscribe::laterKeyBlocksOfARunAreIgnored() {
