@@ -4,7 +4,9 @@
 // model's port that records what the screens send, and colour lookups.
 
 #include "FakeBackend.h"
+#include "Pickers.h"
 #include "PollManager.h"
+#include "RecordBuilders.h"
 #include "UiHarness.h"
 #include "UpdaterViewModel.h"
 
@@ -19,6 +21,8 @@
 #include <QTest>
 
 #include <memory>
+#include <optional>
+#include <vector>
 
 namespace tarnwick::ui::test {
 
@@ -145,6 +149,55 @@ public:
             }
         }
         return out;
+    }
+};
+
+// Loads the popup signed in with these groups (activating its window when asked, for
+// keyboard input) and opens its Settings tab: true once the first group shows and no request
+// is under way.
+inline bool openSettingsTab(UiHarness &h, const std::vector<GroupItem> &groups,
+                            QSize size = QSize(450, 650), bool activateWindow = false) {
+    h.model().setIsLoggedIn(true);
+    h.model().groupsModel()->replace(groups);
+    if (!h.load(QStringLiteral("MenuBarView"), size)) {
+        return false;
+    }
+    if (activateWindow) {
+        h.window()->requestActivate();
+        if (!QTest::qWaitFor([&] { return h.window()->isActive(); }, 5000)) {
+            return false;
+        }
+    }
+    h.click(h.findVisible(QStringLiteral("settingsTabButton")));
+    return QTest::qWaitFor([&] { return h.findVisible(QStringLiteral("groupCard1")); }, 5000) &&
+           QTest::qWaitFor([&] { return !h.model().isWaiting(); }, 10000);
+}
+
+// The Settings tab over a scripted backend, with the folder picker answering a folder inside
+// iCloud Drive: open() adds it to the first group, which raises the iCloud alert.
+class ICloudAlertScreen {
+    QTemporaryDir dir_;
+    Pickers pickers_;
+
+public:
+    ScreenWithBackend s;
+    UiHarness &h = s.h;
+
+    explicit ICloudAlertScreen(UiHarness::Options options) : s(std::move(options)) {
+        const QString folder = iCloudFolder(dir_);
+        pickers_.setRunner(
+            [folder](const Pickers::Request &) { return std::optional<QString>(folder); });
+        h.setPickers(&pickers_);
+    }
+
+    // True once the alert shows.
+    bool open() {
+        if (!dir_.isValid() || !openSettingsTab(h, {tarnwick::test::group(1, "Personal")})) {
+            return false;
+        }
+        h.click(h.findVisible(QStringLiteral("folderButton")));
+        return QTest::qWaitFor([&] { return h.findVisible(QStringLiteral("iCloudAlertMessage")); },
+                               5000);
     }
 };
 

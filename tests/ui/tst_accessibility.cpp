@@ -8,12 +8,9 @@
 
 #include "UpdaterViewModel.h"
 
-#include "Pickers.h"
-
 #include <QAccessible>
 #include <QDir>
 #include <QFile>
-#include <QTemporaryDir>
 #include <QTest>
 
 using namespace tarnwick::ui::test;
@@ -209,24 +206,9 @@ private slots:
     }
 
     void iCloudAlert() {
-        QTemporaryDir dir;
-        QVERIFY(dir.isValid());
-        const QString folder = iCloudFolder(dir);
-        tarnwick::ui::Pickers pickers;
-        pickers.setRunner([folder](const tarnwick::ui::Pickers::Request &) {
-            return std::optional<QString>(folder);
-        });
-        ScreenWithBackend s(manualClock());
-        UiHarness &h = s.h;
-        h.setPickers(&pickers);
-        h.model().setIsLoggedIn(true);
-        h.model().groupsModel()->replace({group(1, "Personal")});
-        QVERIFY(h.load(QStringLiteral("MenuBarView")));
-        h.click(h.findVisible(QStringLiteral("settingsTabButton")));
-        QTRY_VERIFY(h.findVisible(QStringLiteral("groupCard1")));
-        QTRY_VERIFY_WITH_TIMEOUT(!h.model().isWaiting(), 10000);
-        h.click(h.findVisible(QStringLiteral("folderButton")));
-        QTRY_VERIFY(h.findVisible(QStringLiteral("iCloudAlertMessage")));
+        ICloudAlertScreen alert(manualClock());
+        UiHarness &h = alert.h;
+        QVERIFY(alert.open());
         const QList<Control> controls = controlsOf(h);
         VERIFY_ALL_NAMED(controls);
         const QStringList names = namesOf(controls);

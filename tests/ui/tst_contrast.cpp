@@ -7,7 +7,6 @@
 #include "RecordBuilders.h"
 #include "ScreenTestSupport.h"
 
-#include "Pickers.h"
 #include "UpdaterViewModel.h"
 
 #include <QDir>
@@ -15,7 +14,6 @@
 #include <QFont>
 #include <QGuiApplication>
 #include <QPalette>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <algorithm>
@@ -242,24 +240,9 @@ private slots:
         }
         {
             // The iCloud alert over the dimmed settings.
-            QTemporaryDir dir;
-            QVERIFY(dir.isValid());
-            const QString folder = iCloudFolder(dir);
-            tarnwick::ui::Pickers pickers;
-            pickers.setRunner([folder](const tarnwick::ui::Pickers::Request &) {
-                return std::optional<QString>(folder);
-            });
-            ScreenWithBackend s(manualClock());
-            UiHarness &h = s.h;
-            h.setPickers(&pickers);
-            h.model().setIsLoggedIn(true);
-            h.model().groupsModel()->replace({group(1, "Personal")});
-            QVERIFY(h.load(QStringLiteral("MenuBarView")));
-            h.click(h.findVisible(QStringLiteral("settingsTabButton")));
-            QTRY_VERIFY(h.findVisible(QStringLiteral("groupCard1")));
-            QTRY_VERIFY_WITH_TIMEOUT(!h.model().isWaiting(), 10000);
-            h.click(h.findVisible(QStringLiteral("folderButton")));
-            QTRY_VERIFY(h.findVisible(QStringLiteral("iCloudAlertMessage")));
+            ICloudAlertScreen alert(manualClock());
+            UiHarness &h = alert.h;
+            QVERIFY(alert.open());
             h.settle(300);
             VERIFY_CONTRAST(measure(h), 4);
         }

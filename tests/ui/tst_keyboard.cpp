@@ -154,13 +154,8 @@ private slots:
     void settingsTabThenSpaceShowsWhatItActivates() {
         ScreenWithBackend s(manualClock());
         UiHarness &h = s.h;
-        h.model().setIsLoggedIn(true);
-        h.model().groupsModel()->replace({group(1, "Personal", {"/home/ana/Documents"})});
-        QVERIFY(h.load(QStringLiteral("MenuBarView")));
-        QVERIFY(activate(h));
-        h.click(h.findVisible(QStringLiteral("settingsTabButton")));
-        QTRY_VERIFY(h.findVisible(QStringLiteral("groupCard1")));
-        QTRY_VERIFY_WITH_TIMEOUT(!h.model().isWaiting(), 10000);
+        QVERIFY(openSettingsTab(h, {group(1, "Personal", {"/home/ana/Documents"})}, QSize(450, 650),
+                                true));
 
         // One Tab: the first control of the window shows its focus before
         // Space does anything with it.
@@ -290,7 +285,6 @@ private slots:
     void settingsTabWalksEveryGroupInOrder() {
         ScreenWithBackend s(manualClock());
         UiHarness &h = s.h;
-        h.model().setIsLoggedIn(true);
         std::vector<tarnwick::GroupItem> groups;
         QStringList expected;
         for (int i = 1; i <= 12; ++i) {
@@ -298,12 +292,7 @@ private slots:
                 group(i, "Group " + std::to_string(i), {"/home/ana/Folder-" + std::to_string(i)}));
             expected << QStringLiteral("groupCard%1").arg(i);
         }
-        h.model().groupsModel()->replace(groups);
-        QVERIFY(h.load(QStringLiteral("MenuBarView"), QSize(450, 500)));
-        QVERIFY(activate(h));
-        h.click(h.findVisible(QStringLiteral("settingsTabButton")));
-        QTRY_VERIFY(h.findVisible(QStringLiteral("groupCard1")));
-        QTRY_VERIFY_WITH_TIMEOUT(!h.model().isWaiting(), 10000);
+        QVERIFY(openSettingsTab(h, groups, QSize(450, 500), true));
         auto *list = h.find<QQuickItem>(QStringLiteral("groupList"));
         QVERIFY(list);
         QMetaObject::invokeMethod(list, "positionViewAtEnd");
@@ -351,13 +340,8 @@ private slots:
     void photosInstructionsTakeTheKeyboard() {
         ScreenWithBackend s(manualClock());
         UiHarness &h = s.h;
-        h.model().setIsLoggedIn(true);
-        h.model().groupsModel()->replace({group(1, "Personal", {"/home/ana/Documents"})});
-        QVERIFY(h.load(QStringLiteral("MenuBarView")));
-        QVERIFY(activate(h));
-        h.click(h.findVisible(QStringLiteral("settingsTabButton")));
-        QTRY_VERIFY(h.findVisible(QStringLiteral("groupCard1")));
-        QTRY_VERIFY_WITH_TIMEOUT(!h.model().isWaiting(), 10000);
+        QVERIFY(openSettingsTab(h, {group(1, "Personal", {"/home/ana/Documents"})}, QSize(450, 650),
+                                true));
         QCOMPARE(tabThrough(h, 3),
                  (QStringList{"statusTabButton", "settingsTabButton", "retentionButton"}));
         press(h, Qt::Key_Tab);
@@ -410,13 +394,7 @@ private slots:
     void retentionScreenByKeyboardAndEscapeAsCancel() {
         ScreenWithBackend s(manualClock());
         UiHarness &h = s.h;
-        h.model().setIsLoggedIn(true);
-        h.model().groupsModel()->replace({group(1, "Personal", {}, 30)});
-        QVERIFY(h.load(QStringLiteral("MenuBarView")));
-        QVERIFY(activate(h));
-        h.click(h.findVisible(QStringLiteral("settingsTabButton")));
-        QTRY_VERIFY(h.findVisible(QStringLiteral("groupCard1")));
-        QTRY_VERIFY_WITH_TIMEOUT(!h.model().isWaiting(), 10000);
+        QVERIFY(openSettingsTab(h, {group(1, "Personal", {}, 30)}, QSize(450, 650), true));
         QSignalSpy closes(&h.app(), &tarnwick::ui::AppController::closeWindowRequested);
 
         QCOMPARE(tabThrough(h, 3),
