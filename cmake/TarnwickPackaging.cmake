@@ -13,7 +13,8 @@ set_target_properties(tarnwick tarnwick_desktop kovrit_dev PROPERTIES INSTALL_RP
 install(TARGETS tarnwick RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
 # A private module, not a library for others: the same place under every prefix (no multiarch
 # folder), as the executable looks for it.
-install(TARGETS tarnwick_desktop LIBRARY DESTINATION "${TARNWICK_DESKTOP_MODULE_DIR}")
+install(TARGETS tarnwick_desktop LIBRARY DESTINATION "${TARNWICK_DESKTOP_MODULE_DIR}"
+        PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 install(TARGETS kovrit_dev RUNTIME DESTINATION "${CMAKE_INSTALL_LIBEXECDIR}/tarnwick")
 # A stripped install (cpack, or cmake --install --strip) also drops the
 # compilers' .comment sections, as Debian's own packaging does.
