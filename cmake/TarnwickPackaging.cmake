@@ -1,15 +1,20 @@
 # Installation and the Debian package.
 #
 # `cmake --install build --prefix X` lays out X/bin/tarnwick,
-# X/libexec/tarnwick/kovrit-<os>-<arch> (found by the client relative to its
-# own location, as in the build tree) and the desktop files of data/.
+# X/lib/tarnwick/libtarnwick-desktop.so (the desktop client's module) and
+# X/libexec/tarnwick/kovrit-<os>-<arch> (both found by the client relative to
+# its own location, as in the build tree) and the desktop files of data/.
 # `cpack -G DEB` (run in the build tree) makes tarnwick_<version>_<arch>.deb
 # for /usr, its dependencies computed from the binaries.
 include(GNUInstallDirs)
 
-# Both link only system libraries: no run path in the installed files.
-set_target_properties(tarnwick kovrit_dev PROPERTIES INSTALL_RPATH "")
+# All three link only system libraries: no run path in the installed files.
+set_target_properties(tarnwick tarnwick_desktop kovrit_dev PROPERTIES INSTALL_RPATH "")
 install(TARGETS tarnwick RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+# A private module, not a library for others: the same place under every prefix (no multiarch
+# folder), as the executable looks for it.
+install(TARGETS tarnwick_desktop LIBRARY DESTINATION "${TARNWICK_DESKTOP_MODULE_DIR}"
+        PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 install(TARGETS kovrit_dev RUNTIME DESTINATION "${CMAKE_INSTALL_LIBEXECDIR}/tarnwick")
 # A stripped install (cpack, or cmake --install --strip) also drops the
 # compilers' .comment sections, as Debian's own packaging does.
@@ -17,6 +22,7 @@ if(CMAKE_OBJCOPY)
   install(CODE "
     if(CMAKE_INSTALL_DO_STRIP)
       foreach(program \"${CMAKE_INSTALL_BINDIR}/tarnwick\"
+                      \"${TARNWICK_DESKTOP_MODULE}\"
                       \"${CMAKE_INSTALL_LIBEXECDIR}/tarnwick/${KOVRIT_DEV_NAME}\")
         execute_process(COMMAND \"${CMAKE_OBJCOPY}\" --remove-section=.comment
                         \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/\${program}\"

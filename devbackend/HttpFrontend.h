@@ -4,7 +4,10 @@
 // and a body that is not a fresh sealed record of the client's 400. Everything else is opened and
 // handed to the dispatcher, whose answer goes back sealed with status 200.
 //
-// Handlers run on the server's own threads.
+// A small HTTP/1.1 server of its own, on blocking sockets: one thread accepts, and each
+// connection has a thread that sleeps in the kernel until its client sends something (a client
+// that keeps its connection open between requests costs nothing while it is quiet). Handlers run
+// on the connection's thread.
 #pragma once
 
 #include "Channel.h"
@@ -13,15 +16,12 @@
 #include <atomic>
 #include <condition_variable>
 #include <functional>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
-
-namespace httplib {
-class Server;
-}
 
 namespace kovritdev {
 
@@ -30,7 +30,7 @@ public:
     static constexpr std::size_t kMaxBodyBytes = 16u * 1024u * 1024u;
 
     // Turns an opened request (the envelope's JSON text) into the plaintext of the answer, or
-    // nullopt when the backend is shutting down. Called on a server thread.
+    // nullopt when the backend is shutting down. Called on a connection's thread.
     using Dispatcher = std::function<std::optional<std::string>(const std::string &envelope)>;
 
     HttpFrontend(int port, std::string token, Faults faults, Channel &channel,
@@ -43,12 +43,29 @@ public:
     bool bind(std::string &error);
     // Starts accepting on a thread of its own.
     void start();
-    // Stops accepting, wakes handlers that wait (hang, slow) and joins the server's threads.
+    // Stops accepting, wakes handlers that wait (hang, slow) and connections that are quiet, and
+    // joins every thread. Safe to call more than once.
     void stop();
     bool stopping() const { return stopping_.load(); }
 
+    struct Request;
+    struct Response;
+    class Reader;
+
 private:
-    void install();
+    struct Connection {
+        int fd = -1;
+        std::thread thread;
+        std::atomic<bool> done{false};
+    };
+
+    void acceptLoop();
+    void serve(Connection &connection);
+    // Answers one request whose head has been read; the body, if any, is read from `reader`.
+    void handle(const Request &request, Reader &reader, Response &response);
+    void handleRequestPost(const Request &request, Reader &reader, Response &response);
+    // Joins the threads of connections that have ended and closes their sockets.
+    void reapLocked();
     // Sleeps up to `ms`, returning early when the server stops. False when stopped.
     bool pause(int ms);
     bool authorised(const std::string &authorization) const;
@@ -59,10 +76,11 @@ private:
     Faults faults_;
     Channel &channel_;
     Dispatcher dispatcher_;
-    std::unique_ptr<httplib::Server> server_;
+    int listenFd_ = -1;
     std::thread thread_;
+    std::mutex connectionsMutex_;
+    std::list<std::unique_ptr<Connection>> connections_;
     std::atomic<bool> stopping_{false};
-    std::atomic<bool> listenReturned_{false};
     std::mutex waitMutex_;
     std::condition_variable waitCondition_;
 };

@@ -524,6 +524,16 @@ void quitOnSignals(QCoreApplication &app) {
     ::sigaction(SIGTERM, &action, nullptr);
 }
 
+bool shouldRunHeadless(const Invocation &invocation, const QProcessEnvironment &environment) {
+    if (invocation.headless) {
+        return true;
+    }
+    const bool hasDisplay = !environment.value(QStringLiteral("DISPLAY")).isEmpty() ||
+                            !environment.value(QStringLiteral("WAYLAND_DISPLAY")).isEmpty();
+    const bool platformChosen = !environment.value(QStringLiteral("QT_QPA_PLATFORM")).isEmpty();
+    return !hasDisplay && !platformChosen;
+}
+
 int runHeadless(int &argc, char **argv) {
     QCoreApplication app(argc, argv);
     setApplicationIdentity();

@@ -2,6 +2,7 @@
 
 #include <QJsonArray>
 #include <QJsonObject>
+#include <QProcessEnvironment>
 #include <QStringList>
 
 class QCoreApplication;
@@ -36,6 +37,11 @@ QString describeGroups(const QJsonArray &groups);
 
 // Runs a control command against the running client; returns the exit code.
 int runControl(const Invocation &invocation);
+
+// Whether the client runs without a window: asked for (--headless), or no
+// display to show one on (no X11 or Wayland display and no Qt platform
+// chosen).
+bool shouldRunHeadless(const Invocation &invocation, const QProcessEnvironment &environment);
 
 // Runs the client without any window until it quits; returns the exit code.
 int runHeadless(int &argc, char **argv);

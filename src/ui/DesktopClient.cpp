@@ -31,16 +31,6 @@ namespace {
 constexpr int kTrayPollMs = 3000;
 } // namespace
 
-bool shouldRunHeadless(const cli::Invocation &invocation, const QProcessEnvironment &environment) {
-    if (invocation.headless) {
-        return true;
-    }
-    const bool hasDisplay = !environment.value(QStringLiteral("DISPLAY")).isEmpty() ||
-                            !environment.value(QStringLiteral("WAYLAND_DISPLAY")).isEmpty();
-    const bool platformChosen = !environment.value(QStringLiteral("QT_QPA_PLATFORM")).isEmpty();
-    return !hasDisplay && !platformChosen;
-}
-
 int runDesktop(int &argc, char **argv) {
     QApplication application(argc, argv);
     cli::setApplicationIdentity();

@@ -116,6 +116,37 @@ QList<qint64> processesRunning(const QString &program) {
     return pids;
 }
 
+// The shared libraries a process has mapped, one path per line (from /proc/<pid>/maps).
+QByteArray mappedLibraries(qint64 pid) {
+    QFile maps(QStringLiteral("/proc/%1/maps").arg(pid));
+    if (!maps.open(QIODevice::ReadOnly)) {
+        return {};
+    }
+    QByteArray out;
+    for (const QByteArray &line : maps.readAll().split('\n')) {
+        const qsizetype slash = line.indexOf('/');
+        if (slash >= 0 && line.contains(".so")) {
+            out += line.mid(slash) + '\n';
+        }
+    }
+    return out;
+}
+
+// Qt's GUI side, and the client's own module that carries it.
+const QList<QByteArray> kGuiLibraries = {
+    "/libQt6Gui.so",  "/libQt6Widgets.so", "/libQt6Qml.so",          "/libQt6Quick.so",
+    "/libQt6DBus.so", "/libQt6Svg.so",     "/libtarnwick-desktop.so"};
+
+QString guiLibrariesIn(const QByteArray &libraries) {
+    QStringList found;
+    for (const QByteArray &name : kGuiLibraries) {
+        if (libraries.contains(name)) {
+            found << QString::fromUtf8(name);
+        }
+    }
+    return found.join(u' ');
+}
+
 // A running headless client.
 struct Client {
     QProcess process;
@@ -179,6 +210,101 @@ private slots:
         QCOMPARE(result.exitCode, 1);
         QVERIFY(result.err.contains("not running"));
         QVERIFY(result.out.isEmpty());
+    }
+
+    void headlessAndControlStayOffTheGuiLibraries() {
+        Home home;
+        Client client(home);
+        QVERIFY(client.process.waitForStarted());
+        QVERIFY(QTest::qWaitFor(
+            [&] { return statusOf(home).value("backendAnswered") == QJsonValue(true); }, 30000));
+
+        // The headless client, up with its backend: QtCore and QtNetwork, nothing of the GUI.
+        const QByteArray headless = mappedLibraries(client.process.processId());
+        QVERIFY2(headless.contains("/libQt6Core.so"), headless.constData());
+        QVERIFY2(headless.contains("/libQt6Network.so"), headless.constData());
+        QVERIFY2(guiLibrariesIn(headless).isEmpty(), qPrintable(guiLibrariesIn(headless)));
+
+        // A command for the running client: the dynamic loader lists every library it opens.
+        home.env.insert("LD_DEBUG", "files");
+        const Result status = run(home, {"status"});
+        home.env.remove("LD_DEBUG");
+        QCOMPARE(status.exitCode, 0);
+        QVERIFY(status.out.contains("Not signed in"));
+        QVERIFY2(status.err.contains("libQt6Core.so"), qPrintable(status.err));
+        QVERIFY2(status.err.contains("libQt6Network.so"), qPrintable(status.err));
+        QStringList opened;
+        for (const QByteArray &name : kGuiLibraries) {
+            if (status.err.contains(QString::fromUtf8(name))) {
+                opened << QString::fromUtf8(name);
+            }
+        }
+        QVERIFY2(opened.isEmpty(), qPrintable(opened.join(u' ')));
+    }
+
+    void aMissingOrBrokenDesktopModuleIsReported() {
+        // The executable alone in a prefix of its own: bin/tarnwick, no lib/tarnwick.
+        Home home;
+        QTemporaryDir prefix;
+        QVERIFY(QDir().mkpath(prefix.filePath("bin")));
+        const QString program = prefix.filePath("bin/tarnwick");
+        QVERIFY(QFile::copy(kTarnwick, program));
+        home.env.insert("QT_QPA_PLATFORM", "offscreen");
+        home.env.insert("TARNWICK_RESOURCES_DIR",
+                        QFileInfo(kTarnwick).absolutePath() + "/../libexec/tarnwick");
+        const auto start = [&](const QStringList &arguments) {
+            QProcess process;
+            process.setProcessEnvironment(home.env);
+            process.start(program, arguments);
+            process.waitForFinished(60000);
+            return Result{process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
+                          QString::fromUtf8(process.readAllStandardOutput()),
+                          QString::fromUtf8(process.readAllStandardError())};
+        };
+
+        const Result missing = start({});
+        QCOMPARE(missing.exitCode, 1);
+        QVERIFY2(missing.err.contains("tarnwick: the desktop client cannot be loaded ("),
+                 qPrintable(missing.err));
+        QVERIFY2(missing.err.contains("libtarnwick-desktop.so"), qPrintable(missing.err));
+        QVERIFY2(missing.err.contains("tarnwick --headless runs the client without a window"),
+                 qPrintable(missing.err));
+        // The log has it too.
+        QFile log(home.path("state/tarnwick/tarnwick.log"));
+        QVERIFY(log.open(QIODevice::ReadOnly));
+        QVERIFY(log.readAll().contains("error: tarnwick: the desktop client cannot be loaded"));
+
+        // A file in its place that is not a module: the same message, no crash.
+        QVERIFY(QDir().mkpath(prefix.filePath("lib/tarnwick")));
+        QFile broken(prefix.filePath("lib/tarnwick/libtarnwick-desktop.so"));
+        QVERIFY(broken.open(QIODevice::WriteOnly));
+        broken.write("this is not a shared library\n");
+        broken.close();
+        const Result unloadable = start({});
+        QCOMPARE(unloadable.exitCode, 1);
+        QVERIFY2(unloadable.err.contains("tarnwick: the desktop client cannot be loaded ("),
+                 qPrintable(unloadable.err));
+
+        // The headless client in the same prefix runs without the module.
+        QProcess headless;
+        headless.setProcessEnvironment(home.env);
+        headless.start(program, {"--headless"});
+        QVERIFY(headless.waitForStarted());
+        const bool answered = QTest::qWaitFor(
+            [&] {
+                QProcess status;
+                status.setProcessEnvironment(home.env);
+                status.start(program, {"status", "--json"});
+                status.waitForFinished(30000);
+                return QJsonDocument::fromJson(status.readAllStandardOutput())
+                           .object()
+                           .value("backendAnswered") == QJsonValue(true);
+            },
+            30000);
+        headless.terminate();
+        QVERIFY(headless.waitForFinished(10000));
+        QVERIFY(answered);
+        QCOMPARE(headless.exitStatus(), QProcess::NormalExit);
     }
 
     void aUsersSession() {

@@ -59,6 +59,7 @@ private slots:
     void answerTimestampsStrictlyIncrease();
     void listensOnLoopbackAddressOnly();
     void concurrentRequestsAllAnswer();
+    void oneConnectionCarriesManyRequests();
     void nothingAClientSendsStopsTheBackend();
     void openCommandsUseTheDesktopOpener();
     void theSignInCodeShowsAsANotification();
@@ -599,6 +600,92 @@ void ProtocolTest::concurrentRequestsAllAnswer() {
         }
     }
     QCOMPARE(timestamps.size(), std::size_t(kThreads * kPerThread));
+}
+
+void ProtocolTest::oneConnectionCarriesManyRequests() {
+    // A client keeps its connection open between requests (as the client's ping loop does):
+    // every answer comes back on the same connection, whatever the body's transfer coding,
+    // until the client asks to close.
+    // The answer a ping gets on a connection of its own (signed in or not, as the tests before
+    // this one left the backend).
+    const Backend::Answer alone = backend_->send("ping", "", "[]");
+    QVERIFY2(alone.opened, alone.problem.c_str());
+    QTcpSocket socket;
+    socket.connectToHost(QHostAddress::LocalHost, static_cast<quint16>(backend_->port()));
+    QVERIFY(socket.waitForConnected(5000));
+    QByteArray received;
+    const auto readAnswer = [&](int &status, QByteArray &head, std::string &body) {
+        QDeadlineTimer deadline(20000);
+        qsizetype end = -1;
+        while ((end = received.indexOf("\r\n\r\n")) < 0 && !deadline.hasExpired() &&
+               socket.waitForReadyRead(1000)) {
+            received += socket.readAll();
+        }
+        if (end < 0) {
+            return false;
+        }
+        head = received.left(end + 2);
+        received.remove(0, end + 4);
+        status = head.mid(9, 3).toInt();
+        const qsizetype at = head.toLower().indexOf("\r\ncontent-length:");
+        if (at < 0) {
+            return false;
+        }
+        const qsizetype lineEnd = head.indexOf("\r\n", at + 2);
+        const qsizetype length = head.mid(at + 17, lineEnd - at - 17).trimmed().toLongLong();
+        while (received.size() < length && !deadline.hasExpired() &&
+               socket.waitForReadyRead(1000)) {
+            received += socket.readAll();
+        }
+        if (received.size() < length) {
+            return false;
+        }
+        body = received.left(length).toStdString();
+        received.remove(0, length);
+        return true;
+    };
+    const QByteArray headers =
+        "Host: 127.0.0.1:" + QByteArray::number(backend_->port()) + "\r\nAuthorization: Bearer " +
+        QByteArray::fromStdString(backend_->token()) + "\r\nContent-Type: application/json\r\n";
+    for (int i = 0; i < 6; ++i) {
+        const QByteArray sealed =
+            QByteArray::fromStdString(backend_->seal("ping", "", "[]", nowMs()));
+        QByteArray request = "POST /request HTTP/1.1\r\n" + headers;
+        if (i == 2) {
+            // The body in two chunks.
+            const qsizetype half = sealed.size() / 2;
+            request += "Transfer-Encoding: chunked\r\n\r\n" + QByteArray::number(half, 16) +
+                       "\r\n" + sealed.left(half) + "\r\n" +
+                       QByteArray::number(sealed.size() - half, 16) + "\r\n" + sealed.mid(half) +
+                       "\r\n0\r\n\r\n";
+        } else if (i == 5) {
+            request += "Connection: close\r\nContent-Length: " + QByteArray::number(sealed.size()) +
+                       "\r\n\r\n" + sealed;
+        } else {
+            request += "Content-Length: " + QByteArray::number(sealed.size()) + "\r\n\r\n" + sealed;
+        }
+        socket.write(request);
+        QVERIFY(socket.waitForBytesWritten(5000));
+        int status = 0;
+        QByteArray head;
+        std::string body;
+        QVERIFY2(readAnswer(status, head, body), qPrintable(QString::number(i)));
+        QVERIFY2(status == 200, head.constData());
+        QVERIFY2(!head.toLower().contains("content-encoding"), head.constData());
+        std::string plaintext, problem;
+        std::int64_t timestamp = 0;
+        QVERIFY2(backend_->open(body, plaintext, timestamp, problem), problem.c_str());
+        QCOMPARE(plaintext, alone.plaintext);
+        if (i < 5) {
+            QVERIFY2(!head.toLower().contains("connection: close"), head.constData());
+            QCOMPARE(socket.state(), QAbstractSocket::ConnectedState);
+        } else {
+            QVERIFY2(head.toLower().contains("connection: close"), head.constData());
+        }
+    }
+    // Asked to close: the backend ends the connection.
+    QVERIFY(socket.state() == QAbstractSocket::UnconnectedState ||
+            socket.waitForDisconnected(10000));
 }
 
 void ProtocolTest::nothingAClientSendsStopsTheBackend() {

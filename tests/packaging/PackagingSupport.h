@@ -132,6 +132,7 @@ struct Client {
 inline QStringList installedFiles() {
     QStringList files = {
         "bin/tarnwick",
+        "lib/tarnwick/libtarnwick-desktop.so",
         "libexec/tarnwick/" KOVRIT_DEV_NAME,
         "share/applications/app.tarnwick.Tarnwick.desktop",
         "share/metainfo/app.tarnwick.Tarnwick.metainfo.xml",

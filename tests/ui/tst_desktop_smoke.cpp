@@ -413,6 +413,16 @@ private slots:
             }(),
             20000);
 
+        // The window and the tray come from the desktop module, which the client loaded (the
+        // headless client does not: tests/cli).
+        {
+            QFile maps(QStringLiteral("/proc/%1/maps").arg(clientPid));
+            QVERIFY(maps.open(QIODevice::ReadOnly));
+            const QByteArray mapped = maps.readAll();
+            QVERIFY2(mapped.contains("/lib/tarnwick/libtarnwick-desktop.so"), mapped.constData());
+            QVERIFY2(mapped.contains("/libQt6Quick.so"), mapped.constData());
+        }
+
         // Nobody is signed in: the window opens by itself, by the icon, on the
         // login screen (no notification: the user sees the screen already).
         std::optional<std::pair<qulonglong, Geometry>> window;

@@ -520,7 +520,7 @@ private slots:
             }
             return e;
         };
-        using tarnwick::ui::shouldRunHeadless;
+        using tarnwick::cli::shouldRunHeadless;
         QVERIFY(shouldRunHeadless(run, env({})));
         QVERIFY(!shouldRunHeadless(run, env({{"DISPLAY", ":0"}})));
         QVERIFY(!shouldRunHeadless(run, env({{"WAYLAND_DISPLAY", "wayland-0"}})));

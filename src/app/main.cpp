@@ -1,19 +1,16 @@
 // The tarnwick executable: the desktop client, the client without a window
 // (--headless, or no display), or a command for the client that is already
-// running.
+// running. Only the desktop client needs Qt's GUI libraries: it is loaded from its own module
+// when it is about to be shown, so the other two run on QtCore and QtNetwork alone.
 #include "ClientLog.h"
 #include "CommandLine.h"
-#include "DesktopClient.h"
+#include "DesktopModule.h"
 
 #include <QCoreApplication>
 #include <QProcessEnvironment>
 #include <QStringList>
-#include <QtQml/qqmlextensionplugin.h>
 
 #include <cstdio>
-
-// The screens: the statically linked QML module "Tarnwick".
-Q_IMPORT_QML_PLUGIN(TarnwickPlugin)
 
 int main(int argc, char *argv[]) {
     QStringList arguments;
@@ -42,8 +39,8 @@ int main(int argc, char *argv[]) {
     tarnwick::ClientLog::fileOnly(QString(),
                                   QStringLiteral("tarnwick %1 started: %2")
                                       .arg(QStringLiteral(TARNWICK_VERSION), arguments.join(u' ')));
-    if (tarnwick::ui::shouldRunHeadless(invocation, QProcessEnvironment::systemEnvironment())) {
+    if (tarnwick::cli::shouldRunHeadless(invocation, QProcessEnvironment::systemEnvironment())) {
         return tarnwick::cli::runHeadless(argc, argv);
     }
-    return tarnwick::ui::runDesktop(argc, argv);
+    return tarnwick::desktop::run(argc, argv);
 }
