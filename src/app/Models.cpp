@@ -79,6 +79,8 @@ private:
     std::size_t capacity_ = 0;
 };
 
+static_assert(jsonPadding >= simdjson::SIMDJSON_PADDING);
+
 template <class Read> auto withDocument(std::string_view json, Read &&read) {
     const auto parseWith = [&](simdjson::dom::parser &parser, PaddedBuffer &buffer) {
         const std::string_view padded = buffer.fill(json);
@@ -98,6 +100,24 @@ template <class Read> auto withDocument(std::string_view json, Read &&read) {
     simdjson::dom::parser parser;
     PaddedBuffer buffer;
     return parseWith(parser, buffer);
+}
+
+// withDocument on a text followed by at least jsonPadding readable bytes: parsed where it lies.
+template <class Read> auto withPaddedDocument(std::string_view json, Read &&read) {
+    const auto parseWith = [&](simdjson::dom::parser &parser) {
+        element root;
+        const simdjson::error_code error = parser.parse(json.data(), json.size(), false).get(root);
+        if (error != simdjson::SUCCESS) {
+            fail(std::string("invalid JSON: ") + simdjson::error_message(error));
+        }
+        return read(root);
+    };
+    if (json.size() <= cachedParserLimit) {
+        thread_local simdjson::dom::parser parser;
+        return parseWith(parser);
+    }
+    simdjson::dom::parser parser;
+    return parseWith(parser);
 }
 
 std::string readString(element value, const char *record, std::string_view key) {
@@ -330,24 +350,52 @@ TypeIDAndData TypeIDAndData::fromJSON(std::string_view json) {
     return withDocument(json, typeIDAndDataFrom);
 }
 
-std::vector<std::string> decodeStringMembers(std::string_view json, const char *record,
-                                             std::span<const std::string_view> keys) {
-    return withDocument(json, [&](element value) {
-        std::vector<std::string> values(keys.size());
-        std::vector<bool> seen(keys.size(), false);
-        for (const auto field : readObject(value, record)) {
-            for (std::size_t i = 0; i < keys.size(); ++i) {
-                if (field.key == keys[i]) {
-                    values[i] = readString(field.value, record, field.key);
-                    seen[i] = true;
+namespace {
+
+void readStringMembers(element value, const char *record, std::span<const std::string_view> keys,
+                       std::span<std::string_view> values) {
+    std::vector<bool> seen(keys.size(), false);
+    for (const auto field : readObject(value, record)) {
+        for (std::size_t i = 0; i < keys.size(); ++i) {
+            if (field.key == keys[i]) {
+                if (field.value.get_string().get(values[i]) != simdjson::SUCCESS) {
+                    failKey(record, field.key, "is not a string");
                 }
+                seen[i] = true;
             }
         }
-        for (std::size_t i = 0; i < keys.size(); ++i) {
-            requireKey(seen[i], record, keys[i]);
-        }
-        return values;
+    }
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+        requireKey(seen[i], record, keys[i]);
+    }
+}
+
+} // namespace
+
+std::vector<std::string> decodeStringMembers(std::string_view json, const char *record,
+                                             std::span<const std::string_view> keys) {
+    std::vector<std::string> values;
+    visitStringMembers(json, record, keys, [&](std::span<const std::string_view> views) {
+        values.assign(views.begin(), views.end());
     });
+    return values;
+}
+
+void visitStringMembers(std::string_view json, const char *record,
+                        std::span<const std::string_view> keys,
+                        const std::function<void(std::span<const std::string_view> values)> &use,
+                        bool padded) {
+    const auto read = [&](element value) {
+        std::vector<std::string_view> values(keys.size());
+        readStringMembers(value, record, keys, values);
+        use(values);
+        return 0;
+    };
+    if (padded) {
+        withPaddedDocument(json, read);
+    } else {
+        withDocument(json, read);
+    }
 }
 
 ServerResponse ServerResponse::fromJSON(std::string_view json) {

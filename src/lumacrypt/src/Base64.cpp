@@ -1,6 +1,7 @@
 #include "lumacrypt/Base64.h"
 
 #include <array>
+#include <cstring>
 
 namespace lumacrypt {
 
@@ -21,62 +22,131 @@ constexpr std::array<std::int8_t, 256> makeDecodeTable() {
 
 constexpr std::array<std::int8_t, 256> kDecode = makeDecodeTable();
 
+// The two characters of every 12-bit value: two lookups encode three bytes.
+constexpr std::array<char, 2 * 4096> makePairTable() {
+    std::array<char, 2 * 4096> table{};
+    for (std::size_t v = 0; v < 4096; ++v) {
+        table[2 * v] = kAlphabet[v >> 6];
+        table[2 * v + 1] = kAlphabet[v & 63];
+    }
+    return table;
+}
+
+constexpr std::array<char, 2 * 4096> kPairs = makePairTable();
+
+// Per position in a group of four characters, the character's six bits already moved to where
+// they land in the group's 24-bit value; characters outside the alphabet map to kBad, which
+// survives any OR with valid entries.
+constexpr std::uint32_t kBad = 0xFF000000U;
+
+constexpr std::array<std::array<std::uint32_t, 256>, 4> makeShiftedTables() {
+    std::array<std::array<std::uint32_t, 256>, 4> tables{};
+    for (int position = 0; position < 4; ++position) {
+        for (int c = 0; c < 256; ++c) {
+            const int value = kDecode[static_cast<std::size_t>(c)];
+            tables[static_cast<std::size_t>(position)][static_cast<std::size_t>(c)] =
+                value < 0 ? kBad : static_cast<std::uint32_t>(value) << (18 - 6 * position);
+        }
+    }
+    return tables;
+}
+
+constexpr std::array<std::array<std::uint32_t, 256>, 4> kShifted = makeShiftedTables();
+
+inline void putPair(char *o, std::uint32_t v12) {
+    std::memcpy(o, kPairs.data() + 2 * v12, 2);
+}
+
 } // namespace
 
-std::string base64Encode(std::span<const std::uint8_t> bytes) {
-    std::string out((bytes.size() + 2) / 3 * 4, '=');
-    char *o = out.data();
+void base64EncodeInto(std::span<const std::uint8_t> bytes, char *o) noexcept {
     const std::uint8_t *in = bytes.data();
-    const std::size_t fullGroups = bytes.size() / 3;
-    for (std::size_t g = 0; g < fullGroups; ++g, in += 3, o += 4) {
-        const std::uint32_t v = (std::uint32_t{in[0]} << 16) | (std::uint32_t{in[1]} << 8) | in[2];
-        o[0] = kAlphabet[(v >> 18) & 63];
-        o[1] = kAlphabet[(v >> 12) & 63];
-        o[2] = kAlphabet[(v >> 6) & 63];
-        o[3] = kAlphabet[v & 63];
-    }
-    const std::size_t rest = bytes.size() - fullGroups * 3;
-    if (rest > 0) {
-        const std::uint32_t v =
-            (std::uint32_t{in[0]} << 16) | (rest == 2 ? std::uint32_t{in[1]} << 8 : 0U);
-        o[0] = kAlphabet[(v >> 18) & 63];
-        o[1] = kAlphabet[(v >> 12) & 63];
-        if (rest == 2) {
-            o[2] = kAlphabet[(v >> 6) & 63];
+    std::size_t left = bytes.size();
+    // Six bytes (eight characters) at a time.
+    while (left >= 6) {
+        std::uint64_t word = 0;
+        for (int k = 0; k < 6; ++k) {
+            word = (word << 8) | in[k];
         }
-        // The remaining positions already hold the padding.
+        putPair(o, static_cast<std::uint32_t>(word >> 36) & 0xFFF);
+        putPair(o + 2, static_cast<std::uint32_t>(word >> 24) & 0xFFF);
+        putPair(o + 4, static_cast<std::uint32_t>(word >> 12) & 0xFFF);
+        putPair(o + 6, static_cast<std::uint32_t>(word) & 0xFFF);
+        in += 6;
+        o += 8;
+        left -= 6;
     }
+    while (left >= 3) {
+        const std::uint32_t v = (std::uint32_t{in[0]} << 16) | (std::uint32_t{in[1]} << 8) | in[2];
+        putPair(o, v >> 12);
+        putPair(o + 2, v & 0xFFF);
+        in += 3;
+        o += 4;
+        left -= 3;
+    }
+    if (left > 0) {
+        const std::uint32_t v =
+            (std::uint32_t{in[0]} << 16) | (left == 2 ? std::uint32_t{in[1]} << 8 : 0U);
+        o[0] = kAlphabet[(v >> 18) & 63];
+        o[1] = kAlphabet[(v >> 12) & 63];
+        o[2] = left == 2 ? kAlphabet[(v >> 6) & 63] : '=';
+        o[3] = '=';
+    }
+}
+
+std::string base64Encode(std::span<const std::uint8_t> bytes) {
+    std::string out(base64EncodedSize(bytes.size()), '=');
+    base64EncodeInto(bytes, out.data());
     return out;
 }
 
-std::optional<Bytes> base64Decode(std::string_view text) {
+std::optional<std::size_t> base64DecodedSize(std::string_view text) noexcept {
     if (text.size() % 4 != 0) {
         return std::nullopt;
     }
     if (text.empty()) {
-        return Bytes{};
+        return 0;
     }
     std::size_t padding = 0;
     if (text[text.size() - 1] == '=') {
         padding = (text[text.size() - 2] == '=') ? 2 : 1;
     }
-    Bytes out(text.size() / 4 * 3 - padding);
+    return text.size() / 4 * 3 - padding;
+}
+
+bool base64DecodeInto(std::string_view text, std::uint8_t *o) noexcept {
+    if (text.size() % 4 != 0) {
+        return false;
+    }
+    if (text.empty()) {
+        return true;
+    }
+    std::size_t padding = 0;
+    if (text[text.size() - 1] == '=') {
+        padding = (text[text.size() - 2] == '=') ? 2 : 1;
+    }
     const auto *in = reinterpret_cast<const unsigned char *>(text.data());
-    const std::size_t fullGroups = (text.size() / 4) - (padding > 0 ? 1 : 0);
-    std::uint8_t *o = out.data();
-    for (std::size_t g = 0; g < fullGroups; ++g, in += 4, o += 3) {
-        const int a = kDecode[in[0]];
-        const int b = kDecode[in[1]];
-        const int c = kDecode[in[2]];
-        const int d = kDecode[in[3]];
-        if ((a | b | c | d) < 0) {
-            return std::nullopt; // '=' inside the text, whitespace, line breaks, other bytes
+    std::size_t groups = (text.size() / 4) - (padding > 0 ? 1 : 0);
+    const auto &t0 = kShifted[0];
+    const auto &t1 = kShifted[1];
+    const auto &t2 = kShifted[2];
+    const auto &t3 = kShifted[3];
+    // Invalid characters ('=' inside the text, whitespace, line breaks, other bytes) are
+    // collected over a block and judged once per block.
+    while (groups > 0) {
+        const std::size_t block = groups < 16 ? groups : 16;
+        std::uint32_t bad = 0;
+        for (std::size_t g = 0; g < block; ++g, in += 4, o += 3) {
+            const std::uint32_t v = t0[in[0]] | t1[in[1]] | t2[in[2]] | t3[in[3]];
+            bad |= v;
+            o[0] = static_cast<std::uint8_t>(v >> 16);
+            o[1] = static_cast<std::uint8_t>(v >> 8);
+            o[2] = static_cast<std::uint8_t>(v);
         }
-        const std::uint32_t v = (std::uint32_t(a) << 18) | (std::uint32_t(b) << 12) |
-                                (std::uint32_t(c) << 6) | std::uint32_t(d);
-        o[0] = static_cast<std::uint8_t>(v >> 16);
-        o[1] = static_cast<std::uint8_t>(v >> 8);
-        o[2] = static_cast<std::uint8_t>(v);
+        if ((bad & kBad) != 0) {
+            return false;
+        }
+        groups -= block;
     }
     if (padding > 0) {
         // The last group: "xx==" or "xxx=".
@@ -84,7 +154,7 @@ std::optional<Bytes> base64Decode(std::string_view text) {
         const int b = kDecode[in[1]];
         const int c = padding == 1 ? kDecode[in[2]] : 0;
         if ((a | b | c) < 0) {
-            return std::nullopt;
+            return false;
         }
         const std::uint32_t v =
             (std::uint32_t(a) << 18) | (std::uint32_t(b) << 12) | (std::uint32_t(c) << 6);
@@ -92,6 +162,18 @@ std::optional<Bytes> base64Decode(std::string_view text) {
         if (padding == 1) {
             o[1] = static_cast<std::uint8_t>(v >> 8);
         }
+    }
+    return true;
+}
+
+std::optional<Bytes> base64Decode(std::string_view text) {
+    const std::optional<std::size_t> size = base64DecodedSize(text);
+    if (!size) {
+        return std::nullopt;
+    }
+    Bytes out(*size);
+    if (!base64DecodeInto(text, out.data())) {
+        return std::nullopt;
     }
     return out;
 }
