@@ -370,17 +370,23 @@ tidepost::PollManager &ItemsProvider::pm() {
 }
 
 void ItemsProvider::publishAndWaitThrows(const TypeIDAndData &command, Completion done) {
+    publishAndWaitThrows(std::make_shared<const TypeIDAndData>(command), std::move(done));
+}
+
+void ItemsProvider::publishAndWaitThrows(std::shared_ptr<const TypeIDAndData> command,
+                                         Completion done) {
     // The session keeps one request on the wire at a time and lets a user's
     // command pass a waiting ping.
-    const auto priority = commands::isPing(command) ? tidepost::BackendSession::Priority::background
-                                                    : tidepost::BackendSession::Priority::command;
+    const auto priority = commands::isPing(*command)
+                              ? tidepost::BackendSession::Priority::background
+                              : tidepost::BackendSession::Priority::command;
     QPointer<ItemsProvider> self(this);
     session_->send(command, priority,
                    [self, command, done = std::move(done)](const tidepost::Exchange &exchange) {
                        if (!self || self->destroying_) {
                            return;
                        }
-                       self->applyReply(command, exchange, done);
+                       self->applyReply(*command, exchange, done);
                    });
 }
 
@@ -486,12 +492,18 @@ void ItemsProvider::applyReply(const TypeIDAndData &command, const tidepost::Exc
 }
 
 void ItemsProvider::publishAndWait(const TypeIDAndData &command, Completion done) {
-    publishAttempt(command, 1, std::move(done), {});
+    publishAttempt(std::make_shared<const TypeIDAndData>(command), 1, std::move(done), {});
+}
+
+void ItemsProvider::publishAndWait(TypeIDAndData &&command, Completion done) {
+    publishAttempt(std::make_shared<const TypeIDAndData>(std::move(command)), 1, std::move(done),
+                   {});
 }
 
 void ItemsProvider::publishAndWait(const TypeIDAndData &command, Completion done,
                                    std::shared_ptr<const bool> cancelled) {
-    publishAttempt(command, 1, std::move(done), std::move(cancelled));
+    publishAttempt(std::make_shared<const TypeIDAndData>(command), 1, std::move(done),
+                   std::move(cancelled));
 }
 
 void ItemsProvider::publishAndWait(const QString &type, const QString &id, const QString &data,
@@ -504,11 +516,11 @@ void ItemsProvider::publishAndWait(const QString &type, const QString &id, const
                    });
 }
 
-void ItemsProvider::publishAttempt(const TypeIDAndData &command, int attempt, Completion done,
-                                   std::shared_ptr<const bool> cancelled) {
+void ItemsProvider::publishAttempt(std::shared_ptr<const TypeIDAndData> command, int attempt,
+                                   Completion done, std::shared_ptr<const bool> cancelled) {
     if (cancelled && *cancelled) {
         log(QStringLiteral("Request '%1' given up by its caller; no further attempt")
-                .arg(text(command.type)));
+                .arg(text(command->type)));
         if (done) {
             done(cancelledError());
         }

@@ -139,6 +139,9 @@ public:
     // outcome once the command has ended.
     void publishAndWaitThrows(const TypeIDAndData &command, Completion done);
     void publishAndWait(const TypeIDAndData &command, Completion done = {});
+    // A command given as a temporary is kept as it is, not copied (a ping carries the whole
+    // folder list).
+    void publishAndWait(TypeIDAndData &&command, Completion done = {});
     // The same, with no further attempt once *cancelled is true.
     void publishAndWait(const TypeIDAndData &command, Completion done,
                         std::shared_ptr<const bool> cancelled);
@@ -212,8 +215,11 @@ private:
     void applyReply(const TypeIDAndData &command, const tidepost::Exchange &exchange,
                     const Completion &done);
     void replaceGroups(std::vector<GroupItem> incoming);
-    void publishAttempt(const TypeIDAndData &command, int attempt, Completion done,
+    // The command is shared between its attempts, the handlers and the session: a ping's
+    // folder list is not copied on its way out.
+    void publishAttempt(std::shared_ptr<const TypeIDAndData> command, int attempt, Completion done,
                         std::shared_ptr<const bool> cancelled);
+    void publishAndWaitThrows(std::shared_ptr<const TypeIDAndData> command, Completion done);
     void setBackendAnswered(bool answered);
     // Shows a line of the sign-in flow (the login screen's message line).
     void setLoginMessage(const QString &message);
