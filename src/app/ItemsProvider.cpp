@@ -427,7 +427,9 @@ void ItemsProvider::applyReply(const TypeIDAndData &command, const tidepost::Exc
             return;
         }
         try {
-            std::vector<DirItem> report = decodeDirItems(plain);
+            // Read over the last report's records, whose strings keep their memory.
+            std::vector<DirItem> &report = reportScratch_;
+            decodeDirItemsInto(plain, report);
             setIsLoggedIn(true);
             emit loginStateReported(true);
             update(report);

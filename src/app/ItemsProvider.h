@@ -252,6 +252,8 @@ private:
     // The last folder report applied, and the list's revision right after it: the same report
     // again on the same list changes nothing, and is not decoded or merged again.
     std::string lastReport_;
+    // The records of the last report decoded (reused by the next one).
+    std::vector<DirItem> reportScratch_;
     std::optional<std::uint64_t> lastReportRevision_;
     std::unique_ptr<tidepost::BackendSession> session_;
     std::unique_ptr<supervisor::BackendLauncher> launcher_;

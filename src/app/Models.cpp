@@ -243,18 +243,36 @@ ServerResponse serverResponseFrom(element value) {
     return response;
 }
 
-DirItem dirItemFrom(element value) {
+std::string_view readStringView(element value, const char *record, std::string_view key) {
+    std::string_view text;
+    if (value.get_string().get(text) != simdjson::SUCCESS) {
+        failKey(record, key, "is not a string");
+    }
+    return text;
+}
+
+// Reads a DirItem into `item`, whose strings keep their memory: a report read over the last
+// one allocates only where a text grew.
+void readDirItem(element value, DirItem &item) {
     static constexpr const char *record = "DirItem";
-    DirItem item;
     bool hasPath = false, hasEnabled = false, hasGroupID = false, hasName = false,
-         hasStatus = false;
+         hasStatus = false, hasError = false;
     for (const auto field : readObject(value, record)) {
         const std::string_view key = field.key;
         if (key == "Path") {
-            item.path = readString(field.value, record, key);
+            item.path.assign(readStringView(field.value, record, key));
             hasPath = true;
         } else if (key == "Error") {
-            item.error = readOptionalString(field.value, record, key);
+            if (field.value.is_null()) {
+                item.error.reset();
+            } else {
+                const std::string_view text = readStringView(field.value, record, key);
+                if (!item.error) {
+                    item.error.emplace();
+                }
+                item.error->assign(text);
+            }
+            hasError = true;
         } else if (key == "Enabled") {
             item.enabled = readBool(field.value, record, key);
             hasEnabled = true;
@@ -262,10 +280,10 @@ DirItem dirItemFrom(element value) {
             item.groupID = readInt64(field.value, record, key);
             hasGroupID = true;
         } else if (key == "Name") {
-            item.name = readString(field.value, record, key);
+            item.name.assign(readStringView(field.value, record, key));
             hasName = true;
         } else if (key == "Status") {
-            item.status = readString(field.value, record, key);
+            item.status.assign(readStringView(field.value, record, key));
             hasStatus = true;
         }
     }
@@ -274,6 +292,14 @@ DirItem dirItemFrom(element value) {
     requireKey(hasGroupID, record, "GroupID");
     requireKey(hasName, record, "Name");
     requireKey(hasStatus, record, "Status");
+    if (!hasError) {
+        item.error.reset();
+    }
+}
+
+DirItem dirItemFrom(element value) {
+    DirItem item;
+    readDirItem(value, item);
     return item;
 }
 
@@ -417,6 +443,22 @@ GroupItem GroupItem::fromJSON(std::string_view json) {
 std::vector<DirItem> decodeDirItems(std::string_view json) {
     return withDocument(
         json, [](element root) { return arrayFrom<DirItem>(root, "DirItem list", dirItemFrom); });
+}
+
+void decodeDirItemsInto(std::string_view json, std::vector<DirItem> &items) {
+    withDocument(json, [&](element root) {
+        const auto array = readArray(root, "DirItem list");
+        std::size_t count = 0;
+        for (const element item : array) {
+            if (count == items.size()) {
+                items.emplace_back();
+            }
+            readDirItem(item, items[count]);
+            ++count;
+        }
+        items.resize(count);
+        return 0;
+    });
 }
 
 std::vector<GroupItem> decodeGroupItems(std::string_view json) {

@@ -165,6 +165,9 @@ struct GroupItem {
 
 // JSON arrays of records (the status report and the group list). Anything that is not an array
 // of well-formed records throws DecodingError.
+// decodeDirItems into `items`, reusing its elements and their strings' memory. On an error
+// (DecodingError) the content of `items` is unspecified.
+void decodeDirItemsInto(std::string_view json, std::vector<DirItem> &items);
 std::vector<DirItem> decodeDirItems(std::string_view json);
 std::vector<GroupItem> decodeGroupItems(std::string_view json);
 std::string encodeDirItems(const std::vector<DirItem> &items);

@@ -200,6 +200,36 @@ private slots:
         QCOMPARE(f.provider->walkDirIcon("/a"), "internaldrive");
     }
 
+    void aReportInAnotherOrderUpdatesTheRightRows() {
+        // Rows are matched by path wherever a folder stands in the report: a report that lists
+        // the folders in another order, or with one more in front, changes the rows whose
+        // records changed and no others, and the list keeps its own order.
+        Fixture f(false);
+        f.provider->update({folder("/a", "Up to date", 1), folder("/b", "Up to date", 1),
+                            folder("/c", "Up to date", 1)});
+        QSignalSpy changed(f.provider->dirItemsModel(), &QAbstractItemModel::dataChanged);
+        f.provider->update({folder("/c", "1 of 6 - Scanning", 1), folder("/a", "Up to date", 1),
+                            folder("/b", "Up to date", 3)});
+        const auto &items = f.provider->dirItems();
+        QCOMPARE(items.size(), 3u);
+        QCOMPARE(items[0].path, std::string("/a"));
+        QCOMPARE(items[0].status, std::string("Up to date"));
+        QCOMPARE(items[1].groupID, 3);
+        QCOMPARE(items[2].status, std::string("1 of 6 - Scanning"));
+        QCOMPARE(changed.count(), 1);
+        QCOMPARE(changed[0][0].value<QModelIndex>().row(), 1);
+        QCOMPARE(changed[0][1].value<QModelIndex>().row(), 2);
+        changed.clear();
+        f.provider->update({folder("/new", "Up to date", 1), folder("/a", "Up to date", 1),
+                            folder("/b", "Up to date", 3), folder("/c", "Up to date", 1)});
+        QCOMPARE(items.size(), 4u);
+        QCOMPARE(items[3].path, std::string("/new"));
+        QCOMPARE(items[2].status, std::string("Up to date"));
+        QCOMPARE(changed.count(), 1);
+        QCOMPARE(changed[0][0].value<QModelIndex>().row(), 2);
+        QCOMPARE(changed[0][1].value<QModelIndex>().row(), 2);
+    }
+
     void bigReportChangingOneStatusSignalsOneRow() {
         Fixture f(false);
         std::vector<DirItem> report;
