@@ -339,6 +339,56 @@ private slots:
                                  p.backend.decryptJSON(json.substr(0, json.size() - 1), opened));
     }
 
+    void recordsInAnyJSONLayoutOpenAsTheirWriterMeantThem() {
+        // The writer's own layout is read where it stands; every other way of writing the same
+        // record (spaces, another key order, escaped characters, an unknown key) gives the
+        // same plaintext, and text that is not JSON is refused as not JSON.
+        const Pair p = makePair();
+        Bytes plain(40000);
+        for (std::size_t i = 0; i < plain.size(); ++i) {
+            plain[i] = std::uint8_t(i * 29 + 3);
+        }
+        const std::string expected(plain.begin(), plain.end());
+        const KeyExchangeAEADStore r = p.client.encrypt(plain, bytesOf("1700000000001"));
+        QVERIFY(r.ciphertext.find('/') != std::string::npos);
+        std::string escaped = r.ciphertext;
+        for (std::size_t at = escaped.find('/'); at != std::string::npos;
+             at = escaped.find('/', at + 2)) {
+            escaped.replace(at, 1, "\\/");
+        }
+        const std::string layouts[] = {
+            r.toJSON(),
+            "{ \"KDFNonce\" : \"" + r.kdfNonce + "\", \"Ciphertext\":\"" + r.ciphertext +
+                "\",\n\"AEADNonce\":\"" + r.aeadNonce + "\",\"AdditionalData\":\"" +
+                r.additionalData + "\" }",
+            "{\"AdditionalData\":\"" + r.additionalData + "\",\"AEADNonce\":\"" + r.aeadNonce +
+                "\",\"Ciphertext\":\"" + r.ciphertext + "\",\"KDFNonce\":\"" + r.kdfNonce + "\"}",
+            "{\"KDFNonce\":\"" + r.kdfNonce + "\",\"Ciphertext\":\"" + escaped +
+                "\",\"AEADNonce\":\"" + r.aeadNonce + "\",\"AdditionalData\":\"" +
+                r.additionalData + "\"}",
+            "{\"KDFNonce\":\"" + r.kdfNonce + "\",\"Ciphertext\":\"" + r.ciphertext +
+                "\",\"AEADNonce\":\"" + r.aeadNonce + "\",\"AdditionalData\":\"" +
+                r.additionalData + "\",\"Extra\":[1,{\"a\":null}]}",
+        };
+        for (const std::string &json : layouts) {
+            std::string opened;
+            const KeyExchangeAEADStore fields = p.backend.decryptJSON(json, opened);
+            QCOMPARE(opened, expected);
+            QCOMPARE(fields.additionalData, r.additionalData);
+            QCOMPARE(fields.kdfNonce, r.kdfNonce);
+        }
+        // In the writer's layout but not JSON: a control character in a value, a trailing
+        // comma, text after the object.
+        std::string control = r.toJSON();
+        control.insert(control.find(r.aeadNonce), "\t");
+        const std::string notJSON[] = {control, r.toJSON().insert(r.toJSON().size() - 1, ","),
+                                       r.toJSON() + "x"};
+        for (const std::string &json : notJSON) {
+            std::string opened;
+            QVERIFY_THROWS_EXCEPTION(DecodingError, p.backend.decryptJSON(json, opened));
+        }
+    }
+
     void recordCheckRunsBeforeAnythingIsOpened() {
         const Pair p = makePair();
         const KeyExchangeAEADStore record = p.client.encrypt(Bytes(30000, 0x63), bytesOf("9"));

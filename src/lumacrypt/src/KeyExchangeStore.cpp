@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <cstring>
 #include <initializer_list>
 #include <stdexcept>
 
@@ -446,24 +447,89 @@ Bytes KeyExchangeStore::encryptToJSONWithNonces(const std::optional<Bytes> &kdfN
     return salt;
 }
 
+namespace {
+
+// Printable ASCII other than '"' and '\\': a string value written as it stands.
+bool plainASCII(std::string_view text) noexcept {
+    return std::all_of(text.begin(), text.end(),
+                       [](char c) { return c >= 0x20 && c < 0x7f && c != '"' && c != '\\'; });
+}
+
+// The record in the exact layout encryptToJSON and toJSON write, values cut out where they
+// stand; nothing for any other text. The ciphertext is only cut at the next quote: its
+// characters are judged by the strict base64 decoder.
+std::optional<std::array<std::string_view, 4>> recordAsWritten(std::string_view json) {
+    std::array<std::string_view, 4> values;
+    std::size_t at = 0;
+    for (std::size_t i = 0; i < 4; ++i) {
+        const std::string_view key = kRecordKeys[i];
+        // {"Key":"  or  ,"Key":"
+        if (at >= json.size() || json[at] != (i == 0 ? '{' : ',') ||
+            json.compare(at + 1, 1, "\"") != 0 || json.compare(at + 2, key.size(), key) != 0 ||
+            json.compare(at + 2 + key.size(), 3, "\":\"") != 0) {
+            return std::nullopt;
+        }
+        at += 2 + key.size() + 3;
+        const void *quote =
+            at < json.size() ? std::memchr(json.data() + at, '"', json.size() - at) : nullptr;
+        if (quote == nullptr) {
+            return std::nullopt;
+        }
+        const std::size_t end =
+            static_cast<std::size_t>(static_cast<const char *>(quote) - json.data());
+        values[i] = json.substr(at, end - at);
+        if (i != 1 && !plainASCII(values[i])) {
+            return std::nullopt;
+        }
+        at = end + 1;
+    }
+    if (at + 1 != json.size() || json[at] != '}') {
+        return std::nullopt;
+    }
+    return values;
+}
+
+} // namespace
+
 KeyExchangeAEADStore KeyExchangeStore::decryptJSON(std::string_view json, std::string &plaintext,
                                                    const RecordCheck &check, bool padded) const {
     KeyExchangeAEADStore record;
+    const auto open = [&](std::string_view ciphertext) {
+        if (check) {
+            check(record);
+        }
+        const AgreedSecret &secret = SharedSecret();
+        const Bytes salt = detail::decodeReceived(record.kdfNonce);
+        const Bytes info = detail::decodeReceived(record.additionalData);
+        const SymmetricKey key = KeyExchangeSymmetricKey(secret, hashFunction_, kdf_, salt, info);
+        detail::openBase64Into(aead_, key, ciphertext, info, plaintext);
+    };
+    // A record in the layout our own writers give it is read where it stands: its text is then
+    // valid JSON whose values are exactly what a JSON reader would give (plain ASCII), as long
+    // as the ciphertext passes the strict base64 decoder. A ciphertext that does not is read
+    // again in full, as is any other text, which gives the same result as the full reading
+    // alone, errors included.
+    if (const std::optional<std::array<std::string_view, 4>> values = recordAsWritten(json)) {
+        try {
+            record.kdfNonce = (*values)[0];
+            record.aeadNonce = (*values)[2];
+            record.additionalData = (*values)[3];
+            open((*values)[1]);
+            return record;
+        } catch (const KeyExchangeException &error) {
+            if (error.error() != KeyExchangeError::invalidFormat) {
+                throw;
+            }
+        }
+        record = {};
+    }
     tarnwick::visitStringMembers(
         json, "KeyExchangeAEADStore", kRecordKeys,
         [&](std::span<const std::string_view> values) {
             record.kdfNonce = values[0];
             record.aeadNonce = values[2];
             record.additionalData = values[3];
-            if (check) {
-                check(record);
-            }
-            const AgreedSecret &secret = SharedSecret();
-            const Bytes salt = detail::decodeReceived(record.kdfNonce);
-            const Bytes info = detail::decodeReceived(record.additionalData);
-            const SymmetricKey key =
-                KeyExchangeSymmetricKey(secret, hashFunction_, kdf_, salt, info);
-            detail::openBase64Into(aead_, key, values[1], info, plaintext);
+            open(values[1]);
         },
         padded);
     return record;
