@@ -75,74 +75,87 @@ int utf8Sequence(std::string_view text, std::size_t i) {
     return length;
 }
 
-// Length of the prefix of p[0..n) that is written as it is: printable ASCII other than '"' and
-// '\\'. Eight bytes at a time while no byte in the word needs attention.
-std::size_t plainRun(const char *p, std::size_t n) {
+// Bytes of a word that need attention (below 0x20, '"', '\\', 0x80 and above): their high bits
+// set. The lowest flagged byte is exact (a borrow can only flag bytes above a true one).
+inline std::uint64_t specialBytes(std::uint64_t word) {
     constexpr std::uint64_t ones = 0x0101010101010101ULL;
     constexpr std::uint64_t highBits = 0x8080808080808080ULL;
-    // Non-zero exactly when some byte of v is zero.
     const auto hasZeroByte = [](std::uint64_t v) { return (v - ones) & ~v & highBits; };
-    std::size_t i = 0;
-    while (i + 8 <= n) {
-        std::uint64_t word;
-        std::memcpy(&word, p + i, sizeof word);
-        const std::uint64_t belowSpace = (word - ones * 0x20) & ~word & highBits;
-        const std::uint64_t special = belowSpace | hasZeroByte(word ^ (ones * '"')) |
-                                      hasZeroByte(word ^ (ones * '\\')) | (word & highBits);
-        if (special != 0) {
-            break;
-        }
-        i += 8;
-    }
-    while (i < n) {
-        const auto c = static_cast<unsigned char>(p[i]);
-        if (c >= 0x80 || asciiEscapes[c] != 0) {
-            break;
-        }
-        ++i;
-    }
-    return i;
+    const std::uint64_t belowSpace = (word - ones * 0x20) & ~word & highBits;
+    return belowSpace | hasZeroByte(word ^ (ones * '"')) | hasZeroByte(word ^ (ones * '\\')) |
+           (word & highBits);
 }
 
 } // namespace
 
 void appendString(std::string &out, std::string_view text) {
-    // Room for the usual case (few escapes) up front; the string grows as usual beyond that.
-    out.reserve(out.size() + text.size() + text.size() / 8 + 2);
-    out.push_back('"');
+    // Written through a pointer into room made ahead: at least 16 bytes (an escape or a whole
+    // word) are free at the top of each step, and the string grows when they are not.
     const std::size_t n = text.size();
+    std::size_t used = out.size();
+    out.resize(used + n + n / 8 + 18);
+    char *o = out.data() + used;
+    char *limit = out.data() + out.size() - 16;
+    const auto grow = [&] {
+        used = static_cast<std::size_t>(o - out.data());
+        out.resize(out.size() + out.size() / 2 + 64);
+        o = out.data() + used;
+        limit = out.data() + out.size() - 16;
+    };
+    *o++ = '"';
+    const char *p = text.data();
     std::size_t i = 0;
     while (i < n) {
-        const std::size_t run = plainRun(text.data() + i, n - i);
-        out.append(text.data() + i, run);
-        i += run;
-        if (i == n) {
-            break;
+        if (o >= limit) {
+            grow();
         }
-        const auto c = static_cast<unsigned char>(text[i]);
+        if (i + 8 <= n) {
+            std::uint64_t word;
+            std::memcpy(&word, p + i, sizeof word);
+            const std::uint64_t special = specialBytes(word);
+            // The plain bytes up to the first special one go out in one store (the whole word is
+            // written; what follows the plain prefix is overwritten next).
+            std::memcpy(o, &word, sizeof word);
+            if (special == 0) {
+                o += 8;
+                i += 8;
+                continue;
+            }
+            const std::size_t plain = static_cast<std::size_t>(__builtin_ctzll(special)) / 8;
+            o += plain;
+            i += plain;
+        }
+        const auto c = static_cast<unsigned char>(p[i]);
         if (c < 0x80) {
             const char escape = asciiEscapes[c];
-            if (escape == 'u') {
+            if (escape == 0) {
+                *o++ = static_cast<char>(c);
+            } else if (escape == 'u') {
                 static constexpr char hex[] = "0123456789abcdef";
                 const char sequence[6] = {'\\', 'u', '0', '0', hex[c >> 4], hex[c & 0xF]};
-                out.append(sequence, sizeof sequence);
+                std::memcpy(o, sequence, sizeof sequence);
+                o += sizeof sequence;
             } else {
-                const char sequence[2] = {'\\', escape};
-                out.append(sequence, sizeof sequence);
+                o[0] = '\\';
+                o[1] = escape;
+                o += 2;
             }
             ++i;
             continue;
         }
         const int length = utf8Sequence(text, i);
         if (length > 0) {
-            out.append(text.data() + i, static_cast<std::size_t>(length));
+            std::memcpy(o, p + i, static_cast<std::size_t>(length));
+            o += length;
             i += static_cast<std::size_t>(length);
         } else {
-            out.append(replacementCharacter);
+            std::memcpy(o, replacementCharacter.data(), replacementCharacter.size());
+            o += replacementCharacter.size();
             i += static_cast<std::size_t>(-length);
         }
     }
-    out.push_back('"');
+    *o++ = '"';
+    out.resize(static_cast<std::size_t>(o - out.data()));
 }
 
 void appendInteger(std::string &out, std::int64_t value) {

@@ -160,6 +160,28 @@ private slots:
         }
     }
 
+    void longTextsThatGrowManyTimesOverAndAppendsToEarlierText() {
+        // Texts far longer than the room made for them up front (control characters take six
+        // bytes each), with special bytes at every offset of an eight-byte word, appended after
+        // earlier output.
+        std::string controls;
+        for (int i = 0; i < 100000; ++i) {
+            controls.push_back(static_cast<char>(i % 0x20));
+        }
+        std::string mixed;
+        for (int i = 0; i < 50000; ++i) {
+            mixed += (i % 9 == 0)    ? "\""
+                     : (i % 11 == 0) ? "\xC3\xA9"
+                     : (i % 13 == 0) ? "\xFF"
+                                     : "a";
+        }
+        for (const std::string &text : {controls, mixed}) {
+            std::string out = "prefix:";
+            json::appendString(out, text);
+            QCOMPARE(out, "prefix:" + nlohmannString(text));
+        }
+    }
+
     void outputOfInvalidTextIsValidJSON() {
         // Whatever bytes a path holds, the written text decodes again.
         std::mt19937_64 rng(7);
