@@ -1,5 +1,7 @@
 #include "BackendSession.h"
 
+#include <JsonWriter.h>
+
 #include <QMetaObject>
 #include <QPointer>
 #include <QString>
@@ -140,15 +142,25 @@ void BackendSession::post(Pending request) {
 
 const std::string &
 BackendSession::envelopeJSON(const std::shared_ptr<const tarnwick::TypeIDAndData> &envelope) {
-    // The ping repeats the same folder list until it changes: its JSON text is written once per
-    // change, not on every ping (comparing the texts costs far less than escaping them again,
-    // and the very envelope sent again needs no comparison at all).
+    // The ping repeats the same folder list until it changes, and then it changes in a few
+    // places: its JSON text is kept and only the pieces of the list that changed are escaped
+    // again (the very envelope sent again needs no comparison at all). The text is what
+    // TypeIDAndData::toJSON writes: {"Type":…,"ID":…,"Data":…}.
     if (lastEnvelope_ == envelope) {
         return lastEnvelopeJSON_;
     }
-    if (!lastEnvelope_ || lastEnvelope_->data != envelope->data ||
-        lastEnvelope_->type != envelope->type || lastEnvelope_->id != envelope->id) {
-        lastEnvelopeJSON_ = lumacrypt::encodeJSON(*envelope);
+    if (lastEnvelope_ && lastEnvelope_->type == envelope->type &&
+        lastEnvelope_->id == envelope->id) {
+        escapedData_.update(lastEnvelopeJSON_, lastEnvelope_->data, envelope->data);
+    } else {
+        lastEnvelopeJSON_.clear();
+        lastEnvelopeJSON_ += "{\"Type\":";
+        tarnwick::json::appendString(lastEnvelopeJSON_, envelope->type);
+        lastEnvelopeJSON_ += ",\"ID\":";
+        tarnwick::json::appendString(lastEnvelopeJSON_, envelope->id);
+        lastEnvelopeJSON_ += ",\"Data\":\"";
+        escapedData_.write(lastEnvelopeJSON_, envelope->data);
+        lastEnvelopeJSON_ += "\"}";
     }
     lastEnvelope_ = envelope;
     return lastEnvelopeJSON_;

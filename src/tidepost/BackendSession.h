@@ -18,6 +18,7 @@
 
 #include "PollManager.h"
 
+#include <JsonWriter.h>
 #include <Models.h>
 
 #include <QObject>
@@ -113,6 +114,8 @@ private:
     std::uint64_t reflectedReplies_ = 0;
     std::shared_ptr<const tarnwick::TypeIDAndData> lastEnvelope_;
     std::string lastEnvelopeJSON_;
+    // Where the envelope's Data sits in lastEnvelopeJSON_, escaped.
+    tarnwick::json::EscapedRegion escapedData_;
     // The buffer replies are opened into, handed out with each reply and taken back once its
     // handler has run: a report of the same size as the last one needs no new memory.
     std::string plaintextBuffer_;

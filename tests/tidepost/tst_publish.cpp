@@ -168,6 +168,7 @@ private slots:
     void largeReplyIsFreshWhenItsHeadersWere();
     void replyWhoseHeadersArriveLateIsRefused();
     void bodyWrittenIntoTheRequestArrivesWhole();
+    void envelopesThatChangeInPlacesAreSentAsTheirJSON();
     void replyBodyHandedBackTakesTheNextReply();
 };
 
@@ -821,6 +822,54 @@ void TestPublish::replyBodyHandedBackTakesTheNextReply() {
     const QByteArray third = post(std::string(1000, 'z'));
     QCOMPARE(third, QByteArray(1000, 'z'));
     QVERIFY(third.constData() != second.constData());
+}
+
+void TestPublish::envelopesThatChangeInPlacesAreSentAsTheirJSON() {
+    // The session keeps the last envelope's JSON and escapes again only the parts of a new
+    // folder list that changed: whatever the change, the backend opens exactly the envelope's
+    // own JSON text.
+    CannedServer server;
+    QVERIFY(server.listen());
+    SealedPeer peer(server.port());
+    std::vector<std::string> opened;
+    server.respond = [&](QTcpSocket *socket, const Received &request) {
+        const lumacrypt::Bytes plain = peer.backend.decryptAEADStore(
+            lumacrypt::KeyExchangeAEADStore::fromJSON(request.body.toStdString()));
+        opened.emplace_back(plain.begin(), plain.end());
+        peer.clock.advance(std::chrono::milliseconds(1));
+        socket->write(answer(200, "OK", peer.reply("[]")));
+    };
+    std::string list = "[";
+    for (int i = 0; i < 3000; ++i) {
+        list += "{\"Path\":\"/home/ana/\xD0\x94\xD0\xBE\xD0\xBA " + std::to_string(i) +
+                "\",\"Status\":\"3 of 6 - \\\"x\\\"\t" + std::to_string(i * 7) + "\"},";
+    }
+    list += "{}]";
+    std::vector<tarnwick::TypeIDAndData> envelopes;
+    envelopes.push_back({"ping", "", list});
+    envelopes.push_back({"ping", "", list}); // the same list in a new envelope
+    std::string edited = list;
+    edited.replace(100000, 3, "\xE6\x97\xA5\"");
+    envelopes.push_back({"ping", "", edited});
+    edited.insert(40000, "\x94"); // a lone continuation byte
+    edited.erase(150000, 5000);
+    envelopes.push_back({"ping", "", edited});
+    envelopes.push_back({"ping", "", edited + "tail"});
+    envelopes.push_back({"getGroups", "7", ""});
+    envelopes.push_back({"ping", "", list.substr(0, 1000)});
+    envelopes.push_back({"ping", "id", list});
+    envelopes.push_back({"ping", "id", ""});
+    for (const tarnwick::TypeIDAndData &envelope : envelopes) {
+        std::optional<tidepost::Exchange> result;
+        peer.session.send(std::make_shared<const tarnwick::TypeIDAndData>(envelope),
+                          tidepost::BackendSession::Priority::command,
+                          [&](const tidepost::Exchange &exchange) { result = exchange; });
+        QTRY_VERIFY_WITH_TIMEOUT(result.has_value(), 10000);
+        QVERIFY2(result->result == tidepost::Exchange::Result::opened,
+                 result->error ? result->error->description.c_str() : "not opened");
+        QCOMPARE(opened.size(), std::size_t(&envelope - envelopes.data() + 1));
+        QVERIFY(opened.back() == envelope.toJSON());
+    }
 }
 
 #include "tst_publish.moc"
