@@ -65,7 +65,7 @@ void DirItemsModel::merge(const std::vector<DirItem> &report) {
                 if (!sameRecord(existing, incoming)) {
                     existing = incoming;
                     changed[static_cast<std::size_t>(row)] = true;
-                    ++revision_;
+                    rowRevisions_[static_cast<std::size_t>(row)] = ++revision_;
                 }
                 continue;
             }
@@ -73,7 +73,7 @@ void DirItemsModel::merge(const std::vector<DirItem> &report) {
             if (!sameRecord(existing, next)) {
                 existing = std::move(next);
                 changed[static_cast<std::size_t>(row)] = true;
-                ++revision_;
+                rowRevisions_[static_cast<std::size_t>(row)] = ++revision_;
             }
         } else if (const auto pending = appendedIndex.find(incoming.path);
                    pending != appendedIndex.end()) {
@@ -108,7 +108,9 @@ void DirItemsModel::merge(const std::vector<DirItem> &report) {
         for (DirItem &item : appended) {
             rowOfPath_.emplace(item.path, count());
             items_.push_back(std::move(item));
+            rowRevisions_.push_back(revision_);
         }
+        layoutRevision_ = revision_;
         endInsertRows();
         emit countChanged();
     }
@@ -120,12 +122,14 @@ void DirItemsModel::removePath(const std::string &path) {
         if (items_[static_cast<std::size_t>(row)].path == path) {
             beginRemoveRows({}, row, row);
             items_.erase(items_.begin() + row);
+            rowRevisions_.erase(rowRevisions_.begin() + row);
             endRemoveRows();
             removed = true;
         }
     }
     if (removed) {
         ++revision_;
+        layoutRevision_ = revision_;
         rebuildIndex();
         emit countChanged();
     }

@@ -301,11 +301,39 @@ void ItemsProvider::setMenuBarString() {
 // ---- Folder list
 
 const std::string &ItemsProvider::pingPayload() const {
+    // The list's text as encodeDirItems writes it, kept with where each row's text ends: while
+    // no row came or went, a row that did not change since the last encoding keeps its text,
+    // and only changed rows are written again.
     const std::uint64_t revision = dirItems_->revision();
-    if (pingPayloadRevision_ != revision) {
-        pingPayload_ = encodeDirItems(dirItems());
-        pingPayloadRevision_ = revision;
+    if (pingPayloadRevision_ == revision) {
+        return pingPayload_;
     }
+    const std::vector<DirItem> &items = dirItems();
+    const bool sameRows = pingPayloadRevision_ &&
+                          pingPayloadLayout_ == dirItems_->layoutRevision() &&
+                          pingPayloadRowEnds_.size() == items.size();
+    std::string next;
+    next.reserve(sameRows ? pingPayload_.size() + 256 : 2 + items.size() * 160);
+    std::vector<std::size_t> ends;
+    ends.reserve(items.size());
+    next.push_back('[');
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        if (i != 0) {
+            next.push_back(',');
+        }
+        if (sameRows && dirItems_->rowRevision(i) <= *pingPayloadRevision_) {
+            const std::size_t start = i == 0 ? 1 : pingPayloadRowEnds_[i - 1] + 1;
+            next.append(pingPayload_, start, pingPayloadRowEnds_[i] - start);
+        } else {
+            appendDirItemJSON(next, items[i]);
+        }
+        ends.push_back(next.size());
+    }
+    next.push_back(']');
+    pingPayload_ = std::move(next);
+    pingPayloadRowEnds_ = std::move(ends);
+    pingPayloadRevision_ = revision;
+    pingPayloadLayout_ = dirItems_->layoutRevision();
     return pingPayload_;
 }
 

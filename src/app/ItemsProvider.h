@@ -249,6 +249,9 @@ private:
     // The ping's folder list as JSON, and the list's revision it was encoded at.
     mutable std::string pingPayload_;
     mutable std::optional<std::uint64_t> pingPayloadRevision_;
+    // Where each row's text ends in pingPayload_, and the list's layout it was written for.
+    mutable std::vector<std::size_t> pingPayloadRowEnds_;
+    mutable std::uint64_t pingPayloadLayout_ = 0;
     // The last folder report applied, and the list's revision right after it: the same report
     // again on the same list changes nothing, and is not decoded or merged again.
     std::string lastReport_;

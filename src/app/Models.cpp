@@ -657,6 +657,10 @@ std::string GroupItem::toJSON() const {
     return out;
 }
 
+void appendDirItemJSON(std::string &out, const DirItem &item) {
+    writeDirItem(out, item);
+}
+
 std::string encodeDirItems(const std::vector<DirItem> &items) {
     return writeArray(items, 160, writeDirItem);
 }

@@ -171,6 +171,8 @@ void decodeDirItemsInto(std::string_view json, std::vector<DirItem> &items);
 std::vector<DirItem> decodeDirItems(std::string_view json);
 std::vector<GroupItem> decodeGroupItems(std::string_view json);
 std::string encodeDirItems(const std::vector<DirItem> &items);
+// Appends the record's JSON text (what toJSON gives).
+void appendDirItemJSON(std::string &out, const DirItem &item);
 std::string encodeGroupItems(const std::vector<GroupItem> &items);
 
 } // namespace tarnwick

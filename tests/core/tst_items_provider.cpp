@@ -11,8 +11,10 @@
 #include <QFile>
 #include <QSettings>
 #include <QSignalSpy>
+
 #include <QTemporaryDir>
 #include <QTest>
+#include <random>
 
 #include <atomic>
 #include <thread>
@@ -274,6 +276,41 @@ private slots:
         f.provider->deleteItem("/a");
         QCOMPARE(f.provider->pingPayload(), encodeDirItems(f.provider->dirItems()));
         QVERIFY(!QByteArray::fromStdString(f.provider->pingPayload()).contains("\"/a\""));
+    }
+
+    void pingPayloadRewritesOnlyChangedRowsAndStaysTheListsText() {
+        // A long run of reports that change some rows, add folders, repeat themselves, and of
+        // removals: after each, the payload is exactly the list's own text.
+        Fixture f(false);
+        std::mt19937 rng(5);
+        std::vector<DirItem> report;
+        for (int i = 0; i < 300; ++i) {
+            report.push_back(folder("/data/f" + std::to_string(i), "Up to date", 1 + i % 4));
+        }
+        f.provider->update(report);
+        QCOMPARE(f.provider->pingPayload(), encodeDirItems(f.provider->dirItems()));
+        for (int round = 0; round < 200; ++round) {
+            const int kind = round % 5;
+            if (kind == 0 || kind == 1) {
+                for (int k = 0; k < 1 + round % 7; ++k) {
+                    DirItem &item = report[rng() % report.size()];
+                    item.status = "3 of 6 - \"" + std::to_string(rng() % 1000) + "\" Документы";
+                    if (k == 2) {
+                        item.error = "denied";
+                    }
+                }
+            } else if (kind == 2) {
+                report.push_back(folder("/data/new" + std::to_string(round), "1 of 6 - x"));
+            } else if (kind == 3 && f.provider->dirItems().size() > 10) {
+                const std::string path =
+                    f.provider->dirItems()[rng() % f.provider->dirItems().size()].path;
+                f.provider->deleteItem(QString::fromStdString(path));
+                std::erase_if(report, [&](const DirItem &item) { return item.path == path; });
+            }
+            f.provider->update(report);
+            QVERIFY2(f.provider->pingPayload() == encodeDirItems(f.provider->dirItems()),
+                     std::to_string(round).c_str());
+        }
     }
 
     void sameReportAgainChangesNothingAndSignalsNothing() {
