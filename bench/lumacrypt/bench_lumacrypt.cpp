@@ -43,6 +43,43 @@ void sealAndOpenEnvelopeJSON(benchmark::State &state) {
 }
 BENCHMARK(sealAndOpenEnvelopeJSON);
 
+void base64EncodeOnly(benchmark::State &state) {
+    const Bytes data(static_cast<std::size_t>(state.range(0)), 0x5c);
+    std::string text(base64EncodedSize(data.size()), '\0');
+    for (auto _ : state) {
+        base64EncodeInto(data, text.data());
+        benchmark::DoNotOptimize(text.data());
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * state.range(0));
+}
+BENCHMARK(base64EncodeOnly)->Arg(2 * 1024 * 1024);
+
+void base64DecodeOnly(benchmark::State &state) {
+    const std::string text = base64Encode(Bytes(static_cast<std::size_t>(state.range(0)), 0x5c));
+    Bytes out(*base64DecodedSize(text));
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(base64DecodeInto(text, out.data()));
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * state.range(0));
+}
+BENCHMARK(base64DecodeOnly)->Arg(2 * 1024 * 1024);
+
+// A sealed record written into and opened from JSON text, as the ping does it.
+void sealAndOpenRecordJSON(benchmark::State &state) {
+    const Channel channel;
+    const Bytes plaintext(static_cast<std::size_t>(state.range(0)), 0x61);
+    const Bytes timestamp = KeyExchangeCurrentTimestampData();
+    std::string json(KeyExchangeStore::sealedJSONSize(plaintext.size(), timestamp.size()), '\0');
+    std::string opened;
+    for (auto _ : state) {
+        channel.client.encryptToJSON(plaintext, timestamp, json);
+        channel.backend.decryptJSON(json, opened);
+        benchmark::DoNotOptimize(opened.data());
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * state.range(0));
+}
+BENCHMARK(sealAndOpenRecordJSON)->Arg(2 * 1024 * 1024);
+
 void hkdfOnly(benchmark::State &state) {
     const Channel channel;
     const Bytes salt(32, 1);

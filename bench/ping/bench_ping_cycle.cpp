@@ -113,18 +113,25 @@ bool writeBoth(int fd, const std::string &head, const std::string &body) {
     return true;
 }
 
-// Reads one HTTP message (head and Content-Length body) from fd; buffer keeps what follows.
-bool readMessage(int fd, std::string &buffer, std::string &head, std::string &body) {
+// Reads one HTTP message (head and Content-Length body) from fd straight into buffer, which it
+// starts; body views the body inside buffer and `used` is the message's length there (what
+// follows it is the next message's start). The caller erases `used` bytes when done with it.
+bool readMessage(int fd, std::string &buffer, std::string &head, std::string_view &body,
+                 std::size_t &used) {
+    const auto receive = [&](std::size_t want) {
+        const std::size_t before = buffer.size();
+        buffer.resize(before + want);
+        const ssize_t n = ::recv(fd, buffer.data() + before, want, 0);
+        buffer.resize(before + std::size_t(std::max<ssize_t>(n, 0)));
+        return n > 0;
+    };
     std::size_t end = std::string::npos;
-    char chunk[256 * 1024];
     while ((end = buffer.find("\r\n\r\n")) == std::string::npos) {
-        const ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
-        if (n <= 0) {
+        if (!receive(256 * 1024)) {
             return false;
         }
-        buffer.append(chunk, std::size_t(n));
     }
-    head = buffer.substr(0, end + 4);
+    head.assign(buffer, 0, end + 4);
     std::size_t length = 0;
     std::string lower = head;
     std::transform(lower.begin(), lower.end(), lower.begin(),
@@ -133,15 +140,13 @@ bool readMessage(int fd, std::string &buffer, std::string &head, std::string &bo
     if (at != std::string::npos) {
         length = std::stoull(lower.substr(at + 17));
     }
-    while (buffer.size() < end + 4 + length) {
-        const ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
-        if (n <= 0) {
+    used = end + 4 + length;
+    while (buffer.size() < used) {
+        if (!receive(used - buffer.size())) {
             return false;
         }
-        buffer.append(chunk, std::size_t(n));
     }
-    body = buffer.substr(end + 4, length);
-    buffer.erase(0, end + 4 + length);
+    body = std::string_view(buffer).substr(end + 4, length);
     return true;
 }
 
@@ -219,25 +224,28 @@ private:
 
     void serve(int fd) {
         lumacrypt::KeyExchangeStore store = store_;
-        std::string buffer, head, body;
+        std::string buffer, head, opened;
+        std::string_view body;
+        std::size_t used = 0;
+        // Replies are sealed into one of two buffers, the one no reader holds any more (the
+        // other is the last reply, which "/raw" answers with), as the client reuses its own.
+        std::shared_ptr<std::string> replies[2];
         std::int64_t cpu = threadCpuNs();
         const auto account = [&] {
             const std::int64_t now = threadCpuNs();
             cpuNs_ += now - cpu;
             cpu = now;
         };
-        while (readMessage(fd, buffer, head, body)) {
+        while (readMessage(fd, buffer, head, body, used)) {
             std::shared_ptr<const std::string> reply;
             if (head.starts_with("POST /raw ")) {
                 const std::lock_guard lock(mutex_);
                 reply = lastReply_;
             } else {
-                const lumacrypt::KeyExchangeAEADStore request =
-                    lumacrypt::KeyExchangeAEADStore::fromJSON(body);
-                (void)store.decryptAEADStore(request);
+                (void)store.decryptJSON(body, opened);
                 {
                     const std::lock_guard lock(mutex_);
-                    lastRequestBody_ = body;
+                    lastRequestBody_.assign(body);
                 }
                 const std::size_t index = next_++ % reports_.size();
                 // Stamped as late as it can be: the seal that follows counts against the
@@ -249,9 +257,17 @@ private:
                 stamp = std::max(stamp, last + 1);
                 const std::string stampText = std::to_string(stamp);
 
-                const lumacrypt::KeyExchangeAEADStore sealed =
-                    store.encrypt(asBytes(reports_[index]), asBytes(stampText));
-                auto text = std::make_shared<std::string>(sealed.toJSON());
+                std::shared_ptr<std::string> *slot = &replies[0];
+                if (replies[0] && replies[0].use_count() > 1) {
+                    slot = &replies[1];
+                }
+                if (!*slot || slot->use_count() > 1) {
+                    *slot = std::make_shared<std::string>();
+                }
+                std::shared_ptr<std::string> text = *slot;
+                text->resize(lumacrypt::KeyExchangeStore::sealedJSONSize(reports_[index].size(),
+                                                                         stampText.size()));
+                store.encryptToJSON(asBytes(reports_[index]), asBytes(stampText), *text);
                 if (qEnvironmentVariableIsSet("PING_BENCH_LOG")) {
                     std::fprintf(stderr, "backend: sealed %zu bytes %lld ms after its stamp\n",
                                  text->size(), static_cast<long long>(nowMs() - stamp));
@@ -270,6 +286,7 @@ private:
             if (!writeBoth(fd, head, reply ? *reply : std::string())) {
                 break;
             }
+            buffer.erase(0, used);
             account();
         }
         account();
@@ -314,9 +331,15 @@ public:
                           "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n";
         out += body;
         writeAll(fd_, out.data(), out.size());
-        std::string head, reply;
-        readMessage(fd_, buffer_, head, reply);
-        return reply.size();
+        std::string head;
+        std::string_view reply;
+        std::size_t used = 0;
+        if (!readMessage(fd_, buffer_, head, reply, used)) {
+            return 0;
+        }
+        const std::size_t size = reply.size();
+        buffer_.erase(0, used);
+        return size;
     }
 
 private:

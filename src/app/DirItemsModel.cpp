@@ -48,14 +48,32 @@ void DirItemsModel::merge(const std::vector<DirItem> &report) {
     std::vector<DirItem> appended;
     std::unordered_map<std::string, std::size_t> appendedIndex;
 
-    for (const DirItem &incoming : report) {
-        if (const auto row = rowOfPath_.find(incoming.path); row != rowOfPath_.end()) {
-            DirItem &existing = items_[static_cast<std::size_t>(row->second)];
+    for (std::size_t i = 0; i < report.size(); ++i) {
+        const DirItem &incoming = report[i];
+        // A report lists the folders in the order of the last one as a rule, so the row at the
+        // same place is tried before the index (paths are unique in the list).
+        int row = -1;
+        if (i < items_.size() && items_[i].path == incoming.path) {
+            row = static_cast<int>(i);
+        } else if (const auto found = rowOfPath_.find(incoming.path); found != rowOfPath_.end()) {
+            row = found->second;
+        }
+        if (row >= 0) {
+            DirItem &existing = items_[static_cast<std::size_t>(row)];
+            if (!isUploadProgress(existing.status, incoming.status)) {
+                // merged() would be the incoming record itself: compared and copied in place.
+                if (!sameRecord(existing, incoming)) {
+                    existing = incoming;
+                    changed[static_cast<std::size_t>(row)] = true;
+                    rowRevisions_[static_cast<std::size_t>(row)] = ++revision_;
+                }
+                continue;
+            }
             DirItem next = merged(existing, incoming);
             if (!sameRecord(existing, next)) {
                 existing = std::move(next);
-                changed[static_cast<std::size_t>(row->second)] = true;
-                ++revision_;
+                changed[static_cast<std::size_t>(row)] = true;
+                rowRevisions_[static_cast<std::size_t>(row)] = ++revision_;
             }
         } else if (const auto pending = appendedIndex.find(incoming.path);
                    pending != appendedIndex.end()) {
@@ -90,7 +108,9 @@ void DirItemsModel::merge(const std::vector<DirItem> &report) {
         for (DirItem &item : appended) {
             rowOfPath_.emplace(item.path, count());
             items_.push_back(std::move(item));
+            rowRevisions_.push_back(revision_);
         }
+        layoutRevision_ = revision_;
         endInsertRows();
         emit countChanged();
     }
@@ -102,12 +122,14 @@ void DirItemsModel::removePath(const std::string &path) {
         if (items_[static_cast<std::size_t>(row)].path == path) {
             beginRemoveRows({}, row, row);
             items_.erase(items_.begin() + row);
+            rowRevisions_.erase(rowRevisions_.begin() + row);
             endRemoveRows();
             removed = true;
         }
     }
     if (removed) {
         ++revision_;
+        layoutRevision_ = revision_;
         rebuildIndex();
         emit countChanged();
     }

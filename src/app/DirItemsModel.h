@@ -47,6 +47,11 @@ public:
     // Grows whenever the list changes (a row added, changed or removed): what was derived from
     // the list at one revision holds while the revision stays.
     std::uint64_t revision() const { return revision_; }
+    // The revision at which this row's record last changed (or the row came).
+    std::uint64_t rowRevision(std::size_t row) const { return rowRevisions_[row]; }
+    // The revision at which rows were last added or removed: while it stays, row i is the same
+    // folder.
+    std::uint64_t layoutRevision() const { return layoutRevision_; }
 
     int rowCount(const QModelIndex &parent = {}) const override;
     QVariant data(const QModelIndex &index, int role) const override;
@@ -66,6 +71,8 @@ private:
     std::vector<DirItem> items_;
     std::unordered_map<std::string, int> rowOfPath_;
     std::uint64_t revision_ = 0;
+    std::vector<std::uint64_t> rowRevisions_;
+    std::uint64_t layoutRevision_ = 0;
 };
 
 } // namespace tarnwick

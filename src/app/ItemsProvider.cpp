@@ -318,11 +318,39 @@ void ItemsProvider::setMenuBarString() {
 // ---- Folder list
 
 const std::string &ItemsProvider::pingPayload() const {
+    // The list's text as encodeDirItems writes it, kept with where each row's text ends: while
+    // no row came or went, a row that did not change since the last encoding keeps its text,
+    // and only changed rows are written again.
     const std::uint64_t revision = dirItems_->revision();
-    if (pingPayloadRevision_ != revision) {
-        pingPayload_ = encodeDirItems(dirItems());
-        pingPayloadRevision_ = revision;
+    if (pingPayloadRevision_ == revision) {
+        return pingPayload_;
     }
+    const std::vector<DirItem> &items = dirItems();
+    const bool sameRows = pingPayloadRevision_ &&
+                          pingPayloadLayout_ == dirItems_->layoutRevision() &&
+                          pingPayloadRowEnds_.size() == items.size();
+    std::string next;
+    next.reserve(sameRows ? pingPayload_.size() + 256 : 2 + items.size() * 160);
+    std::vector<std::size_t> ends;
+    ends.reserve(items.size());
+    next.push_back('[');
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        if (i != 0) {
+            next.push_back(',');
+        }
+        if (sameRows && dirItems_->rowRevision(i) <= *pingPayloadRevision_) {
+            const std::size_t start = i == 0 ? 1 : pingPayloadRowEnds_[i - 1] + 1;
+            next.append(pingPayload_, start, pingPayloadRowEnds_[i] - start);
+        } else {
+            appendDirItemJSON(next, items[i]);
+        }
+        ends.push_back(next.size());
+    }
+    next.push_back(']');
+    pingPayload_ = std::move(next);
+    pingPayloadRowEnds_ = std::move(ends);
+    pingPayloadRevision_ = revision;
+    pingPayloadLayout_ = dirItems_->layoutRevision();
     return pingPayload_;
 }
 
@@ -387,17 +415,23 @@ tidepost::PollManager &ItemsProvider::pm() {
 }
 
 void ItemsProvider::publishAndWaitThrows(const TypeIDAndData &command, Completion done) {
+    publishAndWaitThrows(std::make_shared<const TypeIDAndData>(command), std::move(done));
+}
+
+void ItemsProvider::publishAndWaitThrows(std::shared_ptr<const TypeIDAndData> command,
+                                         Completion done) {
     // The session keeps one request on the wire at a time and lets a user's
     // command pass a waiting ping.
-    const auto priority = commands::isPing(command) ? tidepost::BackendSession::Priority::background
-                                                    : tidepost::BackendSession::Priority::command;
+    const auto priority = commands::isPing(*command)
+                              ? tidepost::BackendSession::Priority::background
+                              : tidepost::BackendSession::Priority::command;
     QPointer<ItemsProvider> self(this);
     session_->send(command, priority,
                    [self, command, done = std::move(done)](const tidepost::Exchange &exchange) {
                        if (!self || self->destroying_) {
                            return;
                        }
-                       self->applyReply(command, exchange, done);
+                       self->applyReply(*command, exchange, done);
                    });
 }
 
@@ -438,7 +472,9 @@ void ItemsProvider::applyReply(const TypeIDAndData &command, const tidepost::Exc
             return;
         }
         try {
-            std::vector<DirItem> report = decodeDirItems(plain);
+            // Read over the last report's records, whose strings keep their memory.
+            std::vector<DirItem> &report = reportScratch_;
+            decodeDirItemsInto(plain, report);
             setIsLoggedIn(true);
             emit loginStateReported(true);
             update(report);
@@ -503,12 +539,18 @@ void ItemsProvider::applyReply(const TypeIDAndData &command, const tidepost::Exc
 }
 
 void ItemsProvider::publishAndWait(const TypeIDAndData &command, Completion done) {
-    publishAttempt(command, 1, std::move(done), {});
+    publishAttempt(std::make_shared<const TypeIDAndData>(command), 1, std::move(done), {});
+}
+
+void ItemsProvider::publishAndWait(TypeIDAndData &&command, Completion done) {
+    publishAttempt(std::make_shared<const TypeIDAndData>(std::move(command)), 1, std::move(done),
+                   {});
 }
 
 void ItemsProvider::publishAndWait(const TypeIDAndData &command, Completion done,
                                    std::shared_ptr<const bool> cancelled) {
-    publishAttempt(command, 1, std::move(done), std::move(cancelled));
+    publishAttempt(std::make_shared<const TypeIDAndData>(command), 1, std::move(done),
+                   std::move(cancelled));
 }
 
 void ItemsProvider::publishAndWait(const QString &type, const QString &id, const QString &data,
@@ -521,11 +563,11 @@ void ItemsProvider::publishAndWait(const QString &type, const QString &id, const
                    });
 }
 
-void ItemsProvider::publishAttempt(const TypeIDAndData &command, int attempt, Completion done,
-                                   std::shared_ptr<const bool> cancelled) {
+void ItemsProvider::publishAttempt(std::shared_ptr<const TypeIDAndData> command, int attempt,
+                                   Completion done, std::shared_ptr<const bool> cancelled) {
     if (cancelled && *cancelled) {
         log(QStringLiteral("Request '%1' given up by its caller; no further attempt")
-                .arg(text(command.type)));
+                .arg(text(command->type)));
         if (done) {
             done(cancelledError());
         }

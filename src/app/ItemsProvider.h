@@ -146,6 +146,9 @@ public:
     // outcome once the command has ended.
     void publishAndWaitThrows(const TypeIDAndData &command, Completion done);
     void publishAndWait(const TypeIDAndData &command, Completion done = {});
+    // A command given as a temporary is kept as it is, not copied (a ping carries the whole
+    // folder list).
+    void publishAndWait(TypeIDAndData &&command, Completion done = {});
     // The same, with no further attempt once *cancelled is true.
     void publishAndWait(const TypeIDAndData &command, Completion done,
                         std::shared_ptr<const bool> cancelled);
@@ -219,8 +222,11 @@ private:
     void applyReply(const TypeIDAndData &command, const tidepost::Exchange &exchange,
                     const Completion &done);
     void replaceGroups(std::vector<GroupItem> incoming);
-    void publishAttempt(const TypeIDAndData &command, int attempt, Completion done,
+    // The command is shared between its attempts, the handlers and the session: a ping's
+    // folder list is not copied on its way out.
+    void publishAttempt(std::shared_ptr<const TypeIDAndData> command, int attempt, Completion done,
                         std::shared_ptr<const bool> cancelled);
+    void publishAndWaitThrows(std::shared_ptr<const TypeIDAndData> command, Completion done);
     // A line of the sign-in flow, `source` in English with %1 for `argument`: shown
     // translated, matched by its English words.
     void setLoginMessage(const char *source, const QString &argument = QString());
@@ -252,9 +258,14 @@ private:
     // The ping's folder list as JSON, and the list's revision it was encoded at.
     mutable std::string pingPayload_;
     mutable std::optional<std::uint64_t> pingPayloadRevision_;
+    // Where each row's text ends in pingPayload_, and the list's layout it was written for.
+    mutable std::vector<std::size_t> pingPayloadRowEnds_;
+    mutable std::uint64_t pingPayloadLayout_ = 0;
     // The last folder report applied, and the list's revision right after it: the same report
     // again on the same list changes nothing, and is not decoded or merged again.
     std::string lastReport_;
+    // The records of the last report decoded (reused by the next one).
+    std::vector<DirItem> reportScratch_;
     std::optional<std::uint64_t> lastReportRevision_;
     std::unique_ptr<tidepost::BackendSession> session_;
     std::unique_ptr<supervisor::BackendLauncher> launcher_;

@@ -1,5 +1,6 @@
 #include "JsonWriter.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdint>
@@ -75,74 +76,194 @@ int utf8Sequence(std::string_view text, std::size_t i) {
     return length;
 }
 
-// Length of the prefix of p[0..n) that is written as it is: printable ASCII other than '"' and
-// '\\'. Eight bytes at a time while no byte in the word needs attention.
-std::size_t plainRun(const char *p, std::size_t n) {
+// Bytes of a word that need attention (below 0x20, '"', '\\', 0x80 and above): their high bits
+// set. The lowest flagged byte is exact (a borrow can only flag bytes above a true one).
+inline std::uint64_t specialBytes(std::uint64_t word) {
     constexpr std::uint64_t ones = 0x0101010101010101ULL;
     constexpr std::uint64_t highBits = 0x8080808080808080ULL;
-    // Non-zero exactly when some byte of v is zero.
     const auto hasZeroByte = [](std::uint64_t v) { return (v - ones) & ~v & highBits; };
-    std::size_t i = 0;
-    while (i + 8 <= n) {
-        std::uint64_t word;
-        std::memcpy(&word, p + i, sizeof word);
-        const std::uint64_t belowSpace = (word - ones * 0x20) & ~word & highBits;
-        const std::uint64_t special = belowSpace | hasZeroByte(word ^ (ones * '"')) |
-                                      hasZeroByte(word ^ (ones * '\\')) | (word & highBits);
-        if (special != 0) {
-            break;
-        }
-        i += 8;
-    }
-    while (i < n) {
-        const auto c = static_cast<unsigned char>(p[i]);
-        if (c >= 0x80 || asciiEscapes[c] != 0) {
-            break;
-        }
-        ++i;
-    }
-    return i;
+    const std::uint64_t belowSpace = (word - ones * 0x20) & ~word & highBits;
+    return belowSpace | hasZeroByte(word ^ (ones * '"')) | hasZeroByte(word ^ (ones * '\\')) |
+           (word & highBits);
 }
 
 } // namespace
 
 void appendString(std::string &out, std::string_view text) {
-    // Room for the usual case (few escapes) up front; the string grows as usual beyond that.
-    out.reserve(out.size() + text.size() + text.size() / 8 + 2);
     out.push_back('"');
+    appendEscaped(out, text);
+    out.push_back('"');
+}
+
+void appendEscaped(std::string &out, std::string_view text) {
+    // Written through a pointer into room made ahead: at least 16 bytes (an escape or a whole
+    // word) are free at the top of each step, and the string grows when they are not.
     const std::size_t n = text.size();
+    std::size_t used = out.size();
+    out.resize(used + n + n / 8 + 16);
+    char *o = out.data() + used;
+    char *limit = out.data() + out.size() - 16;
+    const auto grow = [&] {
+        used = static_cast<std::size_t>(o - out.data());
+        out.resize(out.size() + out.size() / 2 + 64);
+        o = out.data() + used;
+        limit = out.data() + out.size() - 16;
+    };
+    const char *p = text.data();
     std::size_t i = 0;
     while (i < n) {
-        const std::size_t run = plainRun(text.data() + i, n - i);
-        out.append(text.data() + i, run);
-        i += run;
-        if (i == n) {
-            break;
+        if (o >= limit) {
+            grow();
         }
-        const auto c = static_cast<unsigned char>(text[i]);
+        if (i + 8 <= n) {
+            std::uint64_t word;
+            std::memcpy(&word, p + i, sizeof word);
+            const std::uint64_t special = specialBytes(word);
+            // The plain bytes up to the first special one go out in one store (the whole word is
+            // written; what follows the plain prefix is overwritten next).
+            std::memcpy(o, &word, sizeof word);
+            if (special == 0) {
+                o += 8;
+                i += 8;
+                continue;
+            }
+            const std::size_t plain = static_cast<std::size_t>(__builtin_ctzll(special)) / 8;
+            o += plain;
+            i += plain;
+        }
+        const auto c = static_cast<unsigned char>(p[i]);
         if (c < 0x80) {
             const char escape = asciiEscapes[c];
-            if (escape == 'u') {
+            if (escape == 0) {
+                *o++ = static_cast<char>(c);
+            } else if (escape == 'u') {
                 static constexpr char hex[] = "0123456789abcdef";
                 const char sequence[6] = {'\\', 'u', '0', '0', hex[c >> 4], hex[c & 0xF]};
-                out.append(sequence, sizeof sequence);
+                std::memcpy(o, sequence, sizeof sequence);
+                o += sizeof sequence;
             } else {
-                const char sequence[2] = {'\\', escape};
-                out.append(sequence, sizeof sequence);
+                o[0] = '\\';
+                o[1] = escape;
+                o += 2;
             }
             ++i;
             continue;
         }
         const int length = utf8Sequence(text, i);
         if (length > 0) {
-            out.append(text.data() + i, static_cast<std::size_t>(length));
+            std::memcpy(o, p + i, static_cast<std::size_t>(length));
+            o += length;
             i += static_cast<std::size_t>(length);
         } else {
-            out.append(replacementCharacter);
+            std::memcpy(o, replacementCharacter.data(), replacementCharacter.size());
+            o += replacementCharacter.size();
             i += static_cast<std::size_t>(-length);
         }
     }
-    out.push_back('"');
+    out.resize(static_cast<std::size_t>(o - out.data()));
+}
+
+namespace {
+
+constexpr std::size_t kMarkSpacing = 16 * 1024;
+
+} // namespace
+
+void EscapedRegion::escapeMarked(std::string &piece, std::string_view text, std::size_t rawBase,
+                                 std::size_t escapedBase, std::vector<Mark> &marks) {
+    std::size_t at = 0;
+    while (at < text.size()) {
+        std::size_t end = std::min(text.size(), at + kMarkSpacing);
+        while (end < text.size() && static_cast<unsigned char>(text[end]) >= 0x80) {
+            ++end;
+        }
+        appendEscaped(piece, text.substr(at, end - at));
+        at = end;
+        if (at < text.size()) {
+            marks.push_back({rawBase + at, escapedBase + piece.size()});
+        }
+    }
+}
+
+void EscapedRegion::write(std::string &out, std::string_view text) {
+    begin_ = out.size();
+    marks_.assign(1, Mark{0, 0});
+    std::string escaped;
+    escaped.reserve(text.size() + text.size() / 8 + 16);
+    escapeMarked(escaped, text, 0, 0, marks_);
+    size_ = escaped.size();
+    out += escaped;
+}
+
+void EscapedRegion::update(std::string &out, std::string_view previous, std::string_view text) {
+    if (marks_.empty()) {
+        marks_.push_back({0, 0});
+    }
+    const std::size_t pieces = marks_.size();
+    const auto rawEnd = [&](std::size_t j) {
+        return j + 1 < pieces ? marks_[j + 1].raw : previous.size();
+    };
+    const auto escapedAt = [&](std::size_t j) { return j < pieces ? marks_[j].escaped : size_; };
+    const auto rawAt = [&](std::size_t j) { return j < pieces ? marks_[j].raw : previous.size(); };
+    // The first piece that differs (a piece that runs past the new text's end differs).
+    std::size_t first = 0;
+    while (first < pieces) {
+        const std::size_t from = marks_[first].raw;
+        const std::size_t to = rawEnd(first);
+        if (to > text.size() ||
+            previous.compare(from, to - from, text.substr(from, to - from)) != 0) {
+            break;
+        }
+        ++first;
+    }
+    if (first == pieces && previous.size() == text.size()) {
+        return; // the same text
+    }
+    // Escaping starts afresh at a mark only before an ASCII byte of the new text (or at its
+    // end); the pieces before `first` are the same in both, so stepping back reaches one.
+    while (first > 0 && rawAt(first) < text.size() &&
+           static_cast<unsigned char>(text[rawAt(first)]) >= 0x80) {
+        --first;
+    }
+    const std::size_t from = rawAt(first);
+    // The last pieces that are the same, their ends aligned, and not reaching into `from`.
+    const std::ptrdiff_t shift =
+        static_cast<std::ptrdiff_t>(text.size()) - static_cast<std::ptrdiff_t>(previous.size());
+    std::size_t last = pieces; // the first piece of the unchanged end
+    while (last > first + 1) {
+        const std::size_t j = last - 1;
+        const std::size_t start = marks_[j].raw;
+        const std::size_t length = rawEnd(j) - start;
+        const std::ptrdiff_t moved = static_cast<std::ptrdiff_t>(start) + shift;
+        if (moved < static_cast<std::ptrdiff_t>(from) ||
+            previous.compare(start, length, text.substr(static_cast<std::size_t>(moved), length)) !=
+                0) {
+            break;
+        }
+        last = j;
+    }
+    const std::size_t oldTo = rawAt(last);
+    const std::size_t newTo = static_cast<std::size_t>(static_cast<std::ptrdiff_t>(oldTo) + shift);
+    const std::size_t escapedFrom = escapedAt(first);
+    const std::size_t escapedTo = escapedAt(last);
+
+    std::vector<Mark> marks(
+        marks_.begin(), marks_.begin() + static_cast<std::ptrdiff_t>(std::min(first + 1, pieces)));
+    if (marks.empty()) {
+        marks.push_back({0, 0});
+    }
+    std::string middle;
+    escapeMarked(middle, text.substr(from, newTo - from), from, escapedFrom, marks);
+    const std::ptrdiff_t grown = static_cast<std::ptrdiff_t>(middle.size()) -
+                                 static_cast<std::ptrdiff_t>(escapedTo - escapedFrom);
+    for (std::size_t j = last; j < pieces; ++j) {
+        marks.push_back(
+            {static_cast<std::size_t>(static_cast<std::ptrdiff_t>(marks_[j].raw) + shift),
+             static_cast<std::size_t>(static_cast<std::ptrdiff_t>(marks_[j].escaped) + grown)});
+    }
+    out.replace(begin_ + escapedFrom, escapedTo - escapedFrom, middle);
+    size_ = static_cast<std::size_t>(static_cast<std::ptrdiff_t>(size_) + grown);
+    marks_ = std::move(marks);
 }
 
 void appendInteger(std::string &out, std::int64_t value) {

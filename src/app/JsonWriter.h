@@ -9,11 +9,48 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tarnwick::json {
 
 // Appends `text` as a JSON string literal, quotes included.
 void appendString(std::string &out, std::string_view text);
+// Appends what appendString writes between the quotes.
+void appendEscaped(std::string &out, std::string_view text);
+
+// A long text written as a JSON string's content (escaped, without the quotes) inside a larger
+// text, kept with marks so that a new version of it is escaped again only where it changed: a
+// ping's folder list changes in a few places between pings, and escaping all of it again is
+// much of a ping's cost. The marks sit before ASCII bytes, where escaping can start afresh (no
+// UTF-8 sequence, valid or not, runs across one), about every 16 KiB.
+class EscapedRegion {
+public:
+    // Appends `text`, escaped, to `out`, and remembers where it went.
+    void write(std::string &out, std::string_view text);
+    // `out` holds, where write() or the last update() put it, the escaped form of `previous`
+    // (the text given then), followed by anything. Makes it the escaped form of `text`, escaping
+    // again only the pieces between the first and the last that differ; what follows the
+    // region moves with its end.
+    void update(std::string &out, std::string_view previous, std::string_view text);
+    // Where the region starts in the text, and its length there.
+    std::size_t begin() const { return begin_; }
+    std::size_t size() const { return size_; }
+
+private:
+    struct Mark {
+        std::size_t raw;     // offset in the text
+        std::size_t escaped; // offset in the escaped form
+    };
+    // Escapes `text` (which starts at raw offset rawBase, escaped offset escapedBase) into
+    // `piece`, adding the marks inside it to `marks`.
+    static void escapeMarked(std::string &piece, std::string_view text, std::size_t rawBase,
+                             std::size_t escapedBase, std::vector<Mark> &marks);
+
+    std::size_t begin_ = 0;
+    std::size_t size_ = 0;
+    // Ascending; the first is {0, 0}.
+    std::vector<Mark> marks_;
+};
 // Appends the decimal form of `value`.
 void appendInteger(std::string &out, std::int64_t value);
 

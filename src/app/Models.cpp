@@ -79,6 +79,8 @@ private:
     std::size_t capacity_ = 0;
 };
 
+static_assert(jsonPadding >= simdjson::SIMDJSON_PADDING);
+
 template <class Read> auto withDocument(std::string_view json, Read &&read) {
     const auto parseWith = [&](simdjson::dom::parser &parser, PaddedBuffer &buffer) {
         const std::string_view padded = buffer.fill(json);
@@ -98,6 +100,24 @@ template <class Read> auto withDocument(std::string_view json, Read &&read) {
     simdjson::dom::parser parser;
     PaddedBuffer buffer;
     return parseWith(parser, buffer);
+}
+
+// withDocument on a text followed by at least jsonPadding readable bytes: parsed where it lies.
+template <class Read> auto withPaddedDocument(std::string_view json, Read &&read) {
+    const auto parseWith = [&](simdjson::dom::parser &parser) {
+        element root;
+        const simdjson::error_code error = parser.parse(json.data(), json.size(), false).get(root);
+        if (error != simdjson::SUCCESS) {
+            fail(std::string("invalid JSON: ") + simdjson::error_message(error));
+        }
+        return read(root);
+    };
+    if (json.size() <= cachedParserLimit) {
+        thread_local simdjson::dom::parser parser;
+        return parseWith(parser);
+    }
+    simdjson::dom::parser parser;
+    return parseWith(parser);
 }
 
 std::string readString(element value, const char *record, std::string_view key) {
@@ -223,18 +243,36 @@ ServerResponse serverResponseFrom(element value) {
     return response;
 }
 
-DirItem dirItemFrom(element value) {
+std::string_view readStringView(element value, const char *record, std::string_view key) {
+    std::string_view text;
+    if (value.get_string().get(text) != simdjson::SUCCESS) {
+        failKey(record, key, "is not a string");
+    }
+    return text;
+}
+
+// Reads a DirItem into `item`, whose strings keep their memory: a report read over the last
+// one allocates only where a text grew.
+void readDirItem(element value, DirItem &item) {
     static constexpr const char *record = "DirItem";
-    DirItem item;
     bool hasPath = false, hasEnabled = false, hasGroupID = false, hasName = false,
-         hasStatus = false;
+         hasStatus = false, hasError = false;
     for (const auto field : readObject(value, record)) {
         const std::string_view key = field.key;
         if (key == "Path") {
-            item.path = readString(field.value, record, key);
+            item.path.assign(readStringView(field.value, record, key));
             hasPath = true;
         } else if (key == "Error") {
-            item.error = readOptionalString(field.value, record, key);
+            if (field.value.is_null()) {
+                item.error.reset();
+            } else {
+                const std::string_view text = readStringView(field.value, record, key);
+                if (!item.error) {
+                    item.error.emplace();
+                }
+                item.error->assign(text);
+            }
+            hasError = true;
         } else if (key == "Enabled") {
             item.enabled = readBool(field.value, record, key);
             hasEnabled = true;
@@ -242,10 +280,10 @@ DirItem dirItemFrom(element value) {
             item.groupID = readInt64(field.value, record, key);
             hasGroupID = true;
         } else if (key == "Name") {
-            item.name = readString(field.value, record, key);
+            item.name.assign(readStringView(field.value, record, key));
             hasName = true;
         } else if (key == "Status") {
-            item.status = readString(field.value, record, key);
+            item.status.assign(readStringView(field.value, record, key));
             hasStatus = true;
         }
     }
@@ -254,6 +292,14 @@ DirItem dirItemFrom(element value) {
     requireKey(hasGroupID, record, "GroupID");
     requireKey(hasName, record, "Name");
     requireKey(hasStatus, record, "Status");
+    if (!hasError) {
+        item.error.reset();
+    }
+}
+
+DirItem dirItemFrom(element value) {
+    DirItem item;
+    readDirItem(value, item);
     return item;
 }
 
@@ -330,24 +376,52 @@ TypeIDAndData TypeIDAndData::fromJSON(std::string_view json) {
     return withDocument(json, typeIDAndDataFrom);
 }
 
-std::vector<std::string> decodeStringMembers(std::string_view json, const char *record,
-                                             std::span<const std::string_view> keys) {
-    return withDocument(json, [&](element value) {
-        std::vector<std::string> values(keys.size());
-        std::vector<bool> seen(keys.size(), false);
-        for (const auto field : readObject(value, record)) {
-            for (std::size_t i = 0; i < keys.size(); ++i) {
-                if (field.key == keys[i]) {
-                    values[i] = readString(field.value, record, field.key);
-                    seen[i] = true;
+namespace {
+
+void readStringMembers(element value, const char *record, std::span<const std::string_view> keys,
+                       std::span<std::string_view> values) {
+    std::vector<bool> seen(keys.size(), false);
+    for (const auto field : readObject(value, record)) {
+        for (std::size_t i = 0; i < keys.size(); ++i) {
+            if (field.key == keys[i]) {
+                if (field.value.get_string().get(values[i]) != simdjson::SUCCESS) {
+                    failKey(record, field.key, "is not a string");
                 }
+                seen[i] = true;
             }
         }
-        for (std::size_t i = 0; i < keys.size(); ++i) {
-            requireKey(seen[i], record, keys[i]);
-        }
-        return values;
+    }
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+        requireKey(seen[i], record, keys[i]);
+    }
+}
+
+} // namespace
+
+std::vector<std::string> decodeStringMembers(std::string_view json, const char *record,
+                                             std::span<const std::string_view> keys) {
+    std::vector<std::string> values;
+    visitStringMembers(json, record, keys, [&](std::span<const std::string_view> views) {
+        values.assign(views.begin(), views.end());
     });
+    return values;
+}
+
+void visitStringMembers(std::string_view json, const char *record,
+                        std::span<const std::string_view> keys,
+                        const std::function<void(std::span<const std::string_view> values)> &use,
+                        bool padded) {
+    const auto read = [&](element value) {
+        std::vector<std::string_view> values(keys.size());
+        readStringMembers(value, record, keys, values);
+        use(values);
+        return 0;
+    };
+    if (padded) {
+        withPaddedDocument(json, read);
+    } else {
+        withDocument(json, read);
+    }
 }
 
 ServerResponse ServerResponse::fromJSON(std::string_view json) {
@@ -369,6 +443,22 @@ GroupItem GroupItem::fromJSON(std::string_view json) {
 std::vector<DirItem> decodeDirItems(std::string_view json) {
     return withDocument(
         json, [](element root) { return arrayFrom<DirItem>(root, "DirItem list", dirItemFrom); });
+}
+
+void decodeDirItemsInto(std::string_view json, std::vector<DirItem> &items) {
+    withDocument(json, [&](element root) {
+        const auto array = readArray(root, "DirItem list");
+        std::size_t count = 0;
+        for (const element item : array) {
+            if (count == items.size()) {
+                items.emplace_back();
+            }
+            readDirItem(item, items[count]);
+            ++count;
+        }
+        items.resize(count);
+        return 0;
+    });
 }
 
 std::vector<GroupItem> decodeGroupItems(std::string_view json) {
@@ -565,6 +655,10 @@ std::string GroupItem::toJSON() const {
     std::string out;
     writeGroupItem(out, *this);
     return out;
+}
+
+void appendDirItemJSON(std::string &out, const DirItem &item) {
+    writeDirItem(out, item);
 }
 
 std::string encodeDirItems(const std::vector<DirItem> &items) {

@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstdint>
 #include <exception>
+#include <functional>
 #include <optional>
 #include <span>
 #include <stdexcept>
@@ -77,6 +78,15 @@ struct TypeIDAndData {
 // naming `record`, for anything else.
 std::vector<std::string> decodeStringMembers(std::string_view json, const char *record,
                                              std::span<const std::string_view> keys);
+// Readable bytes a text must have after its end for the JSON reader to parse it where it lies.
+inline constexpr std::size_t jsonPadding = 64;
+// decodeStringMembers that hands the values to `use` as views into the parsed document (valid
+// during the call only) instead of copying them out. With `padded`, the text is followed by at
+// least jsonPadding readable bytes (whatever they hold) and is parsed where it lies.
+void visitStringMembers(std::string_view json, const char *record,
+                        std::span<const std::string_view> keys,
+                        const std::function<void(std::span<const std::string_view> values)> &use,
+                        bool padded = false);
 // A compact JSON object of string members in the given order.
 std::string
 encodeStringMembers(std::span<const std::pair<std::string_view, std::string_view>> members);
@@ -155,9 +165,14 @@ struct GroupItem {
 
 // JSON arrays of records (the status report and the group list). Anything that is not an array
 // of well-formed records throws DecodingError.
+// decodeDirItems into `items`, reusing its elements and their strings' memory. On an error
+// (DecodingError) the content of `items` is unspecified.
+void decodeDirItemsInto(std::string_view json, std::vector<DirItem> &items);
 std::vector<DirItem> decodeDirItems(std::string_view json);
 std::vector<GroupItem> decodeGroupItems(std::string_view json);
 std::string encodeDirItems(const std::vector<DirItem> &items);
+// Appends the record's JSON text (what toJSON gives).
+void appendDirItemJSON(std::string &out, const DirItem &item);
 std::string encodeGroupItems(const std::vector<GroupItem> &items);
 
 } // namespace tarnwick

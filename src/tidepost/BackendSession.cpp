@@ -1,5 +1,7 @@
 #include "BackendSession.h"
 
+#include <JsonWriter.h>
+
 #include <QMetaObject>
 #include <QPointer>
 #include <QString>
@@ -34,8 +36,13 @@ BackendSession::~BackendSession() {
 
 void BackendSession::send(const tarnwick::TypeIDAndData &envelope, Priority priority,
                           Handler done) {
+    send(std::make_shared<const tarnwick::TypeIDAndData>(envelope), priority, std::move(done));
+}
+
+void BackendSession::send(std::shared_ptr<const tarnwick::TypeIDAndData> envelope,
+                          Priority priority, Handler done) {
     if (priority == Priority::command) {
-        commands_.push_back({envelope, std::move(done)});
+        commands_.push_back({std::move(envelope), std::move(done)});
         // A ping still waiting would only hold the command up: it gives way.
         if (background_) {
             Pending dropped = std::move(*background_);
@@ -53,7 +60,7 @@ void BackendSession::send(const tarnwick::TypeIDAndData &envelope, Priority prio
             background_.reset();
             deliver(std::move(older.done), {Exchange::Result::skipped, {}, std::nullopt});
         }
-        background_ = Pending{envelope, std::move(done)};
+        background_ = Pending{std::move(envelope), std::move(done)};
     }
     if (!inFlight_) {
         sendNext();
@@ -76,85 +83,124 @@ void BackendSession::sendNext() {
 
 void BackendSession::post(Pending request) {
     inFlight_ = true;
-    // Sealed as it leaves, so that its timestamp is fresh when it arrives.
-    std::string body;
+    // Sealed as it leaves, so that its timestamp is fresh when it arrives. The sealed record is
+    // written straight into the request's buffer.
+    QPointer<BackendSession> self(this);
+    // Shared with the reply handler below, and still here when sealing throws.
+    auto done = std::make_shared<Handler>(std::move(request.done));
     try {
         const std::string &plain = envelopeJSON(request.envelope);
         const lumacrypt::Bytes stamp = pm_->keyExchangeCurrentTimestampData();
-        const lumacrypt::KeyExchangeAEADStore record = pm_->kes.encrypt(
-            std::span(reinterpret_cast<const std::uint8_t *>(plain.data()), plain.size()), stamp);
-        body = record.toJSON();
-        if (std::optional<lumacrypt::Bytes> salt = lumacrypt::base64Decode(record.kdfNonce)) {
-            sentSalts_.push_back(std::move(*salt));
-            if (sentSalts_.size() > kRememberedRequests) {
-                sentSalts_.pop_front();
-            }
-        }
+        const std::span plainBytes(reinterpret_cast<const std::uint8_t *>(plain.data()),
+                                   plain.size());
+        pm_->publishLocalWritten(
+            lumacrypt::KeyExchangeStore::sealedJSONSize(plain.size(), stamp.size()),
+            [this, plainBytes, &stamp](std::span<char> out) {
+                lumacrypt::Bytes salt = pm_->kes.encryptToJSON(plainBytes, stamp, out);
+                sentSalts_.push_back(std::move(salt));
+                if (sentSalts_.size() > kRememberedRequests) {
+                    sentSalts_.pop_front();
+                }
+            },
+            port_, QString::fromLatin1(requestPath), pm_->bearerToken,
+            [self, done](std::optional<QByteArray> reply, std::optional<Error> error,
+                         std::int64_t headersAt) {
+                if (!self) {
+                    return;
+                }
+                // Judged against the moment the headers arrived: a large body
+                // takes its time to stream and to open, and that is no sign of age.
+                Exchange exchange = error ? Exchange{Exchange::Result::failed, {}, std::move(error)}
+                                          : self->open(reply.value_or(QByteArray()), headersAt);
+                if (reply) {
+                    self->pm_->http().recycle(std::move(*reply));
+                }
+                // The next request leaves before this one's handler runs, so a
+                // handler that sends again queues behind what was already waiting.
+                self->sendNext();
+                if (*done) {
+                    (*done)(exchange);
+                }
+                if (self && exchange.result == Exchange::Result::opened) {
+                    self->plaintextBuffer_ = std::move(exchange.plaintext);
+                }
+            });
     } catch (...) {
         Exchange failed{Exchange::Result::failed, {}, Error::fromCurrentException()};
         QMetaObject::invokeMethod(
             this,
-            [this, done = std::move(request.done), failed = std::move(failed)]() mutable {
+            [this, done, failed = std::move(failed)]() mutable {
                 sendNext();
-                if (done) {
-                    done(failed);
+                if (*done) {
+                    (*done)(failed);
                 }
             },
             Qt::QueuedConnection);
         return;
     }
-    QPointer<BackendSession> self(this);
-    pm_->publishLocalTimed(
-        body, port_, QString::fromLatin1(requestPath), pm_->bearerToken,
-        [self, done = std::move(request.done)](std::optional<QByteArray> reply,
-                                               std::optional<Error> error, std::int64_t headersAt) {
-            if (!self) {
-                return;
-            }
-            // Judged against the moment the headers arrived: a large body
-            // takes its time to stream and to open, and that is no sign of age.
-            Exchange exchange = error ? Exchange{Exchange::Result::failed, {}, std::move(error)}
-                                      : self->open(reply.value_or(QByteArray()), headersAt);
-            // The next request leaves before this one's handler runs, so a
-            // handler that sends again queues behind what was already waiting.
-            self->sendNext();
-            if (done) {
-                done(exchange);
-            }
-        });
 }
 
-const std::string &BackendSession::envelopeJSON(const tarnwick::TypeIDAndData &envelope) {
-    // The ping repeats the same folder list until it changes: its JSON text is written once per
-    // change, not on every ping (comparing the texts costs far less than escaping them again).
-    if (!lastEnvelope_ || lastEnvelope_->data != envelope.data ||
-        lastEnvelope_->type != envelope.type || lastEnvelope_->id != envelope.id) {
-        lastEnvelopeJSON_ = lumacrypt::encodeJSON(envelope);
-        lastEnvelope_ = envelope;
+const std::string &
+BackendSession::envelopeJSON(const std::shared_ptr<const tarnwick::TypeIDAndData> &envelope) {
+    // The ping repeats the same folder list until it changes, and then it changes in a few
+    // places: its JSON text is kept and only the pieces of the list that changed are escaped
+    // again (the very envelope sent again needs no comparison at all). The text is what
+    // TypeIDAndData::toJSON writes: {"Type":…,"ID":…,"Data":…}.
+    if (lastEnvelope_ == envelope) {
+        return lastEnvelopeJSON_;
     }
+    if (lastEnvelope_ && lastEnvelope_->type == envelope->type &&
+        lastEnvelope_->id == envelope->id) {
+        escapedData_.update(lastEnvelopeJSON_, lastEnvelope_->data, envelope->data);
+    } else {
+        lastEnvelopeJSON_.clear();
+        lastEnvelopeJSON_ += "{\"Type\":";
+        tarnwick::json::appendString(lastEnvelopeJSON_, envelope->type);
+        lastEnvelopeJSON_ += ",\"ID\":";
+        tarnwick::json::appendString(lastEnvelopeJSON_, envelope->id);
+        lastEnvelopeJSON_ += ",\"Data\":\"";
+        escapedData_.write(lastEnvelopeJSON_, envelope->data);
+        lastEnvelopeJSON_ += "\"}";
+    }
+    lastEnvelope_ = envelope;
     return lastEnvelopeJSON_;
 }
 
+namespace {
+
+// Thrown from the record check to refuse a request of ours sent back.
+struct OwnRequest {};
+
+} // namespace
+
 Exchange BackendSession::open(const QByteArray &body, std::int64_t headersAt) {
     try {
-        const lumacrypt::KeyExchangeAEADStore record = lumacrypt::KeyExchangeAEADStore::fromJSON(
-            std::string_view(body.constData(), static_cast<std::size_t>(body.size())));
-        if (isOwnRequest(record.kdfNonce)) {
-            // Both directions derive their keys from the same secret, so a request sent
-            // back opens like a reply: refused as one that does not open.
-            if (reflectedReplies_++ % 100 == 0) {
-                pm_->log("warning: refused a reply that is a request of ours sent back (" +
-                         std::to_string(reflectedReplies_) + " so far)");
-            }
-            return {Exchange::Result::unreadable,
-                    {},
-                    Error{"KeyExchangeError", 0, "the reply repeats a request of ours"}};
-        }
-        const lumacrypt::Bytes plain = pm_->kes.decryptAEADStore(record);
+        // The reply is opened where it lies, straight into the reused buffer; the
+        // HTTP client leaves room after a body for the parser to read past its end.
+        const bool padded = body.capacity() - body.size() >= qsizetype(tarnwick::jsonPadding);
+        const lumacrypt::KeyExchangeAEADStore record = pm_->kes.decryptJSON(
+            std::string_view(body.constData(), static_cast<std::size_t>(body.size())),
+            plaintextBuffer_,
+            [this](const lumacrypt::KeyExchangeAEADStore &fields) {
+                if (isOwnRequest(fields.kdfNonce)) {
+                    throw OwnRequest{};
+                }
+            },
+            padded);
         if (std::optional<Error> stale = pm_->checkTimestamp(record.additionalData, headersAt)) {
             return {Exchange::Result::unreadable, {}, std::move(stale)};
         }
-        return {Exchange::Result::opened, std::string(plain.begin(), plain.end()), std::nullopt};
+        return {Exchange::Result::opened, std::move(plaintextBuffer_), std::nullopt};
+    } catch (const OwnRequest &) {
+        // Both directions derive their keys from the same secret, so a request sent
+        // back opens like a reply: refused as one that does not open.
+        if (reflectedReplies_++ % 100 == 0) {
+            pm_->log("warning: refused a reply that is a request of ours sent back (" +
+                     std::to_string(reflectedReplies_) + " so far)");
+        }
+        return {Exchange::Result::unreadable,
+                {},
+                Error{"KeyExchangeError", 0, "the reply repeats a request of ours"}};
     } catch (...) {
         return {Exchange::Result::unreadable, {}, Error::fromCurrentException()};
     }

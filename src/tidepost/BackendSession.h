@@ -18,6 +18,7 @@
 
 #include "PollManager.h"
 
+#include <JsonWriter.h>
 #include <Models.h>
 
 #include <QObject>
@@ -26,6 +27,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -77,6 +79,9 @@ public:
     /// Queues one request; done is called exactly once from the event loop (unless the session is
     /// destroyed first).
     void send(const tarnwick::TypeIDAndData &envelope, Priority priority, Handler done);
+    /// The same with an envelope the caller shares (it is not copied).
+    void send(std::shared_ptr<const tarnwick::TypeIDAndData> envelope, Priority priority,
+              Handler done);
 
     /// Whether a request is on the wire.
     bool isBusy() const { return inFlight_; }
@@ -85,7 +90,7 @@ public:
 
 private:
     struct Pending {
-        tarnwick::TypeIDAndData envelope;
+        std::shared_ptr<const tarnwick::TypeIDAndData> envelope;
         Handler done;
     };
 
@@ -93,7 +98,7 @@ private:
     void post(Pending request);
     Exchange open(const QByteArray &body, std::int64_t headersAt);
     // The envelope's JSON text (the last one's, when the envelope is the same again).
-    const std::string &envelopeJSON(const tarnwick::TypeIDAndData &envelope);
+    const std::string &envelopeJSON(const std::shared_ptr<const tarnwick::TypeIDAndData> &envelope);
     // Whether a reply's KDFNonce is that of a request we sent lately: our own
     // request sent back to us (it opens, since both directions share the key).
     bool isOwnRequest(const std::string &kdfNonce) const;
@@ -107,8 +112,13 @@ private:
     // The HKDF salts (decoded KDFNonces) of the latest requests.
     std::deque<lumacrypt::Bytes> sentSalts_;
     std::uint64_t reflectedReplies_ = 0;
-    std::optional<tarnwick::TypeIDAndData> lastEnvelope_;
+    std::shared_ptr<const tarnwick::TypeIDAndData> lastEnvelope_;
     std::string lastEnvelopeJSON_;
+    // Where the envelope's Data sits in lastEnvelopeJSON_, escaped.
+    tarnwick::json::EscapedRegion escapedData_;
+    // The buffer replies are opened into, handed out with each reply and taken back once its
+    // handler has run: a report of the same size as the last one needs no new memory.
+    std::string plaintextBuffer_;
 };
 
 } // namespace tidepost

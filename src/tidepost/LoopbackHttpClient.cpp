@@ -1,5 +1,7 @@
 #include "LoopbackHttpClient.h"
 
+#include <Models.h>
+
 #include <QMetaObject>
 #include <QNetworkProxy>
 #include <QNetworkReply>
@@ -140,25 +142,22 @@ LoopbackHttpClient::Connection *LoopbackHttpClient::connectionFor(const QString 
     return raw;
 }
 
-void LoopbackHttpClient::post(const QUrl &url, const QByteArray &headers, const QByteArray &body,
-                              Done done) {
-    auto exchange = std::make_unique<Exchange>();
-    exchange->done = std::move(done);
+std::optional<QByteArray> LoopbackHttpClient::head(const QUrl &url, const QByteArray &headers,
+                                                   qint64 bodySize, Done &done) {
     if (url.scheme() != QLatin1String("http")) {
         const Error error =
             networkError(QNetworkReply::ProtocolUnknownError,
                          QStringLiteral("Protocol \"%1\" is unknown").arg(url.scheme()));
         QMetaObject::invokeMethod(
             this,
-            [done = std::move(exchange->done), error] {
+            [done = std::move(done), error] {
                 if (done) {
                     done({std::nullopt, error, 0});
                 }
             },
             Qt::QueuedConnection);
-        return;
+        return std::nullopt;
     }
-    const QString host = url.host();
     const int port = url.port(80);
     QByteArray target = url.path(QUrl::FullyEncoded).toUtf8();
     if (target.isEmpty()) {
@@ -174,14 +173,58 @@ void LoopbackHttpClient::post(const QUrl &url, const QByteArray &headers, const 
     if (port != 80) {
         hostHeader += ':' + QByteArray::number(port);
     }
+    QByteArray text;
+    text.reserve(256 + headers.size());
+    text += "POST " + target + " HTTP/1.1\r\nHost: " + hostHeader + "\r\n";
+    text += headers;
+    text += "Content-Length: " + QByteArray::number(bodySize) + "\r\n";
+    text += "Accept-Encoding: identity\r\nConnection: keep-alive\r\n\r\n";
+    return text;
+}
+
+void LoopbackHttpClient::post(const QUrl &url, const QByteArray &headers, const QByteArray &body,
+                              Done done) {
+    std::optional<QByteArray> request = head(url, headers, body.size(), done);
+    if (!request) {
+        return;
+    }
     // The whole request in one piece: head and body leave in one write.
-    QByteArray &request = exchange->request;
-    request.reserve(256 + headers.size() + body.size());
-    request += "POST " + target + " HTTP/1.1\r\nHost: " + hostHeader + "\r\n";
-    request += headers;
-    request += "Content-Length: " + QByteArray::number(body.size()) + "\r\n";
-    request += "Accept-Encoding: identity\r\nConnection: keep-alive\r\n\r\n";
-    request += body;
+    request->reserve(request->size() + body.size());
+    *request += body;
+    send(url, std::move(*request), std::move(done));
+}
+
+void LoopbackHttpClient::post(const QUrl &url, const QByteArray &headers, std::size_t bodySize,
+                              const BodyWriter &write, Done done) {
+    const std::optional<QByteArray> start = head(url, headers, qint64(bodySize), done);
+    if (!start) {
+        return;
+    }
+    // The last request's buffer is taken again when nothing holds it any more (the socket
+    // lets go of a request once it is written): a request as large as the last one then
+    // needs no fresh memory.
+    QByteArray &request = requestBuffer_;
+    request.resize(0);
+    request.reserve(start->size() + qsizetype(bodySize));
+    request += *start;
+    request.resize(start->size() + qsizetype(bodySize));
+    write(std::span<char>(request.data() + start->size(), bodySize));
+    send(url, request, std::move(done));
+}
+
+void LoopbackHttpClient::recycle(QByteArray &&body) {
+    if (!body.isDetached() || body.capacity() <= spareBody_.capacity()) {
+        return;
+    }
+    spareBody_ = std::move(body);
+}
+
+void LoopbackHttpClient::send(const QUrl &url, QByteArray request, Done done) {
+    auto exchange = std::make_unique<Exchange>();
+    exchange->done = std::move(done);
+    exchange->request = std::move(request);
+    const QString host = url.host();
+    const int port = url.port(80);
 
     Connection *connection = connectionFor(host, quint16(port));
     connection->exchange = std::move(exchange);
@@ -433,7 +476,13 @@ bool LoopbackHttpClient::readHead(Connection *connection) {
                        {std::nullopt, tooLargeError(maxReplyBytes_), exchange->headersAt}, false);
                 return false;
             }
-            exchange->body.reserve(qsizetype(*exchange->contentLength));
+            // A body handed back takes this one, and room is left after the body for a
+            // reader that parses it where it lies.
+            exchange->body = std::move(spareBody_);
+            spareBody_ = QByteArray();
+            exchange->body.resize(0);
+            exchange->body.reserve(qsizetype(*exchange->contentLength) +
+                                   qsizetype(tarnwick::jsonPadding));
             exchange->phase = Exchange::Phase::body;
         } else {
             exchange->phase = Exchange::Phase::untilClose;

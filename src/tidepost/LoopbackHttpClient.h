@@ -24,6 +24,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -64,6 +65,15 @@ public:
     /// POSTs body to url (scheme http). headers are extra "Name: value" lines, each ending in
     /// CRLF. done runs exactly once, from the event loop, unless the client is destroyed first.
     void post(const QUrl &url, const QByteArray &headers, const QByteArray &body, Done done);
+    /// Writes a body of bodySize bytes into the place it takes in the request.
+    using BodyWriter = std::function<void(std::span<char> body)>;
+    /// post() with a body that `write` puts straight into the request's buffer, which is kept
+    /// from one request to the next. `write` runs once, before this returns; an exception from
+    /// it leaves this call and nothing is sent.
+    void post(const QUrl &url, const QByteArray &headers, std::size_t bodySize,
+              const BodyWriter &write, Done done);
+    /// Hands back a reply body its receiver is done with: its memory takes the next reply.
+    void recycle(QByteArray &&body);
 
     /// The most reply body bytes this client has held at once for one exchange (for tests).
     qint64 peakReplyBytes() const { return peakReplyBytes_; }
@@ -78,6 +88,11 @@ private:
     struct Connection;
     struct Exchange;
 
+    // The request's start line and headers for a body of bodySize bytes (nothing on an error,
+    // which is then reported through done).
+    std::optional<QByteArray> head(const QUrl &url, const QByteArray &headers, qint64 bodySize,
+                                   Done &done);
+    void send(const QUrl &url, QByteArray request, Done done);
     Connection *connectionFor(const QString &host, quint16 port);
     void start(Connection *connection);
     void onConnected(Connection *connection);
@@ -98,6 +113,9 @@ private:
     std::chrono::milliseconds timeout_{30000};
     qint64 maxReplyBytes_ = qint64(64) * 1024 * 1024;
     std::vector<std::unique_ptr<Connection>> connections_;
+    // Kept between requests: the last request's buffer and a reply body handed back.
+    QByteArray requestBuffer_;
+    QByteArray spareBody_;
     qint64 peakReplyBytes_ = 0;
     int connectionsOpened_ = 0;
 };

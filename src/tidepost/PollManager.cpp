@@ -378,6 +378,34 @@ void PollManager::publishLocalTimed(std::string_view jsonBody, int port, const Q
     publishWithURLTimed(jsonBody, url, bearerToken, std::move(done));
 }
 
+void PollManager::publishLocalWritten(std::size_t bodySize,
+                                      const LoopbackHttpClient::BodyWriter &write, int port,
+                                      const QString &path, const std::string &bearerToken,
+                                      TimedReplyCallback done) {
+    if (port < 0 || port > 65535) {
+        failLater(std::move(done), Error::of(PollManagerError::urlError));
+        return;
+    }
+    QUrl url;
+    url.setScheme(QStringLiteral("http"));
+    url.setHost(QStringLiteral("127.0.0.1"));
+    url.setPort(port);
+    url.setPath(path);
+    if (!url.isValid()) {
+        failLater(std::move(done), Error::of(PollManagerError::urlError));
+        return;
+    }
+    QByteArray headers = "Content-Type: application/json\r\n";
+    if (!bearerToken.empty()) {
+        headers += "Authorization: Bearer " + QByteArray::fromStdString(bearerToken) + "\r\n";
+    }
+    http_->post(url, headers, bodySize, write, [done = std::move(done)](HttpReply reply) {
+        if (done) {
+            done(std::move(reply.body), std::move(reply.error), reply.headersAt);
+        }
+    });
+}
+
 void PollManager::publishWithURL(const std::string &jsonBody, const QUrl &url,
                                  const std::string &bearerToken, ReplyCallback done) {
     publishWithURLTimed(jsonBody, url, bearerToken,

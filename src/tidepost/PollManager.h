@@ -183,6 +183,12 @@ public:
                            const std::string &bearerToken, TimedReplyCallback done);
     void publishWithURLTimed(std::string_view jsonBody, const QUrl &url,
                              const std::string &bearerToken, TimedReplyCallback done);
+    /// publishLocalTimed with a body of bodySize bytes that `write` puts straight into the
+    /// request's buffer (called once, before this returns, unless the URL cannot be built). An
+    /// exception from `write` leaves this call and nothing is sent.
+    void publishLocalWritten(std::size_t bodySize, const LoopbackHttpClient::BodyWriter &write,
+                             int port, const QString &path, const std::string &bearerToken,
+                             TimedReplyCallback done);
     /// The HTTP client underneath (tests watch its buffers and connections).
     LoopbackHttpClient &http() { return *http_; }
     /// Encodes value (objectAsString), then as publishLocal above; an encoding error goes to the

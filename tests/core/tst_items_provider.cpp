@@ -11,8 +11,10 @@
 #include <QFile>
 #include <QSettings>
 #include <QSignalSpy>
+
 #include <QTemporaryDir>
 #include <QTest>
+#include <random>
 
 #include <atomic>
 #include <thread>
@@ -204,6 +206,36 @@ private slots:
         QCOMPARE(f.provider->walkDirIcon("/a"), "internaldrive");
     }
 
+    void aReportInAnotherOrderUpdatesTheRightRows() {
+        // Rows are matched by path wherever a folder stands in the report: a report that lists
+        // the folders in another order, or with one more in front, changes the rows whose
+        // records changed and no others, and the list keeps its own order.
+        Fixture f(false);
+        f.provider->update({folder("/a", "Up to date", 1), folder("/b", "Up to date", 1),
+                            folder("/c", "Up to date", 1)});
+        QSignalSpy changed(f.provider->dirItemsModel(), &QAbstractItemModel::dataChanged);
+        f.provider->update({folder("/c", "1 of 6 - Scanning", 1), folder("/a", "Up to date", 1),
+                            folder("/b", "Up to date", 3)});
+        const auto &items = f.provider->dirItems();
+        QCOMPARE(items.size(), 3u);
+        QCOMPARE(items[0].path, std::string("/a"));
+        QCOMPARE(items[0].status, std::string("Up to date"));
+        QCOMPARE(items[1].groupID, 3);
+        QCOMPARE(items[2].status, std::string("1 of 6 - Scanning"));
+        QCOMPARE(changed.count(), 1);
+        QCOMPARE(changed[0][0].value<QModelIndex>().row(), 1);
+        QCOMPARE(changed[0][1].value<QModelIndex>().row(), 2);
+        changed.clear();
+        f.provider->update({folder("/new", "Up to date", 1), folder("/a", "Up to date", 1),
+                            folder("/b", "Up to date", 3), folder("/c", "Up to date", 1)});
+        QCOMPARE(items.size(), 4u);
+        QCOMPARE(items[3].path, std::string("/new"));
+        QCOMPARE(items[2].status, std::string("Up to date"));
+        QCOMPARE(changed.count(), 1);
+        QCOMPARE(changed[0][0].value<QModelIndex>().row(), 2);
+        QCOMPARE(changed[0][1].value<QModelIndex>().row(), 2);
+    }
+
     void bigReportChangingOneStatusSignalsOneRow() {
         Fixture f(false);
         std::vector<DirItem> report;
@@ -248,6 +280,41 @@ private slots:
         f.provider->deleteItem("/a");
         QCOMPARE(f.provider->pingPayload(), encodeDirItems(f.provider->dirItems()));
         QVERIFY(!QByteArray::fromStdString(f.provider->pingPayload()).contains("\"/a\""));
+    }
+
+    void pingPayloadRewritesOnlyChangedRowsAndStaysTheListsText() {
+        // A long run of reports that change some rows, add folders, repeat themselves, and of
+        // removals: after each, the payload is exactly the list's own text.
+        Fixture f(false);
+        std::mt19937 rng(5);
+        std::vector<DirItem> report;
+        for (int i = 0; i < 300; ++i) {
+            report.push_back(folder("/data/f" + std::to_string(i), "Up to date", 1 + i % 4));
+        }
+        f.provider->update(report);
+        QCOMPARE(f.provider->pingPayload(), encodeDirItems(f.provider->dirItems()));
+        for (int round = 0; round < 200; ++round) {
+            const int kind = round % 5;
+            if (kind == 0 || kind == 1) {
+                for (int k = 0; k < 1 + round % 7; ++k) {
+                    DirItem &item = report[rng() % report.size()];
+                    item.status = "3 of 6 - \"" + std::to_string(rng() % 1000) + "\" Документы";
+                    if (k == 2) {
+                        item.error = "denied";
+                    }
+                }
+            } else if (kind == 2) {
+                report.push_back(folder("/data/new" + std::to_string(round), "1 of 6 - x"));
+            } else if (kind == 3 && f.provider->dirItems().size() > 10) {
+                const std::string path =
+                    f.provider->dirItems()[rng() % f.provider->dirItems().size()].path;
+                f.provider->deleteItem(QString::fromStdString(path));
+                std::erase_if(report, [&](const DirItem &item) { return item.path == path; });
+            }
+            f.provider->update(report);
+            QVERIFY2(f.provider->pingPayload() == encodeDirItems(f.provider->dirItems()),
+                     std::to_string(round).c_str());
+        }
     }
 
     void sameReportAgainChangesNothingAndSignalsNothing() {

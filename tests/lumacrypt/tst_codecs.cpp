@@ -57,6 +57,53 @@ private slots:
         QCOMPARE(base64Decode(""), std::optional<Bytes>(Bytes{}));
     }
 
+    void base64AgreesWithQtAtEveryLength() {
+        // Lengths around the encoder's six-byte steps and the decoder's 16-group blocks,
+        // against Qt's codec as the reference, through both the returning and the in-place
+        // forms.
+        Bytes data(300);
+        for (std::size_t i = 0; i < data.size(); ++i) {
+            data[i] = std::uint8_t((i * 167 + 13) ^ (i >> 3));
+        }
+        for (std::size_t n = 0; n <= data.size(); ++n) {
+            const Bytes part(data.begin(), data.begin() + std::ptrdiff_t(n));
+            const QByteArray reference =
+                QByteArray(reinterpret_cast<const char *>(part.data()), qsizetype(n)).toBase64();
+            const std::string encoded = base64Encode(part);
+            QCOMPARE(QByteArray::fromStdString(encoded), reference);
+            QCOMPARE(base64EncodedSize(n), encoded.size());
+            std::string inPlace(encoded.size(), '\0');
+            base64EncodeInto(part, inPlace.data());
+            QCOMPARE(inPlace, encoded);
+            QCOMPARE(base64DecodedSize(encoded), std::optional<std::size_t>(n));
+            QCOMPARE(base64Decode(encoded), std::optional<Bytes>(part));
+        }
+    }
+
+    void base64RefusesABadCharacterAnywhere() {
+        // 400 characters (100 groups): one character outside the alphabet, or a padding
+        // character, at any position but the padding's own is refused.
+        Bytes data(299);
+        for (std::size_t i = 0; i < data.size(); ++i) {
+            data[i] = std::uint8_t(i * 31 + 7);
+        }
+        const std::string good = base64Encode(data);
+        QCOMPARE(good.size(), std::size_t{400});
+        QVERIFY(good.ends_with("=") && !good.ends_with("=="));
+        for (const char bad : {'=', '-', '_', ' ', '\n', '\0', '\x80', '\xff'}) {
+            for (std::size_t at = 0; at + 1 < good.size(); ++at) {
+                if (bad == '=' && at + 2 == good.size()) {
+                    continue; // "xx==" is a complete last group
+                }
+                std::string text = good;
+                text[at] = bad;
+                QVERIFY2(!base64Decode(text).has_value(), std::to_string(at).c_str());
+                Bytes out(*base64DecodedSize(good));
+                QVERIFY(!base64DecodeInto(text, out.data()));
+            }
+        }
+    }
+
     void randomBytes() {
         QCOMPARE(KeyExchangeRandomBytes(0).size(), std::size_t{0});
         QCOMPARE(KeyExchangeRandomBytes(32).size(), std::size_t{32});

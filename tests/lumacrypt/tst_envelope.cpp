@@ -218,6 +218,201 @@ private slots:
             KeyExchangeError::invalidFormat));
     }
 
+    void recordJSONWrittenInPlaceIsTheRecordsJSON() {
+        // Sizes on both sides of the piece the box is sealed and opened in (12,288 bytes of box,
+        // i.e. 12,260 of plaintext), and well beyond; AES-GCM and ChaCha20-Poly1305.
+        const std::size_t sizes[] = {0,     1,     2,     3,     1000,  12259,  12260,
+                                     12261, 12262, 24548, 24549, 24550, 100000, (1 << 20) + 1};
+        const Bytes salt(32, 0x5a);
+        const Bytes nonce(12, 0x33);
+        const Bytes stamp = bytesOf("1700000000123");
+        for (const KeyExchangeAEAD aead : {KeyExchangeAEAD::aesgcm, KeyExchangeAEAD::chachapoly}) {
+            const Pair p = makePair(aead);
+            for (const std::size_t n : sizes) {
+                Bytes plain(n);
+                for (std::size_t i = 0; i < n; ++i) {
+                    plain[i] = std::uint8_t(i * 7 + (i >> 9));
+                }
+                const std::string expected =
+                    p.client.encryptWithNonces(salt, plain, nonce, stamp).toJSON();
+                QCOMPARE(KeyExchangeStore::sealedJSONSize(n, stamp.size()), expected.size());
+                std::string out(expected.size(), '\0');
+                QCOMPARE(p.client.encryptToJSONWithNonces(salt, plain, nonce, stamp, out), salt);
+                QCOMPARE(out, expected);
+
+                // The other side opens it into a buffer that held something else before.
+                std::string opened(n / 2 + 5, 'x');
+                const KeyExchangeAEADStore fields = p.backend.decryptJSON(out, opened);
+                QCOMPARE(opened, std::string(plain.begin(), plain.end()));
+                QCOMPARE(fields.kdfNonce, base64Encode(salt));
+                QCOMPARE(fields.aeadNonce, base64Encode(nonce));
+                QCOMPARE(fields.additionalData, base64Encode(stamp));
+                QVERIFY(fields.ciphertext.empty());
+            }
+        }
+        // With fresh nonces: the salt returned is the record's, and each seal differs.
+        const Pair p = makePair();
+        const Bytes plain(20000, 0x41);
+        std::string a(KeyExchangeStore::sealedJSONSize(plain.size(), stamp.size()), '\0');
+        std::string b = a;
+        const Bytes saltA = p.client.encryptToJSON(plain, stamp, a);
+        const Bytes saltB = p.client.encryptToJSON(plain, stamp, b);
+        QVERIFY(saltA != saltB);
+        QVERIFY(a != b);
+        const KeyExchangeAEADStore record = KeyExchangeAEADStore::fromJSON(a);
+        QCOMPARE(*base64Decode(record.kdfNonce), saltA);
+        QCOMPARE(p.backend.decryptAEADStore(record), plain);
+        // An output of another length is refused before anything is written.
+        std::string shortOut(a.size() - 1, '\0');
+        QVERIFY_THROWS_EXCEPTION(std::length_error, p.client.encryptToJSON(plain, stamp, shortOut));
+        QCOMPARE(shortOut, std::string(a.size() - 1, '\0'));
+    }
+
+    void largeRecordsOpenedInPiecesRefuseWhatAWholeDecodeRefuses() {
+        const Pair p = makePair();
+        Bytes plain(100000);
+        for (std::size_t i = 0; i < plain.size(); ++i) {
+            plain[i] = std::uint8_t(i * 13);
+        }
+        const KeyExchangeAEADStore record = p.client.encrypt(plain, bytesOf("42"));
+        const std::size_t length = record.ciphertext.size();
+        QCOMPARE(length, base64EncodedSize(12 + plain.size() + 16));
+        // Positions in the nonce, at and around the pieces' edges (16,384 characters), in the
+        // middle, in the tag and in the last group.
+        const std::size_t positions[] = {0,     3,     16382, 16383,       16384,      16385,
+                                         32767, 32768, 70001, length - 20, length - 5, length - 2};
+        for (const std::size_t at : positions) {
+            for (const char bad : {'-', '=', ' ', '\0'}) {
+                KeyExchangeAEADStore r = record;
+                r.ciphertext[at] = bad;
+                if (bad == '=' && at == length - 2) {
+                    continue; // "x==" is a valid ending when the group allows it; not a test
+                }
+                const std::string json = r.toJSON();
+                std::string opened = "kept";
+                QVERIFY2(throwsKeyExchange([&] { p.backend.decryptJSON(json, opened); },
+                                           KeyExchangeError::invalidFormat),
+                         std::to_string(at).c_str());
+                QVERIFY(throwsKeyExchange([&] { p.backend.decryptAEADStore(r); },
+                                          KeyExchangeError::invalidFormat));
+            }
+            // A valid character changed: the box no longer authenticates, and nothing of it
+            // is left in the buffer.
+            KeyExchangeAEADStore r = record;
+            r.ciphertext = replaceField(r.ciphertext, at);
+            const std::string json = r.toJSON();
+            std::string opened = "kept";
+            QVERIFY2(throwsCrypto([&] { p.backend.decryptJSON(json, opened); },
+                                  Kind::authenticationFailure),
+                     std::to_string(at).c_str());
+            QVERIFY(opened.empty());
+        }
+        // Additional data that is not the record's fails too.
+        KeyExchangeAEADStore r = record;
+        r.additionalData = base64Encode(bytesOf("43"));
+        std::string opened;
+        QVERIFY(throwsCrypto([&] { p.backend.decryptJSON(r.toJSON(), opened); },
+                             Kind::authenticationFailure));
+        // The intact record opens.
+        p.backend.decryptJSON(record.toJSON(), opened);
+        QCOMPARE(opened, std::string(plain.begin(), plain.end()));
+    }
+
+    void recordsAreOpenedWhereTheyLieWhenPadded() {
+        const Pair p = makePair();
+        const Bytes plain(50000, 0x62);
+        const std::string json = p.client.encrypt(plain, bytesOf("7")).toJSON();
+        // The bytes after the text are not part of it, whatever they hold.
+        for (const char filler : {'\0', '"', '}', ','}) {
+            const std::string buffer = json + std::string(tarnwick::jsonPadding, filler);
+            std::string opened;
+            p.backend.decryptJSON(std::string_view(buffer.data(), json.size()), opened, {}, true);
+            QCOMPARE(opened, std::string(plain.begin(), plain.end()));
+        }
+        // A text that is not a record is refused as when it is copied first.
+        const std::string cut = json.substr(0, json.size() - 1) + std::string(64, ' ');
+        std::string opened;
+        QVERIFY_THROWS_EXCEPTION(
+            DecodingError,
+            p.backend.decryptJSON(std::string_view(cut.data(), json.size() - 1), opened, {}, true));
+        QVERIFY_THROWS_EXCEPTION(DecodingError,
+                                 p.backend.decryptJSON(json.substr(0, json.size() - 1), opened));
+    }
+
+    void recordsInAnyJSONLayoutOpenAsTheirWriterMeantThem() {
+        // The writer's own layout is read where it stands; every other way of writing the same
+        // record (spaces, another key order, escaped characters, an unknown key) gives the
+        // same plaintext, and text that is not JSON is refused as not JSON.
+        const Pair p = makePair();
+        Bytes plain(40000);
+        for (std::size_t i = 0; i < plain.size(); ++i) {
+            plain[i] = std::uint8_t(i * 29 + 3);
+        }
+        const std::string expected(plain.begin(), plain.end());
+        const KeyExchangeAEADStore r = p.client.encrypt(plain, bytesOf("1700000000001"));
+        QVERIFY(r.ciphertext.find('/') != std::string::npos);
+        std::string escaped = r.ciphertext;
+        for (std::size_t at = escaped.find('/'); at != std::string::npos;
+             at = escaped.find('/', at + 2)) {
+            escaped.replace(at, 1, "\\/");
+        }
+        const std::string layouts[] = {
+            r.toJSON(),
+            "{ \"KDFNonce\" : \"" + r.kdfNonce + "\", \"Ciphertext\":\"" + r.ciphertext +
+                "\",\n\"AEADNonce\":\"" + r.aeadNonce + "\",\"AdditionalData\":\"" +
+                r.additionalData + "\" }",
+            "{\"AdditionalData\":\"" + r.additionalData + "\",\"AEADNonce\":\"" + r.aeadNonce +
+                "\",\"Ciphertext\":\"" + r.ciphertext + "\",\"KDFNonce\":\"" + r.kdfNonce + "\"}",
+            "{\"KDFNonce\":\"" + r.kdfNonce + "\",\"Ciphertext\":\"" + escaped +
+                "\",\"AEADNonce\":\"" + r.aeadNonce + "\",\"AdditionalData\":\"" +
+                r.additionalData + "\"}",
+            "{\"KDFNonce\":\"" + r.kdfNonce + "\",\"Ciphertext\":\"" + r.ciphertext +
+                "\",\"AEADNonce\":\"" + r.aeadNonce + "\",\"AdditionalData\":\"" +
+                r.additionalData + "\",\"Extra\":[1,{\"a\":null}]}",
+        };
+        for (const std::string &json : layouts) {
+            std::string opened;
+            const KeyExchangeAEADStore fields = p.backend.decryptJSON(json, opened);
+            QCOMPARE(opened, expected);
+            QCOMPARE(fields.additionalData, r.additionalData);
+            QCOMPARE(fields.kdfNonce, r.kdfNonce);
+        }
+        // In the writer's layout but not JSON: a control character in a value, a trailing
+        // comma, text after the object.
+        std::string control = r.toJSON();
+        control.insert(control.find(r.aeadNonce), "\t");
+        const std::string notJSON[] = {control, r.toJSON().insert(r.toJSON().size() - 1, ","),
+                                       r.toJSON() + "x"};
+        for (const std::string &json : notJSON) {
+            std::string opened;
+            QVERIFY_THROWS_EXCEPTION(DecodingError, p.backend.decryptJSON(json, opened));
+        }
+    }
+
+    void recordCheckRunsBeforeAnythingIsOpened() {
+        const Pair p = makePair();
+        const KeyExchangeAEADStore record = p.client.encrypt(Bytes(30000, 0x63), bytesOf("9"));
+        KeyExchangeAEADStore seen;
+        std::string opened;
+        p.backend.decryptJSON(record.toJSON(), opened,
+                              [&](const KeyExchangeAEADStore &fields) { seen = fields; });
+        QCOMPARE(seen.kdfNonce, record.kdfNonce);
+        QCOMPARE(seen.aeadNonce, record.aeadNonce);
+        QCOMPARE(seen.additionalData, record.additionalData);
+        QCOMPARE(opened, std::string(30000, 'c'));
+
+        // A check that refuses wins over a box that would not open, and the buffer is untouched.
+        KeyExchangeAEADStore tampered = record;
+        tampered.ciphertext = replaceField(tampered.ciphertext, 100);
+        std::string untouched = "untouched";
+        QVERIFY_THROWS_EXCEPTION(
+            std::runtime_error,
+            p.backend.decryptJSON(tampered.toJSON(), untouched, [](const KeyExchangeAEADStore &) {
+                throw std::runtime_error("refused");
+            }));
+        QCOMPARE(untouched, std::string("untouched"));
+    }
+
     void shortBoxesFailAuthentication() {
         const Pair p = makePair();
         const KeyExchangeAEADStore record = p.client.encrypt(bytesOf(""), bytesOf("1"));

@@ -160,6 +160,83 @@ private slots:
         }
     }
 
+    void longTextsThatGrowManyTimesOverAndAppendsToEarlierText() {
+        // Texts far longer than the room made for them up front (control characters take six
+        // bytes each), with special bytes at every offset of an eight-byte word, appended after
+        // earlier output.
+        std::string controls;
+        for (int i = 0; i < 100000; ++i) {
+            controls.push_back(static_cast<char>(i % 0x20));
+        }
+        std::string mixed;
+        for (int i = 0; i < 50000; ++i) {
+            mixed += (i % 9 == 0)    ? "\""
+                     : (i % 11 == 0) ? "\xC3\xA9"
+                     : (i % 13 == 0) ? "\xFF"
+                                     : "a";
+        }
+        for (const std::string &text : {controls, mixed}) {
+            std::string out = "prefix:";
+            json::appendString(out, text);
+            QCOMPARE(out, "prefix:" + nlohmannString(text));
+        }
+    }
+
+    void escapedRegionFollowsEditsAsAFreshEscapingWould() {
+        // A long text (ASCII, quotes, controls, UTF-8 and broken UTF-8) edited again and again:
+        // after each update the region reads exactly as the new text escaped afresh, and the
+        // text around it stays. Edits fall anywhere, also right at and around the marks every
+        // 16 KiB, and include growing, shrinking, emptying and repeating the same text.
+        std::mt19937_64 rng(99);
+        std::string text;
+        while (text.size() < 200000) {
+            text += randomText(rng, true);
+            text += "\",\"Status\":\"3 of 6 - \xD0\x94\xD0\xBE\xD0\xBA \xE6\x97\xA5";
+        }
+        json::EscapedRegion region;
+        std::string out = "{\"Data\":\"";
+        region.write(out, text);
+        out += "\"}";
+        const auto check = [&](const std::string &current) {
+            std::string expected = "{\"Data\":\"";
+            json::appendEscaped(expected, current);
+            expected += "\"}";
+            return out == expected && region.size() == expected.size() - 11;
+        };
+        QVERIFY(check(text));
+        for (int round = 0; round < 400; ++round) {
+            std::string next = text;
+            const int kind = round % 8;
+            std::size_t at = next.empty() ? 0 : std::size_t(rng() % (next.size() + 1));
+            if (kind == 1) {
+                at = std::min(next.size(), std::size_t(16384) * (1 + rng() % 12) + rng() % 5 - 2);
+            }
+            const std::size_t removed = std::min(next.size() - at, std::size_t(rng() % 300));
+            std::string inserted = round % 5 == 0 ? std::string() : randomText(rng, true);
+            if (kind == 2) {
+                inserted = "\x94\xD0"; // continuation and lead bytes, to split sequences
+            }
+            if (kind == 7 && round % 3 == 0) {
+                next = text; // the same text again
+            } else if (kind == 6 && round % 50 == 6) {
+                next.clear();
+            } else {
+                next.replace(at, removed, inserted);
+            }
+            if (kind == 5) {
+                next += "\xE6\x97"; // ends in a cut sequence, extended by the next edit
+            }
+            region.update(out, text, next);
+            text = std::move(next);
+            QVERIFY2(check(text), std::to_string(round).c_str());
+            if (text.empty()) {
+                text = "a\"b";
+                region.update(out, "", text);
+                QVERIFY(check(text));
+            }
+        }
+    }
+
     void outputOfInvalidTextIsValidJSON() {
         // Whatever bytes a path holds, the written text decodes again.
         std::mt19937_64 rng(7);

@@ -734,6 +734,34 @@ private slots:
         EXPECT_DECODING_ERROR(ServerResponse::fromJSON(groups));
     }
 
+    void dirItemsDecodedOverAnEarlierList() {
+        // Reading a list over the records of an earlier one gives what a fresh decode gives:
+        // a longer earlier list shrinks, a shorter one grows, an Error that was there and is
+        // now absent or null is gone, and no text of the earlier records stays behind.
+        const std::vector<DirItem> first{
+            {"disk full", true, 1, "A long name that is longer", "/a", "3 of 6 - Checking"},
+            {"gone soon", false, 2, "B", "/b", "Up to date"},
+            {std::nullopt, true, 3, "C", "/c", "Up to date"},
+        };
+        const std::string second =
+            R"([{"Path":"/b2","Enabled":true,"GroupID":5,"Name":"b","Status":"1 of 6 - x"},)"
+            R"({"Path":"/a","Error":null,"Enabled":false,"GroupID":1,"Name":"A","Status":"s"}])";
+        const std::string third = "[" + validDirItem + "," + first[0].toJSON() + "," +
+                                  first[1].toJSON() + "," + first[2].toJSON() + "]";
+        std::vector<DirItem> items = first;
+        for (const std::string &text : {second, third, second, encodeDirItems(first)}) {
+            decodeDirItemsInto(text, items);
+            const std::vector<DirItem> fresh = decodeDirItems(text);
+            QCOMPARE(items.size(), fresh.size());
+            for (std::size_t i = 0; i < fresh.size(); ++i) {
+                QVERIFY2(same(items[i], fresh[i]), text.c_str());
+            }
+        }
+        decodeDirItemsInto("[]", items);
+        QVERIFY(items.empty());
+        EXPECT_DECODING_ERROR(decodeDirItemsInto("[" + validGroupItem + "]", items));
+    }
+
     void listsRoundTrip() {
         std::vector<DirItem> items{
             {std::nullopt, true, 1, "Documents", "/home/ana/Documents", "Up to date"},

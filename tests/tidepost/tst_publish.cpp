@@ -167,6 +167,9 @@ private slots:
     void streamWithoutLengthIsCutAtTheCap();
     void largeReplyIsFreshWhenItsHeadersWere();
     void replyWhoseHeadersArriveLateIsRefused();
+    void bodyWrittenIntoTheRequestArrivesWhole();
+    void envelopesThatChangeInPlacesAreSentAsTheirJSON();
+    void replyBodyHandedBackTakesTheNextReply();
 };
 
 void TestPublish::postsJSONWithBearerToken() {
@@ -725,4 +728,148 @@ void TestPublish::replyWhoseHeadersArriveLateIsRefused() {
 }
 
 QTEST_GUILESS_MAIN(TestPublish)
+
+void TestPublish::bodyWrittenIntoTheRequestArrivesWhole() {
+    // A body written straight into the request's buffer leaves with the same head and headers
+    // as one passed whole; requests of other sizes after it (larger, smaller) arrive intact,
+    // and a writer that throws sends nothing and leaves the next request unharmed.
+    CannedServer server;
+    QVERIFY(server.listen());
+    server.respond = [](QTcpSocket *socket, const Received &request) {
+        socket->write(answer(200, "OK", request.body));
+    };
+    PollManager pm(tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
+    const std::size_t sizes[] = {5, 300000, 17, 300000};
+    for (std::size_t round = 0; round < std::size(sizes); ++round) {
+        const std::size_t size = sizes[round];
+        std::string body(size, '\0');
+        for (std::size_t i = 0; i < size; ++i) {
+            body[i] = char('a' + (i * 7 + round) % 26);
+        }
+        Outcome outcome;
+        pm.publishLocalWritten(
+            size,
+            [&](std::span<char> out) {
+                QCOMPARE(out.size(), size);
+                std::copy(body.begin(), body.end(), out.begin());
+            },
+            server.port(), QStringLiteral("/request"), kToken,
+            [&outcome](std::optional<QByteArray> b, std::optional<Error> e, std::int64_t) {
+                ++outcome.calls;
+                outcome.body = std::move(b);
+                outcome.error = std::move(e);
+            });
+        QTRY_COMPARE_WITH_TIMEOUT(outcome.calls, 1, 10000);
+        QVERIFY(!outcome.error);
+        QCOMPARE(outcome.body, std::optional<QByteArray>(QByteArray::fromStdString(body)));
+        const Received &request = server.requests.back();
+        QCOMPARE(request.method, QByteArray("POST"));
+        QCOMPARE(request.target, QByteArray("/request"));
+        QCOMPARE(request.body, QByteArray::fromStdString(body));
+        QCOMPARE(request.header("authorization"),
+                 std::optional<QByteArray>("Bearer " + QByteArray::fromStdString(kToken)));
+        QCOMPARE(request.header("content-type"), std::optional<QByteArray>("application/json"));
+        QCOMPARE(request.header("content-length"),
+                 std::optional<QByteArray>(QByteArray::number(qsizetype(size))));
+        QCOMPARE(request.header("accept-encoding"), std::optional<QByteArray>("identity"));
+    }
+    int calls = 0;
+    QVERIFY_THROWS_EXCEPTION(
+        std::runtime_error,
+        pm.publishLocalWritten(
+            10, [](std::span<char>) { throw std::runtime_error("sealing failed"); }, server.port(),
+            QStringLiteral("/request"), kToken,
+            [&calls](std::optional<QByteArray>, std::optional<Error>, std::int64_t) { ++calls; }));
+    Outcome after;
+    pm.publishLocal(std::string("{}"), server.port(), QStringLiteral("/request"), kToken,
+                    after.callback());
+    QTRY_COMPARE_WITH_TIMEOUT(after.calls, 1, 10000);
+    QCOMPARE(after.body, std::optional<QByteArray>(QByteArray("{}")));
+    QCOMPARE(calls, 0);
+    QCOMPARE(server.requests.size(), std::size(sizes) + 1);
+}
+
+void TestPublish::replyBodyHandedBackTakesTheNextReply() {
+    // A body handed back is the memory the next reply of no greater size is read into, with
+    // room after it for a reader that parses in place.
+    CannedServer server;
+    QVERIFY(server.listen());
+    server.respond = [](QTcpSocket *socket, const Received &request) {
+        socket->write(answer(200, "OK", request.body));
+    };
+    PollManager pm(tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
+    const auto post = [&](const std::string &body) {
+        Outcome outcome;
+        pm.publishLocal(body, server.port(), QStringLiteral("/request"), kToken,
+                        outcome.callback());
+        if (!QTest::qWaitFor([&] { return outcome.calls == 1; }, 10000)) {
+            return QByteArray();
+        }
+        return outcome.body.value_or(QByteArray());
+    };
+    QByteArray first = post(std::string(100000, 'x'));
+    QCOMPARE(first.size(), 100000);
+    QVERIFY(first.capacity() - first.size() >= qsizetype(tarnwick::jsonPadding));
+    const char *memory = first.constData();
+    pm.http().recycle(std::move(first));
+    const QByteArray second = post(std::string(90000, 'y'));
+    QCOMPARE(second, QByteArray(90000, 'y'));
+    QCOMPARE(second.constData(), memory);
+    QVERIFY(second.capacity() - second.size() >= qsizetype(tarnwick::jsonPadding));
+    // A body still shared elsewhere is not taken: the next reply gets memory of its own.
+    QByteArray shared = second;
+    pm.http().recycle(std::move(shared));
+    const QByteArray third = post(std::string(1000, 'z'));
+    QCOMPARE(third, QByteArray(1000, 'z'));
+    QVERIFY(third.constData() != second.constData());
+}
+
+void TestPublish::envelopesThatChangeInPlacesAreSentAsTheirJSON() {
+    // The session keeps the last envelope's JSON and escapes again only the parts of a new
+    // folder list that changed: whatever the change, the backend opens exactly the envelope's
+    // own JSON text.
+    CannedServer server;
+    QVERIFY(server.listen());
+    SealedPeer peer(server.port());
+    std::vector<std::string> opened;
+    server.respond = [&](QTcpSocket *socket, const Received &request) {
+        const lumacrypt::Bytes plain = peer.backend.decryptAEADStore(
+            lumacrypt::KeyExchangeAEADStore::fromJSON(request.body.toStdString()));
+        opened.emplace_back(plain.begin(), plain.end());
+        peer.clock.advance(std::chrono::milliseconds(1));
+        socket->write(answer(200, "OK", peer.reply("[]")));
+    };
+    std::string list = "[";
+    for (int i = 0; i < 3000; ++i) {
+        list += "{\"Path\":\"/home/ana/\xD0\x94\xD0\xBE\xD0\xBA " + std::to_string(i) +
+                "\",\"Status\":\"3 of 6 - \\\"x\\\"\t" + std::to_string(i * 7) + "\"},";
+    }
+    list += "{}]";
+    std::vector<tarnwick::TypeIDAndData> envelopes;
+    envelopes.push_back({"ping", "", list});
+    envelopes.push_back({"ping", "", list}); // the same list in a new envelope
+    std::string edited = list;
+    edited.replace(100000, 3, "\xE6\x97\xA5\"");
+    envelopes.push_back({"ping", "", edited});
+    edited.insert(40000, "\x94"); // a lone continuation byte
+    edited.erase(150000, 5000);
+    envelopes.push_back({"ping", "", edited});
+    envelopes.push_back({"ping", "", edited + "tail"});
+    envelopes.push_back({"getGroups", "7", ""});
+    envelopes.push_back({"ping", "", list.substr(0, 1000)});
+    envelopes.push_back({"ping", "id", list});
+    envelopes.push_back({"ping", "id", ""});
+    for (const tarnwick::TypeIDAndData &envelope : envelopes) {
+        std::optional<tidepost::Exchange> result;
+        peer.session.send(std::make_shared<const tarnwick::TypeIDAndData>(envelope),
+                          tidepost::BackendSession::Priority::command,
+                          [&](const tidepost::Exchange &exchange) { result = exchange; });
+        QTRY_VERIFY_WITH_TIMEOUT(result.has_value(), 10000);
+        QVERIFY2(result->result == tidepost::Exchange::Result::opened,
+                 result->error ? result->error->description.c_str() : "not opened");
+        QCOMPARE(opened.size(), std::size_t(&envelope - envelopes.data() + 1));
+        QVERIFY(opened.back() == envelope.toJSON());
+    }
+}
+
 #include "tst_publish.moc"

@@ -37,4 +37,19 @@ inline std::span<const std::uint8_t> asBytes(std::string_view text) noexcept {
 // Base64 of a field of a received record; malformed text throws invalidFormat.
 Bytes decodeReceived(std::string_view base64);
 
+// Seals `message` and writes the base64 of the box (nonce || ciphertext || tag),
+// base64EncodedSize(12 + message.size() + 16) characters, to `out`, without holding the box
+// itself. Throws what AESGCMEncrypt / ChaChaPolyEncrypt throw; an unknown aead throws
+// invalidAEAD.
+void sealBase64Into(KeyExchangeAEAD aead, const SymmetricKey &key,
+                    std::span<const std::uint8_t> message, std::span<const std::uint8_t> nonce,
+                    std::span<const std::uint8_t> additionalData, char *out);
+
+// Opens a box given as base64 text into `plaintext` (replacing its content), decoding and
+// decrypting a piece at a time. The text is read as strictly as base64Decode reads it
+// (malformed: invalidFormat); a box that does not open throws as AESGCMDecrypt does, and leaves
+// `plaintext` wiped and empty.
+void openBase64Into(KeyExchangeAEAD aead, const SymmetricKey &key, std::string_view box,
+                    std::span<const std::uint8_t> additionalData, std::string &plaintext);
+
 } // namespace lumacrypt::detail

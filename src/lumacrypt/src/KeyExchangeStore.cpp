@@ -12,7 +12,9 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <cstring>
 #include <initializer_list>
+#include <stdexcept>
 
 namespace lumacrypt {
 
@@ -350,6 +352,186 @@ KeyExchangeAEADStore KeyExchangeStore::encryptWithNonces(
     record.kdfNonce = base64Encode(salt);
     record.aeadNonce = base64Encode(nonce);
     record.additionalData = base64Encode(additionalData);
+    return record;
+}
+
+namespace {
+
+// The record's JSON text is written by hand here, in the layout encodeStringMembers gives it:
+// {"KDFNonce":"…","Ciphertext":"…","AEADNonce":"…","AdditionalData":"…"}. Base64 text needs no
+// escaping, so the values go in as they are.
+constexpr std::size_t kRecordJSONOverhead = [] {
+    std::size_t size = 2 + 3; // braces and the commas between four members
+    for (const std::string_view key : kRecordKeys) {
+        size += key.size() + 5; // two quotes around the key, a colon, two around the value
+    }
+    return size;
+}();
+
+char *putMember(char *out, std::string_view key, bool first) {
+    if (!first) {
+        *out++ = ',';
+    }
+    *out++ = '"';
+    out = std::copy(key.begin(), key.end(), out);
+    *out++ = '"';
+    *out++ = ':';
+    *out++ = '"';
+    return out;
+}
+
+char *putBase64Member(char *out, std::string_view key, std::span<const std::uint8_t> bytes) {
+    out = putMember(out, key, false);
+    base64EncodeInto(bytes, out);
+    out += base64EncodedSize(bytes.size());
+    *out++ = '"';
+    return out;
+}
+
+} // namespace
+
+std::size_t KeyExchangeStore::sealedJSONSize(std::size_t plaintextSize,
+                                             std::size_t additionalDataSize) noexcept {
+    return kRecordJSONOverhead + base64EncodedSize(kSaltSize) +
+           base64EncodedSize(kAEADNonceSize + plaintextSize + kAEADTagSize) +
+           base64EncodedSize(kAEADNonceSize) + base64EncodedSize(additionalDataSize);
+}
+
+Bytes KeyExchangeStore::encryptToJSON(std::span<const std::uint8_t> plaintext,
+                                      std::span<const std::uint8_t> additionalData,
+                                      std::span<char> out) const {
+    return encryptToJSONWithNonces(std::nullopt, plaintext, std::nullopt, additionalData, out);
+}
+
+Bytes KeyExchangeStore::encryptToJSONWithNonces(const std::optional<Bytes> &kdfNonce,
+                                                std::span<const std::uint8_t> plaintext,
+                                                const std::optional<Bytes> &aeadNonce,
+                                                std::span<const std::uint8_t> additionalData,
+                                                std::span<char> out) const {
+    const AgreedSecret &secret = SharedSecret();
+    Bytes salt;
+    Bytes nonce;
+    if (!kdfNonce && !aeadNonce) {
+        if (aead_ != KeyExchangeAEAD::aesgcm && aead_ != KeyExchangeAEAD::chachapoly) {
+            throw KeyExchangeException(KeyExchangeError::invalidAEAD);
+        }
+        const Bytes both = KeyExchangeRandomBytes(kSaltSize + kAEADNonceSize);
+        salt.assign(both.begin(), both.begin() + kSaltSize);
+        nonce.assign(both.begin() + kSaltSize, both.end());
+    } else {
+        salt = kdfNonce ? *kdfNonce : AEADRandomKey(aead_);
+        nonce = aeadNonce ? *aeadNonce : AEADRandomNonce(aead_);
+    }
+    const std::size_t size = kRecordJSONOverhead + base64EncodedSize(salt.size()) +
+                             base64EncodedSize(kAEADNonceSize + plaintext.size() + kAEADTagSize) +
+                             base64EncodedSize(nonce.size()) +
+                             base64EncodedSize(additionalData.size());
+    if (out.size() != size) {
+        throw std::length_error("sealed record JSON: the output is not of the record's length");
+    }
+    const SymmetricKey key =
+        KeyExchangeSymmetricKey(secret, hashFunction_, kdf_, salt, additionalData);
+    char *at = out.data();
+    *at++ = '{';
+    at = putMember(at, kRecordKeys[0], true);
+    base64EncodeInto(salt, at);
+    at += base64EncodedSize(salt.size());
+    *at++ = '"';
+    at = putMember(at, kRecordKeys[1], false);
+    detail::sealBase64Into(aead_, key, plaintext, nonce, additionalData, at);
+    at += base64EncodedSize(kAEADNonceSize + plaintext.size() + kAEADTagSize);
+    *at++ = '"';
+    at = putBase64Member(at, kRecordKeys[2], nonce);
+    at = putBase64Member(at, kRecordKeys[3], additionalData);
+    *at++ = '}';
+    return salt;
+}
+
+namespace {
+
+// Printable ASCII other than '"' and '\\': a string value written as it stands.
+bool plainASCII(std::string_view text) noexcept {
+    return std::all_of(text.begin(), text.end(),
+                       [](char c) { return c >= 0x20 && c < 0x7f && c != '"' && c != '\\'; });
+}
+
+// The record in the exact layout encryptToJSON and toJSON write, values cut out where they
+// stand; nothing for any other text. The ciphertext is only cut at the next quote: its
+// characters are judged by the strict base64 decoder.
+std::optional<std::array<std::string_view, 4>> recordAsWritten(std::string_view json) {
+    std::array<std::string_view, 4> values;
+    std::size_t at = 0;
+    for (std::size_t i = 0; i < 4; ++i) {
+        const std::string_view key = kRecordKeys[i];
+        // {"Key":"  or  ,"Key":"
+        if (at >= json.size() || json[at] != (i == 0 ? '{' : ',') ||
+            json.compare(at + 1, 1, "\"") != 0 || json.compare(at + 2, key.size(), key) != 0 ||
+            json.compare(at + 2 + key.size(), 3, "\":\"") != 0) {
+            return std::nullopt;
+        }
+        at += 2 + key.size() + 3;
+        const void *quote =
+            at < json.size() ? std::memchr(json.data() + at, '"', json.size() - at) : nullptr;
+        if (quote == nullptr) {
+            return std::nullopt;
+        }
+        const std::size_t end =
+            static_cast<std::size_t>(static_cast<const char *>(quote) - json.data());
+        values[i] = json.substr(at, end - at);
+        if (i != 1 && !plainASCII(values[i])) {
+            return std::nullopt;
+        }
+        at = end + 1;
+    }
+    if (at + 1 != json.size() || json[at] != '}') {
+        return std::nullopt;
+    }
+    return values;
+}
+
+} // namespace
+
+KeyExchangeAEADStore KeyExchangeStore::decryptJSON(std::string_view json, std::string &plaintext,
+                                                   const RecordCheck &check, bool padded) const {
+    KeyExchangeAEADStore record;
+    const auto open = [&](std::string_view ciphertext) {
+        if (check) {
+            check(record);
+        }
+        const AgreedSecret &secret = SharedSecret();
+        const Bytes salt = detail::decodeReceived(record.kdfNonce);
+        const Bytes info = detail::decodeReceived(record.additionalData);
+        const SymmetricKey key = KeyExchangeSymmetricKey(secret, hashFunction_, kdf_, salt, info);
+        detail::openBase64Into(aead_, key, ciphertext, info, plaintext);
+    };
+    // A record in the layout our own writers give it is read where it stands: its text is then
+    // valid JSON whose values are exactly what a JSON reader would give (plain ASCII), as long
+    // as the ciphertext passes the strict base64 decoder. A ciphertext that does not is read
+    // again in full, as is any other text, which gives the same result as the full reading
+    // alone, errors included.
+    if (const std::optional<std::array<std::string_view, 4>> values = recordAsWritten(json)) {
+        try {
+            record.kdfNonce = (*values)[0];
+            record.aeadNonce = (*values)[2];
+            record.additionalData = (*values)[3];
+            open((*values)[1]);
+            return record;
+        } catch (const KeyExchangeException &error) {
+            if (error.error() != KeyExchangeError::invalidFormat) {
+                throw;
+            }
+        }
+        record = {};
+    }
+    tarnwick::visitStringMembers(
+        json, "KeyExchangeAEADStore", kRecordKeys,
+        [&](std::span<const std::string_view> values) {
+            record.kdfNonce = values[0];
+            record.aeadNonce = values[2];
+            record.additionalData = values[3];
+            open(values[1]);
+        },
+        padded);
     return record;
 }
 

@@ -6,6 +6,7 @@
 #include "lumacrypt/Types.h"
 
 #include <concepts>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -136,6 +137,34 @@ public:
         const std::string json = encodeJSON(value);
         return encryptWithNonces(kdfNonce, asBytes(json), aeadNonce, additionalData);
     }
+
+    // The length of the JSON text encryptToJSON writes for a plaintext of `plaintextSize` bytes
+    // and additional data of `additionalDataSize` bytes.
+    static std::size_t sealedJSONSize(std::size_t plaintextSize,
+                                      std::size_t additionalDataSize) noexcept;
+    // Seals like encrypt() and writes the record's JSON text (the text toJSON() gives for the
+    // record encrypt() would return) into `out`, which must be exactly sealedJSONSize() long:
+    // the box is encrypted and encoded a piece at a time, never held whole. Returns the salt
+    // (the decoded KDFNonce). A wrong length of `out` throws std::length_error.
+    Bytes encryptToJSON(std::span<const std::uint8_t> plaintext,
+                        std::span<const std::uint8_t> additionalData, std::span<char> out) const;
+    Bytes encryptToJSONWithNonces(const std::optional<Bytes> &kdfNonce,
+                                  std::span<const std::uint8_t> plaintext,
+                                  const std::optional<Bytes> &aeadNonce,
+                                  std::span<const std::uint8_t> additionalData,
+                                  std::span<char> out) const;
+
+    // What decryptJSON hands to its check before it opens anything.
+    using RecordCheck = std::function<void(const KeyExchangeAEADStore &record)>;
+    // Opens a record given as its JSON text, as fromJSON followed by decryptAEADStore would, and
+    // with the same errors, but without copying the ciphertext out of the text: it is decoded
+    // and decrypted a piece at a time straight into `plaintext` (its content replaced; its
+    // capacity kept, so a buffer reused from one reply to the next grows only once). Returns
+    // the record's other three fields (its ciphertext left empty). `check` sees those before
+    // anything is opened and may throw to refuse the record. With `padded`, `json` is followed
+    // by at least tarnwick::jsonPadding readable bytes and is parsed where it lies.
+    KeyExchangeAEADStore decryptJSON(std::string_view json, std::string &plaintext,
+                                     const RecordCheck &check = {}, bool padded = false) const;
 
     // Opens a record given as its four base64 strings. The AEADNonce is not consulted: the nonce
     // at the start of the combined box is the one used. Malformed base64 throws invalidFormat;
