@@ -7,7 +7,7 @@
 #include <QNetworkReply>
 #include <QPointer>
 #include <QTcpSocket>
-#include <QTimer>
+#include <QTimerEvent>
 
 #include <algorithm>
 #include <limits>
@@ -78,7 +78,8 @@ struct LoopbackHttpClient::Exchange {
 
     QByteArray request;
     Done done;
-    QTimer *deadline = nullptr;
+    // The exchange's time limit (a timer of the client's; 0: none).
+    int deadlineTimer = 0;
     bool retried = false;
     bool anyReplyByte = false;
 
@@ -134,7 +135,10 @@ LoopbackHttpClient::Connection *LoopbackHttpClient::connectionFor(const QString 
     connection->socket->setProxy(QNetworkProxy::NoProxy);
     connection->socket->setReadBufferSize(socketReadBufferBytes);
     Connection *raw = connection.get();
-    connect(raw->socket, &QTcpSocket::connected, this, [this, raw] { onConnected(raw); });
+    connect(raw->socket, &QTcpSocket::connected, this, [this, raw] {
+        raw->socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+        onConnected(raw);
+    });
     connect(raw->socket, &QTcpSocket::readyRead, this, [this, raw] { onReadyRead(raw); });
     connect(raw->socket, &QTcpSocket::disconnected, this, [this, raw] { onDisconnected(raw); });
     connect(raw->socket, &QTcpSocket::errorOccurred, this, [this, raw] { onSocketError(raw); });
@@ -231,15 +235,8 @@ void LoopbackHttpClient::send(const QUrl &url, QByteArray request, Done done) {
     Exchange *state = connection->exchange.get();
     // The limit holds for the exchange as a whole, so that a peer trickling bytes cannot keep a
     // request open either.
-    state->deadline = new QTimer(this);
-    state->deadline->setSingleShot(true);
-    connect(state->deadline, &QTimer::timeout, this, [this, state] {
-        if (Connection *owner = ownerOf(state)) {
-            finish(owner, {std::nullopt, timeoutError(timeout_), state->headersAt}, false);
-        }
-    });
-    state->deadline->start(
-        int(std::min<qint64>(timeout_.count(), std::numeric_limits<int>::max())));
+    state->deadlineTimer =
+        startTimer(int(std::min<qint64>(timeout_.count(), std::numeric_limits<int>::max())));
     start(connection);
 }
 
@@ -257,11 +254,12 @@ void LoopbackHttpClient::start(Connection *connection) {
 
 void LoopbackHttpClient::onConnected(Connection *connection) {
     QTcpSocket *socket = connection->socket;
-    socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     if (!connection->exchange) {
         return;
     }
     socket->write(connection->exchange->request);
+    // Out now rather than at the event loop's next turn.
+    socket->flush();
 }
 
 bool LoopbackHttpClient::mayRetry(const Connection *connection) const {
@@ -447,7 +445,7 @@ bool LoopbackHttpClient::readHead(Connection *connection) {
             Exchange fresh;
             fresh.request = std::move(exchange->request);
             fresh.done = std::move(exchange->done);
-            fresh.deadline = exchange->deadline;
+            fresh.deadlineTimer = exchange->deadlineTimer;
             fresh.retried = retried;
             fresh.anyReplyByte = true;
             *exchange = std::move(fresh);
@@ -616,8 +614,9 @@ void LoopbackHttpClient::finish(Connection *connection, HttpReply reply, bool ke
     if (!exchange) {
         return;
     }
-    exchange->deadline->stop();
-    exchange->deadline->deleteLater();
+    if (exchange->deadlineTimer != 0) {
+        killTimer(exchange->deadlineTimer);
+    }
     if (keepConnection) {
         connection->reused = true;
     } else {
@@ -643,10 +642,22 @@ void LoopbackHttpClient::drop(Connection *connection) {
     socket->abort();
     // Not deleted from inside one of its own signals.
     socket->deleteLater();
-    if (owned->exchange && owned->exchange->deadline) {
-        owned->exchange->deadline->stop();
-        owned->exchange->deadline->deleteLater();
+    if (owned->exchange && owned->exchange->deadlineTimer != 0) {
+        killTimer(owned->exchange->deadlineTimer);
     }
+}
+
+void LoopbackHttpClient::timerEvent(QTimerEvent *event) {
+    for (const auto &connection : connections_) {
+        const Exchange *exchange = connection->exchange.get();
+        if (exchange && exchange->deadlineTimer == event->timerId()) {
+            finish(connection.get(), {std::nullopt, timeoutError(timeout_), exchange->headersAt},
+                   false);
+            return;
+        }
+    }
+    // The exchange it limited has ended.
+    killTimer(event->timerId());
 }
 
 } // namespace tidepost

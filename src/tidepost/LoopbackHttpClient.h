@@ -84,6 +84,9 @@ signals:
     /// A reply's status line and headers have been read (at: the clock's time then).
     void replyHeadersArrived(std::int64_t at);
 
+protected:
+    void timerEvent(QTimerEvent *event) override;
+
 private:
     struct Connection;
     struct Exchange;
