@@ -200,6 +200,9 @@ struct ProcessManager::Private {
     // The output thread of the current run: woken through this pipe, stopped by the flag.
     int wakeWrite = -1;
     bool stopOutput = false;
+    // Whether the run's start has been posted to the main thread. The run's output waits for
+    // it, so that a listener hears of the start before any of the new child's output.
+    bool startPosted = false;
 
     void wakeOutputThread() const {
         if (wakeWrite < 0)
@@ -250,6 +253,10 @@ struct ProcessManager::Private {
         std::vector<char> buffer(64 * 1024);
         bool outputOpen = true;
         auto deliver = [&](ssize_t size) {
+            {
+                std::unique_lock lock(mutex);
+                changed.wait(lock, [this] { return startPosted || stopOutput; });
+            }
             const auto text = decodeOutputChunk(QByteArrayView(buffer.data(), size));
             if (text && standardOutput) {
                 try {
@@ -566,6 +573,7 @@ void ProcessManager::runTask(const std::optional<QString> &binURL,
                     d->stopOutput = true;
                     d->wakeOutputThread();
                 }
+                d->changed.notify_all();
                 outputThread.join();
             }
             {
@@ -612,6 +620,7 @@ void ProcessManager::runTask(const std::optional<QString> &binURL,
         std::lock_guard lock(d->mutex);
         d->wakeWrite = wakePipe[1];
         d->stopOutput = false;
+        d->startPosted = false;
     }
     outputThread = std::thread([this, outputRead, wakeRead, &standardOutput] {
         d->outputLoop(outputRead, wakeRead, standardOutput);
@@ -659,6 +668,11 @@ void ProcessManager::runTask(const std::optional<QString> &binURL,
     }
 
     postToMainThread([this, child] { emit taskStarted(child); });
+    {
+        std::lock_guard lock(d->mutex);
+        d->startPosted = true;
+    }
+    d->changed.notify_all();
 
     d->waitForExit(child);
 

@@ -243,6 +243,28 @@ private slots:
         QCOMPARE(runner.currentTaskPid(), 0);
     }
 
+    // A child may print before its parent has seen the exec succeed: the start is still
+    // posted to the main thread before any of the run's output is passed on, so a listener
+    // that starts a run's state on taskStarted never sees that run's output first.
+    void theStartIsPostedBeforeTheRunsOutput() {
+        for (int round = 0; round < 20; ++round) {
+            ProcessManager runner;
+            runner.addArgument(QStringLiteral("first line"));
+            QStringList order;
+            QObject::connect(&runner, &ProcessManager::taskStarted, &runner,
+                             [&order] { order << QStringLiteral("started"); });
+            const StandardOutputHandler output = [&runner, &order](const QString &) {
+                QMetaObject::invokeMethod(
+                    &runner, [&order] { order << QStringLiteral("output"); }, Qt::QueuedConnection);
+            };
+            QSignalSpy finished(&runner, &ProcessManager::loopFinished);
+            QVERIFY(runner.RunProces(path(echoHelper), false, output, {}));
+            QVERIFY(finished.wait(10000));
+            QVERIFY2(!order.isEmpty() && order.first() == QStringLiteral("started"),
+                     qPrintable(order.join(u',')));
+        }
+    }
+
     void absentPathReportedOnRunnerThread() {
         Recorder record;
         ProcessManager runner;
