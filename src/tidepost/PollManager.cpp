@@ -150,6 +150,28 @@ struct PollManager::Subscription {
 
 namespace {
 
+// The headers of a request: its JSON body, and the bearer token when there is one.
+QByteArray requestHeaders(const std::string &bearerToken) {
+    QByteArray headers = "Content-Type: application/json\r\n";
+    if (!bearerToken.empty()) {
+        headers += "Authorization: Bearer " + QByteArray::fromStdString(bearerToken) + "\r\n";
+    }
+    return headers;
+}
+
+// http://127.0.0.1:<port><path>, or nothing when that is not a valid address.
+std::optional<QUrl> localURL(int port, const QString &path) {
+    if (port < 0 || port > 65535) {
+        return std::nullopt;
+    }
+    QUrl url;
+    url.setScheme(QStringLiteral("http"));
+    url.setHost(QStringLiteral("127.0.0.1"));
+    url.setPort(port);
+    url.setPath(path);
+    return url.isValid() ? std::optional<QUrl>(url) : std::nullopt;
+}
+
 constexpr std::int64_t timestampWindowMs = 50;
 constexpr int pingTicksPerLimit = 5;
 } // namespace
@@ -362,44 +384,25 @@ void PollManager::publishLocal(const std::string &jsonBody, int port, const QStr
 
 void PollManager::publishLocalTimed(std::string_view jsonBody, int port, const QString &path,
                                     const std::string &bearerToken, TimedReplyCallback done) {
-    if (port < 0 || port > 65535) {
+    const std::optional<QUrl> url = localURL(port, path);
+    if (!url) {
         failLater(std::move(done), Error::of(PollManagerError::urlError));
         return;
     }
-    QUrl url;
-    url.setScheme(QStringLiteral("http"));
-    url.setHost(QStringLiteral("127.0.0.1"));
-    url.setPort(port);
-    url.setPath(path);
-    if (!url.isValid()) {
-        failLater(std::move(done), Error::of(PollManagerError::urlError));
-        return;
-    }
-    publishWithURLTimed(jsonBody, url, bearerToken, std::move(done));
+    publishWithURLTimed(jsonBody, *url, bearerToken, std::move(done));
 }
 
 void PollManager::publishLocalWritten(std::size_t bodySize,
                                       const LoopbackHttpClient::BodyWriter &write, int port,
                                       const QString &path, const std::string &bearerToken,
                                       TimedReplyCallback done) {
-    if (port < 0 || port > 65535) {
+    const std::optional<QUrl> url = localURL(port, path);
+    if (!url) {
         failLater(std::move(done), Error::of(PollManagerError::urlError));
         return;
     }
-    QUrl url;
-    url.setScheme(QStringLiteral("http"));
-    url.setHost(QStringLiteral("127.0.0.1"));
-    url.setPort(port);
-    url.setPath(path);
-    if (!url.isValid()) {
-        failLater(std::move(done), Error::of(PollManagerError::urlError));
-        return;
-    }
-    QByteArray headers = "Content-Type: application/json\r\n";
-    if (!bearerToken.empty()) {
-        headers += "Authorization: Bearer " + QByteArray::fromStdString(bearerToken) + "\r\n";
-    }
-    http_->post(url, headers, bodySize, write, [done = std::move(done)](HttpReply reply) {
+    const QByteArray headers = requestHeaders(bearerToken);
+    http_->post(*url, headers, bodySize, write, [done = std::move(done)](HttpReply reply) {
         if (done) {
             done(std::move(reply.body), std::move(reply.error), reply.headersAt);
         }
@@ -423,10 +426,7 @@ void PollManager::publishWithURLTimed(std::string_view jsonBody, const QUrl &url
         failLater(std::move(done), Error::of(PollManagerError::urlError));
         return;
     }
-    QByteArray headers = "Content-Type: application/json\r\n";
-    if (!bearerToken.empty()) {
-        headers += "Authorization: Bearer " + QByteArray::fromStdString(bearerToken) + "\r\n";
-    }
+    const QByteArray headers = requestHeaders(bearerToken);
     // Only a 200 succeeds: a redirect is an answer like any other, never followed.
     http_->post(url, headers, QByteArray::fromRawData(jsonBody.data(), qsizetype(jsonBody.size())),
                 [done = std::move(done)](HttpReply reply) {

@@ -322,6 +322,22 @@ void KeyExchangeStore::setExternalPublicKey(const std::string &publicKey) {
     sharedSecret_ = std::move(secret);
 }
 
+std::pair<Bytes, Bytes>
+KeyExchangeStore::saltAndNonce(const std::optional<Bytes> &kdfNonce,
+                               const std::optional<Bytes> &aeadNonce) const {
+    if (kdfNonce || aeadNonce) {
+        return {kdfNonce ? *kdfNonce : AEADRandomKey(aead_),
+                aeadNonce ? *aeadNonce : AEADRandomNonce(aead_)};
+    }
+    // The same as AEADRandomKey + AEADRandomNonce, with one call to the generator.
+    if (aead_ != KeyExchangeAEAD::aesgcm && aead_ != KeyExchangeAEAD::chachapoly) {
+        throw KeyExchangeException(KeyExchangeError::invalidAEAD);
+    }
+    const Bytes both = KeyExchangeRandomBytes(kSaltSize + kAEADNonceSize);
+    return {Bytes(both.begin(), both.begin() + kSaltSize),
+            Bytes(both.begin() + kSaltSize, both.end())};
+}
+
 KeyExchangeAEADStore KeyExchangeStore::encrypt(std::span<const std::uint8_t> plaintext,
                                                std::span<const std::uint8_t> additionalData) const {
     return encryptWithNonces(std::nullopt, plaintext, std::nullopt, additionalData);
@@ -331,20 +347,7 @@ KeyExchangeAEADStore KeyExchangeStore::encryptWithNonces(
     const std::optional<Bytes> &kdfNonce, std::span<const std::uint8_t> plaintext,
     const std::optional<Bytes> &aeadNonce, std::span<const std::uint8_t> additionalData) const {
     const AgreedSecret &secret = SharedSecret();
-    Bytes salt;
-    Bytes nonce;
-    if (!kdfNonce && !aeadNonce) {
-        // The same as AEADRandomKey + AEADRandomNonce, with one call to the generator.
-        if (aead_ != KeyExchangeAEAD::aesgcm && aead_ != KeyExchangeAEAD::chachapoly) {
-            throw KeyExchangeException(KeyExchangeError::invalidAEAD);
-        }
-        const Bytes both = KeyExchangeRandomBytes(kSaltSize + kAEADNonceSize);
-        salt.assign(both.begin(), both.begin() + kSaltSize);
-        nonce.assign(both.begin() + kSaltSize, both.end());
-    } else {
-        salt = kdfNonce ? *kdfNonce : AEADRandomKey(aead_);
-        nonce = aeadNonce ? *aeadNonce : AEADRandomNonce(aead_);
-    }
+    const auto [salt, nonce] = saltAndNonce(kdfNonce, aeadNonce);
     const SymmetricKey key =
         KeyExchangeSymmetricKey(secret, hashFunction_, kdf_, salt, additionalData);
     KeyExchangeAEADStore record;
@@ -409,19 +412,7 @@ Bytes KeyExchangeStore::encryptToJSONWithNonces(const std::optional<Bytes> &kdfN
                                                 std::span<const std::uint8_t> additionalData,
                                                 std::span<char> out) const {
     const AgreedSecret &secret = SharedSecret();
-    Bytes salt;
-    Bytes nonce;
-    if (!kdfNonce && !aeadNonce) {
-        if (aead_ != KeyExchangeAEAD::aesgcm && aead_ != KeyExchangeAEAD::chachapoly) {
-            throw KeyExchangeException(KeyExchangeError::invalidAEAD);
-        }
-        const Bytes both = KeyExchangeRandomBytes(kSaltSize + kAEADNonceSize);
-        salt.assign(both.begin(), both.begin() + kSaltSize);
-        nonce.assign(both.begin() + kSaltSize, both.end());
-    } else {
-        salt = kdfNonce ? *kdfNonce : AEADRandomKey(aead_);
-        nonce = aeadNonce ? *aeadNonce : AEADRandomNonce(aead_);
-    }
+    const auto [salt, nonce] = saltAndNonce(kdfNonce, aeadNonce);
     const std::size_t size = kRecordJSONOverhead + base64EncodedSize(salt.size()) +
                              base64EncodedSize(kAEADNonceSize + plaintext.size() + kAEADTagSize) +
                              base64EncodedSize(nonce.size()) +

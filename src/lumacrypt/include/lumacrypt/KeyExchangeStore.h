@@ -11,6 +11,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace lumacrypt {
 
@@ -178,6 +179,9 @@ private:
         return {reinterpret_cast<const std::uint8_t *>(text.data()), text.size()};
     }
     void wipe() noexcept;
+    // A message's HKDF salt and AEAD nonce: the given ones, else fresh random ones.
+    std::pair<Bytes, Bytes> saltAndNonce(const std::optional<Bytes> &kdfNonce,
+                                         const std::optional<Bytes> &aeadNonce) const;
 
     KeyExchangeCurve curve_ = KeyExchangeCurve::unknown;
     HashFunction hashFunction_ = HashFunction::sha256;
