@@ -57,6 +57,22 @@ private slots:
         QCOMPARE(base64Decode(""), std::optional<Bytes>(Bytes{}));
     }
 
+    void base64RefusesSetBitsBelowTheLastByte() {
+        // "Zg==" is "f"; "Zh==" to "Zv==" differ only in bits that hold no data.
+        QCOMPARE(base64Decode("Zg=="), std::optional<Bytes>(bytesOf("f")));
+        QCOMPARE(base64Decode("Zm8="), std::optional<Bytes>(bytesOf("fo")));
+        for (const char *text : {"Zh==", "Zv==", "Zm9=", "Zm/=", "Zm9vZh==", "Zm9vZm9="}) {
+            QVERIFY2(!base64Decode(text).has_value(), text);
+        }
+        // The same at the end of a text long enough for the vector path.
+        Bytes data(301, 0x5a);
+        std::string text = base64Encode(data);
+        QVERIFY(text.ends_with("=="));
+        QVERIFY(base64Decode(text).has_value());
+        text[text.size() - 3] = 'b'; // "Wg==" -> "Wb==": low bits set
+        QVERIFY(!base64Decode(text).has_value());
+    }
+
     void base64AgreesWithQtAtEveryLength() {
         // Lengths around the encoder's six-byte steps and the decoder's 16-group blocks,
         // against Qt's codec as the reference, through both the returning and the in-place

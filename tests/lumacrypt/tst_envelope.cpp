@@ -38,8 +38,13 @@ Pair makePair(KeyExchangeAEAD aead = KeyExchangeAEAD::aesgcm) {
     return {client, backend};
 }
 
-std::string replaceField(std::string base64, std::size_t index) {
-    base64[index] = base64[index] == 'A' ? 'B' : 'A';
+// Another character of the alphabet whose top bit differs: every character's top bit holds data,
+// the last group's included, so the decoded bytes always change.
+std::string flipDataBit(std::string base64, std::size_t index) {
+    static constexpr std::string_view alphabet =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    const std::size_t value = alphabet.find(base64[index]);
+    base64[index] = alphabet[value ^ 0x20];
     return base64;
 }
 
@@ -174,13 +179,13 @@ private slots:
         }
         {
             KeyExchangeAEADStore r = record;
-            r.kdfNonce = replaceField(r.kdfNonce, 3);
+            r.kdfNonce = flipDataBit(r.kdfNonce, 3);
             QVERIFY(
                 throwsCrypto([&] { p.backend.decryptAEADStore(r); }, Kind::authenticationFailure));
         }
         for (std::size_t i : {std::size_t{0}, std::size_t{17}, record.ciphertext.size() - 4}) {
             KeyExchangeAEADStore r = record;
-            r.ciphertext = replaceField(r.ciphertext, i);
+            r.ciphertext = flipDataBit(r.ciphertext, i);
             QVERIFY(
                 throwsCrypto([&] { p.backend.decryptAEADStore(r); }, Kind::authenticationFailure));
         }
@@ -299,7 +304,7 @@ private slots:
             // A valid character changed: the box no longer authenticates, and nothing of it
             // is left in the buffer.
             KeyExchangeAEADStore r = record;
-            r.ciphertext = replaceField(r.ciphertext, at);
+            r.ciphertext = flipDataBit(r.ciphertext, at);
             const std::string json = r.toJSON();
             std::string opened = "kept";
             QVERIFY2(throwsCrypto([&] { p.backend.decryptJSON(json, opened); },
@@ -403,7 +408,7 @@ private slots:
 
         // A check that refuses wins over a box that would not open, and the buffer is untouched.
         KeyExchangeAEADStore tampered = record;
-        tampered.ciphertext = replaceField(tampered.ciphertext, 100);
+        tampered.ciphertext = flipDataBit(tampered.ciphertext, 100);
         std::string untouched = "untouched";
         QVERIFY_THROWS_EXCEPTION(
             std::runtime_error,

@@ -271,6 +271,11 @@ bool base64DecodeInto(std::string_view text, std::uint8_t *o) noexcept {
         if ((a | b | c) < 0) {
             return false;
         }
+        // The bits below the last byte are zero in every encoder's output; a text that sets
+        // them is another spelling of the same bytes and is refused, so that one box has one text.
+        if ((padding == 2 ? (b & 0x0F) : (c & 0x03)) != 0) {
+            return false;
+        }
         const std::uint32_t v =
             (std::uint32_t(a) << 18) | (std::uint32_t(b) << 12) | (std::uint32_t(c) << 6);
         o[0] = static_cast<std::uint8_t>(v >> 16);
