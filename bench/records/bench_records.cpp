@@ -3,6 +3,8 @@
 // decodeDirItems/encodeDirItems are measured beside the alternatives they were chosen over.
 #include "ReportFixture.h"
 
+#include <JsonWriter.h>
+
 #include <QByteArray>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -267,6 +269,18 @@ void BM_Encode_Library_PingEnvelope(benchmark::State &state) {
     setCounters(state);
 }
 
+// The envelope's share alone: the list's JSON text escaped into a string, as the ping's "Data".
+void BM_Escape_PingPayload(benchmark::State &state) {
+    const std::string list = tarnwick::encodeDirItems(folders());
+    std::string out;
+    for (auto _ : state) {
+        out.clear();
+        tarnwick::json::appendEscaped(out, list);
+        benchmark::DoNotOptimize(out.data());
+    }
+    setCounters(state);
+}
+
 void BM_Encode_NlohmannOrderedJson(benchmark::State &state) {
     if (encodeOrderedJson(folders()) != tarnwick::encodeDirItems(folders())) {
         state.SkipWithError("ordered_json text differs from the library's");
@@ -298,6 +312,7 @@ BENCHMARK(BM_ParseOnly_QJsonDocument)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ParseOnly_Nlohmann)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Encode_Library_Writer)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Encode_Library_PingEnvelope)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Escape_PingPayload)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Encode_NlohmannOrderedJson)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Encode_QJsonDocument_SortedKeys)->Unit(benchmark::kMillisecond);
 

@@ -207,8 +207,7 @@ Exchange BackendSession::open(const QByteArray &body, std::int64_t headersAt) {
 }
 
 bool BackendSession::isOwnRequest(const std::string &kdfNonce) const {
-    // Compared as bytes: base64 texts that differ only in unused padding bits carry the same
-    // salt.
+    // Compared as bytes, whatever the text's spelling.
     const std::optional<lumacrypt::Bytes> salt = lumacrypt::base64Decode(kdfNonce);
     return salt && std::find(sentSalts_.begin(), sentSalts_.end(), *salt) != sentSalts_.end();
 }
