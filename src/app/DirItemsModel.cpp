@@ -45,8 +45,14 @@ bool DirItemsModel::sameRecord(const DirItem &a, const DirItem &b) {
 
 void DirItemsModel::merge(const std::vector<DirItem> &report) {
     std::vector<bool> changed(items_.size(), false);
+    std::vector<bool> touched(items_.size(), false);
     std::vector<DirItem> appended;
     std::unordered_map<std::string, std::size_t> appendedIndex;
+    bool settled = true;
+    // Only an upload line can merge into something other than itself.
+    const auto settles = [](const DirItem &row, const DirItem &incoming) {
+        return !incoming.status.starts_with(kUploadLine) || sameRecord(row, merged(row, incoming));
+    };
 
     for (std::size_t i = 0; i < report.size(); ++i) {
         const DirItem &incoming = report[i];
@@ -59,33 +65,39 @@ void DirItemsModel::merge(const std::vector<DirItem> &report) {
             row = found->second;
         }
         if (row >= 0) {
-            DirItem &existing = items_[static_cast<std::size_t>(row)];
+            const auto at = static_cast<std::size_t>(row);
+            DirItem &existing = items_[at];
+            if (touched[at]) {
+                settled = false; // named twice
+            }
+            touched[at] = true;
             if (!isUploadProgress(existing.status, incoming.status)) {
                 // merged() would be the incoming record itself: compared and copied in place.
                 if (!sameRecord(existing, incoming)) {
                     existing = incoming;
-                    changed[static_cast<std::size_t>(row)] = true;
-                    rowRevisions_[static_cast<std::size_t>(row)] = ++revision_;
+                    changed[at] = true;
+                    rowRevisions_[at] = ++revision_;
                 }
-                continue;
-            }
-            DirItem next = merged(existing, incoming);
-            if (!sameRecord(existing, next)) {
+            } else if (DirItem next = merged(existing, incoming); !sameRecord(existing, next)) {
                 existing = std::move(next);
-                changed[static_cast<std::size_t>(row)] = true;
-                rowRevisions_[static_cast<std::size_t>(row)] = ++revision_;
+                changed[at] = true;
+                rowRevisions_[at] = ++revision_;
             }
+            settled = settled && settles(existing, incoming);
         } else if (const auto pending = appendedIndex.find(incoming.path);
                    pending != appendedIndex.end()) {
             // The same path twice in one report: the later entry merges into
             // the one appended a moment ago.
             DirItem &existing = appended[pending->second];
             existing = merged(existing, incoming);
+            settled = false;
         } else {
             appendedIndex.emplace(incoming.path, appended.size());
             appended.push_back(incoming);
+            settled = settled && settles(appended.back(), incoming);
         }
     }
+    lastMergeSettled_ = settled;
 
     // One dataChanged per run of adjacent changed rows.
     for (std::size_t row = 0; row < changed.size();) {

@@ -42,6 +42,10 @@ public:
     // step-2 headline above an upload line), a new one is appended, and
     // folders missing from the report stay.
     void merge(const std::vector<DirItem> &report);
+    // Whether merging the last report once more would leave the list as it is. It would not
+    // when an upload line met a row that was not yet uploading (the second merge keeps the
+    // first line as the headline) or when the report named a folder twice.
+    bool lastMergeSettled() const { return lastMergeSettled_; }
     // Drops every row with this path.
     void removePath(const std::string &path);
     // Grows whenever the list changes (a row added, changed or removed): what was derived from
@@ -73,6 +77,7 @@ private:
     std::uint64_t revision_ = 0;
     std::vector<std::uint64_t> rowRevisions_;
     std::uint64_t layoutRevision_ = 0;
+    bool lastMergeSettled_ = false;
 };
 
 } // namespace tarnwick

@@ -462,9 +462,10 @@ void ItemsProvider::applyReply(const TypeIDAndData &command, const tidepost::Exc
         setBackendAnswered(true);
         // The reply's shapes, tried in order; the first that decodes wins.
         const std::string &plain = exchange.plaintext;
-        if (lastReportRevision_ == dirItems_->revision() && plain == lastReport_) {
-            // The very report applied last, on the list it left: merging it again would
-            // change nothing. A ping at rest costs a comparison, not a decode and a merge.
+        if (lastReportRevision_ == dirItems_->revision() && dirItems_->lastMergeSettled() &&
+            plain == lastReport_) {
+            // The very report applied last, on the list it left, which merging it again would
+            // not change. A ping at rest costs a comparison, not a decode and a merge.
             setIsLoggedIn(true);
             emit loginStateReported(true);
             update({});

@@ -347,6 +347,44 @@ private slots:
         QVERIFY(!f.provider->isLoading());
     }
 
+    void sameUploadReportAgainMergesAsTheRuleSays() {
+        // An upload line that replaced a status before the upload started is merged again when
+        // the same report comes back: the line already shown is then the headline above it.
+        Fixture f;
+        f.answer(encodeDirItems({folder("/a", "1 of 6 - Checking changes")}));
+        QVERIFY(!f.call("ping", "", "[]"));
+        f.answer(encodeDirItems({folder("/a", "2 of 6 - Uploading file (a.txt)")}));
+        QVERIFY(!f.call("ping", "", "[]"));
+        QCOMPARE(f.provider->dirItems()[0].status, std::string("2 of 6 - Uploading file (a.txt)"));
+        QSignalSpy changed(f.provider->dirItemsModel(), &QAbstractItemModel::dataChanged);
+        QVERIFY(!f.call("ping", "", "[]"));
+        QCOMPARE(f.provider->dirItems()[0].status,
+                 std::string("2 of 6 - Uploading file (a.txt)\nUploading file (a.txt)"));
+        QCOMPARE(changed.count(), 1);
+        // From there on the same report changes nothing.
+        QVERIFY(!f.call("ping", "", "[]"));
+        QVERIFY(!f.call("ping", "", "[]"));
+        QCOMPARE(f.provider->dirItems()[0].status,
+                 std::string("2 of 6 - Uploading file (a.txt)\nUploading file (a.txt)"));
+        QCOMPARE(changed.count(), 1);
+    }
+
+    void reportNamingAFolderTwiceIsMergedEveryTime() {
+        // Both entries merge into the one row, each time the report comes.
+        Fixture f;
+        f.answer(encodeDirItems({folder("/a", "2 of 6 - Scanning")}));
+        QVERIFY(!f.call("ping", "", "[]"));
+        const std::string twice = encodeDirItems(
+            {folder("/a", "3 of 6 - Checking"), folder("/a", "2 of 6 - Uploading file (b)")});
+        f.answer(twice);
+        QVERIFY(!f.call("ping", "", "[]"));
+        QCOMPARE(f.provider->dirItems()[0].status, std::string("2 of 6 - Uploading file (b)"));
+        QVERIFY(!f.provider->dirItemsModel()->lastMergeSettled());
+        QVERIFY(!f.call("ping", "", "[]"));
+        QCOMPARE(f.provider->dirItems()[0].status, std::string("2 of 6 - Uploading file (b)"));
+        QCOMPARE(f.provider->dirItems().size(), 1u);
+    }
+
     void deleteItemRemovesFromEveryGroupAndAgainLater() {
         Fixture f;
         f.answer(encodeGroupItems(
