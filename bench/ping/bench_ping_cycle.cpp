@@ -16,6 +16,8 @@
 //   client_core_pct  client CPU per cycle, in percent of one core
 //   exchanges        requests the backend answered per ping (more than 1: retries)
 //   applied          whether the model holds the newest report after the last ping (1 or 0)
+//   in_part          share of pings whose report was decoded and merged in its changed
+//                    elements only
 
 #include "Commands.h"
 #include "ItemsProvider.h"
@@ -437,6 +439,7 @@ void PingCycle(benchmark::State &state) {
     std::vector<double> rtts, floors, transports;
     std::int64_t clientCpu = 0;
     const std::uint64_t answeredBefore = backend.answered();
+    const std::uint64_t inPartBefore = model.reportsAppliedInPart();
     for (auto _ : state) {
         while (nowMs() <= backend.lastStamp()) {
             std::this_thread::sleep_for(std::chrono::microseconds(100));
@@ -486,6 +489,7 @@ void PingCycle(benchmark::State &state) {
     state.counters["cycle_ms"] = cycle;
     state.counters["client_core_pct"] = 100.0 * cpuMs / cycle;
     state.counters["exchanges"] = double(backend.answered() - answeredBefore) / n;
+    state.counters["in_part"] = double(model.reportsAppliedInPart() - inPartBefore) / n;
     const std::vector<tarnwick::DirItem> newest =
         tarnwick::decodeDirItems(reports[backend.lastReport()]);
     bool applied = model.dirItems().size() == newest.size();

@@ -15,7 +15,9 @@
 #include <QPointer>
 #include <QSettings>
 
+#include <algorithm>
 #include <cstdio>
+#include <cstring>
 
 #ifndef TARNWICK_DEFAULT_SERVICE_URL
 #define TARNWICK_DEFAULT_SERVICE_URL "https://tarnwick.app"
@@ -329,9 +331,12 @@ const std::string &ItemsProvider::pingPayload() const {
     const bool sameRows = pingPayloadRevision_ &&
                           pingPayloadLayout_ == dirItems_->layoutRevision() &&
                           pingPayloadRowEnds_.size() == items.size();
-    std::string next;
+    // Written into the buffers of the encoding before last, whose memory is warm already.
+    std::string &next = pingPayloadSpare_;
+    next.clear();
     next.reserve(sameRows ? pingPayload_.size() + 256 : 2 + items.size() * 160);
-    std::vector<std::size_t> ends;
+    std::vector<std::size_t> &ends = pingPayloadRowEndsSpare_;
+    ends.clear();
     ends.reserve(items.size());
     next.push_back('[');
     for (std::size_t i = 0; i < items.size(); ++i) {
@@ -347,8 +352,8 @@ const std::string &ItemsProvider::pingPayload() const {
         ends.push_back(next.size());
     }
     next.push_back(']');
-    pingPayload_ = std::move(next);
-    pingPayloadRowEnds_ = std::move(ends);
+    pingPayload_.swap(next);
+    pingPayloadRowEnds_.swap(ends);
     pingPayloadRevision_ = revision;
     pingPayloadLayout_ = dirItems_->layoutRevision();
     return pingPayload_;
@@ -356,13 +361,150 @@ const std::string &ItemsProvider::pingPayload() const {
 
 void ItemsProvider::update(const std::vector<DirItem> &report) {
     dirItems_->merge(report);
-    const auto &items = dirItems();
-    const bool pending = std::any_of(items.begin(), items.end(),
-                                     [](const DirItem &item) { return item.progress() != 1.0; });
-    if (pending != isLoading_) {
-        setIsLoading(pending);
+    refreshLoading();
+}
+
+void ItemsProvider::refreshLoading() {
+    // Looked for again only when the list changed since.
+    if (pendingRevision_ != dirItems_->revision()) {
+        const auto &items = dirItems();
+        pending_ = std::any_of(items.begin(), items.end(),
+                               [](const DirItem &item) { return item.progress() != 1.0; });
+        pendingRevision_ = dirItems_->revision();
+    }
+    if (pending_ != isLoading_) {
+        setIsLoading(pending_);
         setMenuBarString();
     }
+}
+
+namespace {
+
+// Length of the longest common start of a and b.
+std::size_t commonPrefix(std::string_view a, std::string_view b) {
+    const std::size_t n = std::min(a.size(), b.size());
+    std::size_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+        if (std::memcmp(a.data() + i, b.data() + i, 8) != 0) {
+            break;
+        }
+    }
+    while (i < n && a[i] == b[i]) {
+        ++i;
+    }
+    return i;
+}
+
+// Length of the longest common end of a and b, at most `limit`.
+std::size_t commonSuffix(std::string_view a, std::string_view b, std::size_t limit) {
+    std::size_t i = 0;
+    const char *ea = a.data() + a.size();
+    const char *eb = b.data() + b.size();
+    for (; i + 8 <= limit; i += 8) {
+        if (std::memcmp(ea - i - 8, eb - i - 8, 8) != 0) {
+            break;
+        }
+    }
+    while (i < limit &&
+           ea[-1 - static_cast<std::ptrdiff_t>(i)] == eb[-1 - static_cast<std::ptrdiff_t>(i)]) {
+        ++i;
+    }
+    return i;
+}
+
+} // namespace
+
+bool ItemsProvider::applyChangedElements(const std::string &report) {
+    const std::string &last = lastReport_;
+    const std::size_t head = commonPrefix(last, report);
+    const std::size_t tail =
+        commonSuffix(last, report, std::min(last.size(), report.size()) - head);
+    // The changed bytes: [head, lastEnd) of the last report, [head, reportEnd) of this one.
+    const std::size_t lastEnd = last.size() - tail;
+    // Where much changed, one decode of the whole is cheaper than finding the pieces.
+    if (lastEnd - head > last.size() / 4 || report.size() - tail - head > report.size() / 4) {
+        return false;
+    }
+    if (!lastReportSpans_) {
+        lastReportSpans_ = arrayElementSpans(last);
+        if (!lastReportSpans_ || lastReportSpans_->size() != reportScratch_.size()) {
+            lastReportSpans_.reset();
+            return false;
+        }
+    }
+    std::vector<ElementSpan> &spans = *lastReportSpans_;
+    // The elements the change touches: from the one holding its first byte to the one
+    // holding its last. A change in the commas or brackets between elements (a folder added,
+    // removed or moved) is left to the whole decode.
+    const auto first =
+        std::upper_bound(spans.begin(), spans.end(), head,
+                         [](std::size_t at, const ElementSpan &span) { return at < span.end; });
+    if (first == spans.end() || first->begin > head) {
+        return false;
+    }
+    auto stop =
+        std::lower_bound(spans.begin(), spans.end(), lastEnd,
+                         [](const ElementSpan &span, std::size_t at) { return span.begin < at; });
+    if (stop <= first) {
+        stop = first + 1;
+    }
+    const std::size_t from = static_cast<std::size_t>(first - spans.begin());
+    const std::size_t to = static_cast<std::size_t>(stop - spans.begin()); // exclusive
+    if (spans[to - 1].end < lastEnd) {
+        return false;
+    }
+    const std::size_t after = last.size() - spans[to - 1].end; // bytes after the last element
+    if (report.size() < spans[from].begin + after) {
+        return false;
+    }
+    // Those elements of this report, read as an array of their own.
+    const std::string_view window(report.data() + spans[from].begin,
+                                  report.size() - after - spans[from].begin);
+    std::string &text = windowScratch_;
+    text.assign(1, '[');
+    text.append(window);
+    text.push_back(']');
+    const std::size_t textSize = text.size();
+    text.append(jsonPadding, '\0');
+    std::vector<DirItem> records;
+    std::optional<std::vector<ElementSpan>> windowSpans;
+    try {
+        decodeDirItemsInto(std::string_view(text.data(), textSize), records);
+        windowSpans = arrayElementSpans(std::string_view(text.data(), textSize));
+    } catch (const DecodingError &) {
+        return false;
+    }
+    const std::size_t count = to - from;
+    if (records.size() != count || !windowSpans || windowSpans->size() != count) {
+        return false;
+    }
+    // Each element names the folder it named before: the report names no folder twice, as
+    // the last one did not, and the last report's records keep their paths.
+    const std::vector<DirItem> &lastRecords = reportScratch_;
+    for (std::size_t i = 0; i < count; ++i) {
+        if (records[i].path != lastRecords[from + i].path) {
+            return false;
+        }
+    }
+    // The other elements are the last report's, already merged and settled: merging them again
+    // would change nothing.
+    dirItems_->merge(records);
+    refreshLoading();
+    const std::size_t shift = spans[from].begin - 1; // the window's '[' stands before it
+    for (std::size_t i = 0; i < count; ++i) {
+        spans[from + i] = {(*windowSpans)[i].begin + shift, (*windowSpans)[i].end + shift};
+    }
+    const auto grown =
+        static_cast<std::ptrdiff_t>(report.size()) - static_cast<std::ptrdiff_t>(last.size());
+    for (std::size_t i = to; i < spans.size(); ++i) {
+        spans[i].begin =
+            static_cast<std::size_t>(static_cast<std::ptrdiff_t>(spans[i].begin) + grown);
+        spans[i].end = static_cast<std::size_t>(static_cast<std::ptrdiff_t>(spans[i].end) + grown);
+    }
+    lastReport_ = report;
+    lastReportRevision_ = dirItems_->revision();
+    ++reportsAppliedInPart_;
+    return true;
 }
 
 void ItemsProvider::deleteItem(const QString &path) {
@@ -462,13 +604,20 @@ void ItemsProvider::applyReply(const TypeIDAndData &command, const tidepost::Exc
         setBackendAnswered(true);
         // The reply's shapes, tried in order; the first that decodes wins.
         const std::string &plain = exchange.plaintext;
-        if (lastReportRevision_ == dirItems_->revision() && dirItems_->lastMergeSettled() &&
-            plain == lastReport_) {
+        const bool onLastReport =
+            lastReportRevision_ == dirItems_->revision() && dirItems_->lastMergeSettled();
+        if (onLastReport && plain == lastReport_) {
             // The very report applied last, on the list it left, which merging it again would
             // not change. A ping at rest costs a comparison, not a decode and a merge.
             setIsLoggedIn(true);
             emit loginStateReported(true);
-            update({});
+            refreshLoading();
+            finish(std::nullopt);
+            return;
+        }
+        if (onLastReport && applyChangedElements(plain)) {
+            setIsLoggedIn(true);
+            emit loginStateReported(true);
             finish(std::nullopt);
             return;
         }
@@ -481,6 +630,7 @@ void ItemsProvider::applyReply(const TypeIDAndData &command, const tidepost::Exc
             update(report);
             lastReport_ = plain;
             lastReportRevision_ = dirItems_->revision();
+            lastReportSpans_.reset();
             finish(std::nullopt);
             return;
         } catch (const DecodingError &) {

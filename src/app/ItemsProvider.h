@@ -128,6 +128,9 @@ public:
 
     // Merges a backend status report into the folder list.
     void update(const std::vector<DirItem> &dirItems);
+    // Reports applied by decoding and merging only the elements that changed since the last
+    // one (for tests and benchmarks).
+    std::uint64_t reportsAppliedInPart() const { return reportsAppliedInPart_; }
     // The folder list the background ping carries (JSON text). Encoded once per change of the
     // list and reused while it stays as it is.
     const std::string &pingPayload() const;
@@ -221,6 +224,11 @@ private:
     void launchTask();
     void applyReply(const TypeIDAndData &command, const tidepost::Exchange &exchange,
                     const Completion &done);
+    // Applies a folder report that differs from the last one in a few of its elements only,
+    // decoding and merging just those; false (nothing changed) when it cannot.
+    bool applyChangedElements(const std::string &report);
+    // isLoading and the menu bar symbol after the folder list changed.
+    void refreshLoading();
     void replaceGroups(std::vector<GroupItem> incoming);
     // The command is shared between its attempts, the handlers and the session: a ping's
     // folder list is not copied on its way out.
@@ -261,12 +269,22 @@ private:
     // Where each row's text ends in pingPayload_, and the list's layout it was written for.
     mutable std::vector<std::size_t> pingPayloadRowEnds_;
     mutable std::uint64_t pingPayloadLayout_ = 0;
+    mutable std::string pingPayloadSpare_;
+    mutable std::vector<std::size_t> pingPayloadRowEndsSpare_;
     // The last folder report applied, and the list's revision right after it: the same report
     // again on the same list changes nothing, and is not decoded or merged again.
     std::string lastReport_;
-    // The records of the last report decoded (reused by the next one).
+    // The records of the last report (their memory reused by the next whole decode).
     std::vector<DirItem> reportScratch_;
     std::optional<std::uint64_t> lastReportRevision_;
+    // Where the last report's elements lie in its text (found when first needed): a report
+    // that differs from it in a few elements is decoded and merged in those elements only.
+    std::optional<std::vector<ElementSpan>> lastReportSpans_;
+    std::string windowScratch_;
+    std::uint64_t reportsAppliedInPart_ = 0;
+    // Whether some folder is still syncing, and the list's revision it was found at.
+    bool pending_ = false;
+    std::optional<std::uint64_t> pendingRevision_;
     std::unique_ptr<tidepost::BackendSession> session_;
     std::unique_ptr<supervisor::BackendLauncher> launcher_;
 };

@@ -461,6 +461,88 @@ void decodeDirItemsInto(std::string_view json, std::vector<DirItem> &items) {
     });
 }
 
+namespace {
+
+bool isJsonSpace(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
+
+// The position after the string that starts after the quote at `from`, or npos when it does
+// not close. A quote ends the string unless an odd run of backslashes stands before it.
+std::size_t afterString(std::string_view json, std::size_t from) {
+    std::size_t at = from;
+    for (;;) {
+        const void *found = std::memchr(json.data() + at, '"', json.size() - at);
+        if (found == nullptr) {
+            return std::string_view::npos;
+        }
+        const auto quote = static_cast<std::size_t>(static_cast<const char *>(found) - json.data());
+        std::size_t backslashes = 0;
+        while (quote - backslashes > from && json[quote - backslashes - 1] == '\\') {
+            ++backslashes;
+        }
+        if (backslashes % 2 == 0) {
+            return quote + 1;
+        }
+        at = quote + 1;
+    }
+}
+
+} // namespace
+
+std::optional<std::vector<ElementSpan>> arrayElementSpans(std::string_view json) {
+    std::size_t i = 0;
+    while (i < json.size() && isJsonSpace(json[i])) {
+        ++i;
+    }
+    if (i == json.size() || json[i] != '[') {
+        return std::nullopt;
+    }
+    ++i;
+    std::vector<ElementSpan> spans;
+    std::size_t depth = 1; // inside the array
+    std::size_t begin = std::string_view::npos;
+    std::size_t last = 0; // the position after the last byte of the element so far
+    while (i < json.size()) {
+        const char c = json[i];
+        if (isJsonSpace(c)) {
+            ++i;
+            continue;
+        }
+        if (depth == 1 && begin == std::string_view::npos && c != ',' && c != ']') {
+            begin = i;
+        }
+        if (c == '"') {
+            i = afterString(json, i + 1);
+            if (i == std::string_view::npos) {
+                return std::nullopt;
+            }
+            last = i;
+            continue;
+        }
+        if (c == '{' || c == '[') {
+            ++depth;
+        } else if (c == '}' || c == ']') {
+            --depth;
+            if (depth == 0) {
+                if (begin != std::string_view::npos) {
+                    spans.push_back({begin, last});
+                }
+                return spans;
+            }
+        } else if (c == ',' && depth == 1) {
+            if (begin == std::string_view::npos) {
+                return std::nullopt; // an empty element
+            }
+            spans.push_back({begin, last});
+            begin = std::string_view::npos;
+        }
+        ++i;
+        last = i;
+    }
+    return std::nullopt;
+}
+
 std::vector<GroupItem> decodeGroupItems(std::string_view json) {
     return withDocument(json, [](element root) {
         return arrayFrom<GroupItem>(root, "GroupItem list", groupItemFrom);

@@ -169,6 +169,17 @@ struct GroupItem {
 // (DecodingError) the content of `items` is unspecified.
 void decodeDirItemsInto(std::string_view json, std::vector<DirItem> &items);
 std::vector<DirItem> decodeDirItems(std::string_view json);
+
+// Where one element of a JSON array lies in its text: [begin, end).
+struct ElementSpan {
+    std::size_t begin = 0;
+    std::size_t end = 0;
+    bool operator==(const ElementSpan &) const = default;
+};
+// The elements of the JSON array that `json` holds, in order, as the structure of the text
+// places them (strings, escapes and nesting followed; nothing else is checked, so the text is
+// one a decoder has accepted). Nothing when the text does not hold an array that closes.
+std::optional<std::vector<ElementSpan>> arrayElementSpans(std::string_view json);
 std::vector<GroupItem> decodeGroupItems(std::string_view json);
 std::string encodeDirItems(const std::vector<DirItem> &items);
 // Appends the record's JSON text (what toJSON gives).

@@ -875,6 +875,61 @@ private slots:
         const QString message = decodingFailure([] { DirItem::fromJSON(R"({"Path":1})"); });
         QVERIFY2(message.contains("Path"), qPrintable(message));
     }
+
+    // -- Where a list's elements lie -------------------------------------------------------------
+    void elementSpansFollowStringsEscapesAndNesting() {
+        const auto texts = [](std::string_view json) {
+            std::vector<std::string> out;
+            const auto spans = arrayElementSpans(json);
+            if (!spans) {
+                out.push_back("<none>");
+                return out;
+            }
+            for (const ElementSpan &span : *spans) {
+                out.emplace_back(json.substr(span.begin, span.end - span.begin));
+            }
+            return out;
+        };
+        using List = std::vector<std::string>;
+        QCOMPARE(texts("[]"), List{});
+        QCOMPARE(texts(" [ ] "), List{});
+        QCOMPARE(texts("[1,2 , 3]"), (List{"1", "2", "3"}));
+        // A string holding "},{", and one holding an escaped quote and an escaped backslash.
+        QCOMPARE(texts("[ {\"a\":\"},{\"} , {\"b\":\"\\\"},{\\\\\"} ]"),
+                 (List{"{\"a\":\"},{\"}", "{\"b\":\"\\\"},{\\\\\"}"}));
+        QCOMPARE(texts("[{\"a\":[1,{\"b\":[]}]},\"x]\",null,true]"),
+                 (List{"{\"a\":[1,{\"b\":[]}]}", "\"x]\"", "null", "true"}));
+        QCOMPARE(texts("\n[\n  {\"a\": 1},\n  {\"b\": 2}\n]\n"),
+                 (List{"{\"a\": 1}", "{\"b\": 2}"}));
+        // Not an array that closes, or with an empty element.
+        for (const char *bad : {"", "{}", "[1,2", "[\"a]", "[1,,2]", "[,1]"}) {
+            QVERIFY2(!arrayElementSpans(bad), bad);
+        }
+    }
+
+    void elementSpansOfWrittenListsAreItsRecords() {
+        std::vector<DirItem> items;
+        for (int i = 0; i < 300; ++i) {
+            std::string name = "Folder " + std::to_string(i);
+            if (i % 7 == 0) {
+                name += R"( "quoted" },{ [x] \ back\)";
+            }
+            if (i % 11 == 0) {
+                name += "\x01 Документы 写真";
+            }
+            items.push_back({i % 5 == 0 ? std::optional<std::string>("e\"},{") : std::nullopt,
+                             i % 2 == 0, i, name, "/data/" + name, "1 of 6 - x"});
+        }
+        const std::string json = encodeDirItems(items);
+        const auto spans = arrayElementSpans(json);
+        QVERIFY(spans);
+        QCOMPARE(spans->size(), items.size());
+        for (std::size_t i = 0; i < items.size(); ++i) {
+            const std::string_view text = std::string_view(json).substr(
+                (*spans)[i].begin, (*spans)[i].end - (*spans)[i].begin);
+            QCOMPARE(DirItem::fromJSON(text).toJSON(), items[i].toJSON());
+        }
+    }
 };
 
 QTEST_GUILESS_MAIN(ModelsTest)
