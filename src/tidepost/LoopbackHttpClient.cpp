@@ -13,6 +13,11 @@
 #include <limits>
 #include <utility>
 
+#if defined(Q_OS_UNIX)
+#include <sys/socket.h>
+#include <sys/types.h>
+#endif
+
 namespace tidepost {
 
 namespace {
@@ -257,9 +262,31 @@ void LoopbackHttpClient::onConnected(Connection *connection) {
     if (!connection->exchange) {
         return;
     }
-    socket->write(connection->exchange->request);
-    // Out now rather than at the event loop's next turn.
-    socket->flush();
+    const QByteArray &request = connection->exchange->request;
+    qsizetype sent = 0;
+#if defined(Q_OS_UNIX)
+    // Handed to the kernel straight away while the socket has nothing else queued: Qt's own
+    // write path switches its write notifier on and off for every request, which wakes the
+    // event loop twice more per exchange. Whatever the kernel does not take at once (or an
+    // error) goes through the socket as usual, after these bytes.
+    if (socket->bytesToWrite() == 0 && socket->socketDescriptor() >= 0) {
+        const int fd = static_cast<int>(socket->socketDescriptor());
+        while (sent < request.size()) {
+            const ssize_t n = ::send(fd, request.constData() + sent,
+                                     static_cast<std::size_t>(request.size() - sent),
+                                     MSG_NOSIGNAL | MSG_DONTWAIT);
+            if (n <= 0) {
+                break;
+            }
+            sent += n;
+        }
+    }
+#endif
+    if (sent < request.size()) {
+        socket->write(request.constData() + sent, request.size() - sent);
+        // Out now rather than at the event loop's next turn.
+        socket->flush();
+    }
 }
 
 bool LoopbackHttpClient::mayRetry(const Connection *connection) const {
