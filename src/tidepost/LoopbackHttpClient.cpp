@@ -167,6 +167,11 @@ std::optional<QByteArray> LoopbackHttpClient::head(const QUrl &url, const QByteA
             Qt::QueuedConnection);
         return std::nullopt;
     }
+    if (headPrefix_ && headPrefix_->url == url && headPrefix_->headers == headers) {
+        QByteArray text = headPrefix_->text;
+        appendHeadEnd(text, bodySize);
+        return text;
+    }
     const int port = url.port(80);
     QByteArray target = url.path(QUrl::FullyEncoded).toUtf8();
     if (target.isEmpty()) {
@@ -186,9 +191,15 @@ std::optional<QByteArray> LoopbackHttpClient::head(const QUrl &url, const QByteA
     text.reserve(256 + headers.size());
     text += "POST " + target + " HTTP/1.1\r\nHost: " + hostHeader + "\r\n";
     text += headers;
+    // Kept for the next request to the same address with the same headers.
+    headPrefix_ = HeadPrefix{url, headers, text};
+    appendHeadEnd(text, bodySize);
+    return text;
+}
+
+void LoopbackHttpClient::appendHeadEnd(QByteArray &text, qint64 bodySize) {
     text += "Content-Length: " + QByteArray::number(bodySize) + "\r\n";
     text += "Accept-Encoding: identity\r\nConnection: keep-alive\r\n\r\n";
-    return text;
 }
 
 void LoopbackHttpClient::post(const QUrl &url, const QByteArray &headers, const QByteArray &body,

@@ -95,6 +95,7 @@ private:
     // which is then reported through done).
     std::optional<QByteArray> head(const QUrl &url, const QByteArray &headers, qint64 bodySize,
                                    Done &done);
+    static void appendHeadEnd(QByteArray &text, qint64 bodySize);
     void send(const QUrl &url, QByteArray request, Done done);
     Connection *connectionFor(const QString &host, quint16 port);
     void start(Connection *connection);
@@ -119,6 +120,13 @@ private:
     // Kept between requests: the last request's buffer and a reply body handed back.
     QByteArray requestBuffer_;
     QByteArray spareBody_;
+    // The start line and headers (all but the length's) of the last request, and for what.
+    struct HeadPrefix {
+        QUrl url;
+        QByteArray headers;
+        QByteArray text;
+    };
+    std::optional<HeadPrefix> headPrefix_;
     qint64 peakReplyBytes_ = 0;
     int connectionsOpened_ = 0;
 };

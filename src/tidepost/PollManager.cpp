@@ -396,17 +396,24 @@ void PollManager::publishLocalWritten(std::size_t bodySize,
                                       const LoopbackHttpClient::BodyWriter &write, int port,
                                       const QString &path, const std::string &bearerToken,
                                       TimedReplyCallback done) {
-    const std::optional<QUrl> url = localURL(port, path);
-    if (!url) {
+    // The ping asks the same address with the same token ten times a second: both are built
+    // once and kept while they stay the same.
+    if (!localRequest_ || localRequest_->port != port || localRequest_->path != path ||
+        localRequest_->token != bearerToken) {
+        localRequest_ = LocalRequest{port, path, bearerToken, localURL(port, path),
+                                     requestHeaders(bearerToken)};
+    }
+    if (!localRequest_->url) {
         failLater(std::move(done), Error::of(PollManagerError::urlError));
         return;
     }
-    const QByteArray headers = requestHeaders(bearerToken);
-    http_->post(*url, headers, bodySize, write, [done = std::move(done)](HttpReply reply) {
-        if (done) {
-            done(std::move(reply.body), std::move(reply.error), reply.headersAt);
-        }
-    });
+    const QByteArray &headers = localRequest_->headers;
+    http_->post(*localRequest_->url, headers, bodySize, write,
+                [done = std::move(done)](HttpReply reply) {
+                    if (done) {
+                        done(std::move(reply.body), std::move(reply.error), reply.headersAt);
+                    }
+                });
 }
 
 void PollManager::publishWithURL(const std::string &jsonBody, const QUrl &url,

@@ -262,6 +262,15 @@ private:
     std::function<void()> pingTimeout_;
     std::shared_ptr<Subscription> subscription_;
     LoopbackHttpClient *http_ = nullptr;
+    // The address and headers of the last local request written in place.
+    struct LocalRequest {
+        int port = 0;
+        QString path;
+        std::string token;
+        std::optional<QUrl> url;
+        QByteArray headers;
+    };
+    std::optional<LocalRequest> localRequest_;
     runwarden::InstanceGuard *instanceGuard_ = nullptr;
     Clock clock_;
     LogSink logSink_;
