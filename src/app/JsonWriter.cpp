@@ -91,6 +91,20 @@ inline std::uint64_t specialBytes(std::uint64_t word) {
            (word & highBits);
 }
 
+// Writes the escape of the ASCII byte c (its entry in asciiEscapes, not 0) at o.
+inline void writeEscape(char *&o, unsigned char c, char escape) {
+    if (escape == 'u') {
+        static constexpr char hex[] = "0123456789abcdef";
+        const char sequence[6] = {'\\', 'u', '0', '0', hex[c >> 4], hex[c & 0xF]};
+        std::memcpy(o, sequence, sizeof sequence);
+        o += sizeof sequence;
+    } else {
+        o[0] = '\\';
+        o[1] = escape;
+        o += 2;
+    }
+}
+
 #if defined(__x86_64__)
 bool haveVectorEscape() noexcept {
     static const bool have = __builtin_cpu_supports("avx2");
@@ -186,17 +200,7 @@ __attribute__((target("avx2"))) std::size_t escapeBlockAVX2(const char *in, char
             mask &= ~((1U << done) - 1U);
             continue;
         }
-        const char escape = asciiEscapes[c];
-        if (escape == 'u') {
-            static constexpr char hex[] = "0123456789abcdef";
-            const char sequence[6] = {'\\', 'u', '0', '0', hex[c >> 4], hex[c & 0xF]};
-            std::memcpy(o, sequence, sizeof sequence);
-            o += sizeof sequence;
-        } else {
-            o[0] = '\\';
-            o[1] = escape;
-            o += 2;
-        }
+        writeEscape(o, c, asciiEscapes[c]);
         done = k + 1;
         mask &= mask - 1;
     }
@@ -271,15 +275,8 @@ void appendEscaped(std::string &out, std::string_view text) {
             const char escape = asciiEscapes[c];
             if (escape == 0) {
                 *o++ = static_cast<char>(c);
-            } else if (escape == 'u') {
-                static constexpr char hex[] = "0123456789abcdef";
-                const char sequence[6] = {'\\', 'u', '0', '0', hex[c >> 4], hex[c & 0xF]};
-                std::memcpy(o, sequence, sizeof sequence);
-                o += sizeof sequence;
             } else {
-                o[0] = '\\';
-                o[1] = escape;
-                o += 2;
+                writeEscape(o, c, escape);
             }
             ++i;
             continue;
