@@ -634,6 +634,8 @@ void ItemsProvider::applyReply(const TypeIDAndData &command, const tidepost::Exc
             finish(std::nullopt);
             return;
         } catch (const DecodingError &) {
+            // The last report's records were read over: the next report is decoded whole.
+            lastReportRevision_.reset();
         }
         try {
             std::vector<GroupItem> list = decodeGroupItems(plain);

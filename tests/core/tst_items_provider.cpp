@@ -480,6 +480,32 @@ private slots:
         QCOMPARE(encodeDirItems(f.provider->dirItems()), encodeDirItems(report));
     }
 
+    void aReplyThatIsNotAReportLeavesTheNextReportToTheWholeDecode() {
+        // A reply that starts like a report but is none is read over the last report's records;
+        // a report after it that names a folder twice is merged as a whole, not in part.
+        Fixture f;
+        std::vector<DirItem> first = {folder("/a", "4 of 6 - Indexing"),
+                                      folder("/b", "4 of 6 - Indexing"),
+                                      folder("/c", "Up to date")};
+        for (int i = 0; i < 20; ++i) {
+            first.push_back(folder("/more/f" + std::to_string(i), "Up to date"));
+        }
+        f.answer(encodeDirItems(first));
+        QVERIFY(!f.call("ping", "", "[]"));
+        f.answer("[{\"Path\":\"/c\"}]");
+        QVERIFY(f.call("getGroups").has_value());
+        std::vector<DirItem> second = first;
+        second[0].path = "/c";
+        second[0].status = "1 of 6 - Checking";
+        f.answer(encodeDirItems(second));
+        QVERIFY(!f.call("ping", "", "[]"));
+        DirItemsModel reference;
+        reference.merge(first);
+        reference.merge(second);
+        QCOMPARE(encodeDirItems(f.provider->dirItems()), encodeDirItems(reference.items()));
+        QCOMPARE(f.provider->dirItems()[2].status, std::string("Up to date"));
+    }
+
     void deleteItemRemovesFromEveryGroupAndAgainLater() {
         Fixture f;
         f.answer(encodeGroupItems(
