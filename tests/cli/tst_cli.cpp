@@ -224,6 +224,25 @@ private slots:
         QVERIFY2(headless.contains("/libQt6Core.so"), headless.constData());
         QVERIFY2(headless.contains("/libQt6Network.so"), headless.constData());
         QVERIFY2(guiLibrariesIn(headless).isEmpty(), qPrintable(guiLibrariesIn(headless)));
+        // It picks Qt's own event dispatcher for itself; its backend does not inherit the choice.
+        QByteArray children;
+        for (const QString &task :
+             QDir(QStringLiteral("/proc/%1/task").arg(client.process.processId()))
+                 .entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+            QFile file(QStringLiteral("/proc/%1/task/%2/children")
+                           .arg(client.process.processId())
+                           .arg(task));
+            if (file.open(QIODevice::ReadOnly)) {
+                children += file.readAll() + ' ';
+            }
+        }
+        const QList<QByteArray> backends = children.simplified().split(' ');
+        QCOMPARE(backends.size(), 1);
+        QFile environment(QStringLiteral("/proc/%1/environ").arg(QString::fromLatin1(backends[0])));
+        QVERIFY(environment.open(QIODevice::ReadOnly));
+        const QByteArray variables = environment.readAll();
+        QVERIFY(variables.contains("HOME="));
+        QVERIFY(!variables.contains("QT_NO_GLIB"));
 
         // A command for the running client: the dynamic loader lists every library it opens.
         home.env.insert("LD_DEBUG", "files");
