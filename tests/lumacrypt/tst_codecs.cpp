@@ -3,7 +3,11 @@
 
 #include <QDateTime>
 
+#include <algorithm>
 #include <limits>
+#include <set>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using namespace lumacrypt;
 using namespace lumatest;
@@ -137,6 +141,60 @@ private slots:
         QCOMPARE(AEADRandomNonce(KeyExchangeAEAD::chachapoly).size(), std::size_t{12});
         QCOMPARE(AEADRandomKey(KeyExchangeAEAD::aesgcm).size(), std::size_t{32});
         QCOMPARE(AEADRandomKey(KeyExchangeAEAD::chachapoly).size(), std::size_t{32});
+    }
+
+    void pooledRandomBytesAreNeverHandedOutTwice() {
+        // Draws of a message's salt and nonce, across several refills of the pool: no two alike.
+        std::set<Bytes> seen;
+        for (int i = 0; i < 1000; ++i) {
+            Bytes salt(32), nonce(12);
+            PublicRandomBytes(salt);
+            PublicRandomBytes(nonce);
+            QVERIFY(seen.insert(salt).second);
+            QVERIFY(seen.insert(nonce).second);
+        }
+        // One draw larger than the pool, and an empty one.
+        Bytes large(10000);
+        PublicRandomBytes(large);
+        QVERIFY(std::count(large.begin(), large.end(), std::uint8_t{0}) < 200);
+        QVERIFY(!std::equal(large.begin(), large.begin() + 4096, large.begin() + 4096));
+        PublicRandomBytes(std::span<std::uint8_t>());
+    }
+
+    void pooledRandomBytesDifferAfterFork() {
+        // The pool is filled before the fork; without a refill in the child, parent and child
+        // would hand out the same next bytes.
+        Bytes first(12);
+        PublicRandomBytes(first);
+        int pipeEnds[2];
+        QCOMPARE(::pipe(pipeEnds), 0);
+        const pid_t child = ::fork();
+        QVERIFY(child >= 0);
+        if (child == 0) {
+            Bytes mine(32);
+            PublicRandomBytes(mine);
+            const bool written =
+                ::write(pipeEnds[1], mine.data(), mine.size()) == static_cast<ssize_t>(mine.size());
+            ::_exit(written ? 0 : 1);
+        }
+        ::close(pipeEnds[1]);
+        Bytes parents(32);
+        PublicRandomBytes(parents);
+        Bytes childs(32);
+        std::size_t got = 0;
+        while (got < childs.size()) {
+            const ssize_t n = ::read(pipeEnds[0], childs.data() + got, childs.size() - got);
+            if (n <= 0) {
+                break;
+            }
+            got += static_cast<std::size_t>(n);
+        }
+        ::close(pipeEnds[0]);
+        int status = 0;
+        QCOMPARE(::waitpid(child, &status, 0), child);
+        QVERIFY(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        QCOMPARE(got, childs.size());
+        QVERIFY(parents != childs);
     }
 
     void currentTimestamp() {

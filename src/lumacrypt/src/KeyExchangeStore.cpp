@@ -329,13 +329,16 @@ KeyExchangeStore::saltAndNonce(const std::optional<Bytes> &kdfNonce,
         return {kdfNonce ? *kdfNonce : AEADRandomKey(aead_),
                 aeadNonce ? *aeadNonce : AEADRandomNonce(aead_)};
     }
-    // The same as AEADRandomKey + AEADRandomNonce, with one call to the generator.
+    // The same sizes as AEADRandomKey + AEADRandomNonce. Both go out in clear with the record,
+    // so they come from the pooled generator: one generator call per message cost more than the
+    // rest of sealing a short one.
     if (aead_ != KeyExchangeAEAD::aesgcm && aead_ != KeyExchangeAEAD::chachapoly) {
         throw KeyExchangeException(KeyExchangeError::invalidAEAD);
     }
-    const Bytes both = KeyExchangeRandomBytes(kSaltSize + kAEADNonceSize);
-    return {Bytes(both.begin(), both.begin() + kSaltSize),
-            Bytes(both.begin() + kSaltSize, both.end())};
+    std::pair<Bytes, Bytes> both{Bytes(kSaltSize), Bytes(kAEADNonceSize)};
+    PublicRandomBytes(both.first);
+    PublicRandomBytes(both.second);
+    return both;
 }
 
 KeyExchangeAEADStore KeyExchangeStore::encrypt(std::span<const std::uint8_t> plaintext,
