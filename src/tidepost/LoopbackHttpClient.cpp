@@ -64,6 +64,20 @@ std::optional<qint64> parseLength(QByteArrayView text) {
     return value;
 }
 
+bool sameIgnoringCase(QByteArrayView text, QByteArrayView lower) {
+    return text.size() == lower.size() &&
+           qstrnicmp(text.data(), text.size(), lower.data(), lower.size()) == 0;
+}
+
+bool containsIgnoringCase(QByteArrayView text, QByteArrayView lower) {
+    for (qsizetype at = 0; at + lower.size() <= text.size(); ++at) {
+        if (sameIgnoringCase(text.sliced(at, lower.size()), lower)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 } // namespace
 
 Error timeoutError(std::chrono::milliseconds limit) {
@@ -113,6 +127,8 @@ struct LoopbackHttpClient::Connection {
     // gets one fresh try.
     bool reused = false;
     std::unique_ptr<Exchange> exchange;
+    // Where the head's lines are read, one at a time: taken once, for the connection's life.
+    std::unique_ptr<char[]> line;
 };
 
 LoopbackHttpClient::LoopbackHttpClient(QObject *parent) : QObject(parent) {}
@@ -413,20 +429,29 @@ bool LoopbackHttpClient::readHead(Connection *connection) {
             }
             return true;
         }
-        const QByteArray line = socket->readLine(maxHeadBytes + 1);
-        exchange->headBytes += line.size();
+        // Read into the connection's own buffer and looked at through views: the head of
+        // every reply is parsed without taking memory.
+        if (!connection->line) {
+            connection->line = std::make_unique<char[]>(std::size_t(maxHeadBytes) + 2);
+        }
+        const qint64 read = socket->readLine(connection->line.get(), maxHeadBytes + 2);
+        if (read <= 0) {
+            return true;
+        }
+        exchange->headBytes += read;
         if (exchange->headBytes > maxHeadBytes) {
             finish(connection, {std::nullopt, protocolError(kHeadersTooLong), 0}, false);
             return false;
         }
-        const QByteArray text = line.trimmed();
+        const QByteArrayView text =
+            QByteArrayView(connection->line.get(), qsizetype(read)).trimmed();
         if (!exchange->statusSeen) {
             // "HTTP/1.1 200 OK"
             if (!text.startsWith("HTTP/1.") || text.size() < 12 || text[8] != ' ') {
                 finish(connection, {std::nullopt, protocolError(kNotHttp), 0}, false);
                 return false;
             }
-            const std::optional<qint64> status = parseLength(text.mid(9, 3));
+            const std::optional<qint64> status = parseLength(text.sliced(9, 3));
             if (!status || (text.size() > 12 && text[12] != ' ')) {
                 finish(connection, {std::nullopt, protocolError(kNotHttp), 0}, false);
                 return false;
@@ -443,9 +468,9 @@ bool LoopbackHttpClient::readHead(Connection *connection) {
                 exchange->badHeaderText = "The reply carries a malformed header";
                 continue;
             }
-            const QByteArray name = text.left(colon).trimmed().toLower();
-            const QByteArray value = text.mid(colon + 1).trimmed();
-            if (name == "content-length") {
+            const QByteArrayView name = text.first(colon).trimmed();
+            const QByteArrayView value = text.sliced(colon + 1).trimmed();
+            if (sameIgnoringCase(name, "content-length")) {
                 const std::optional<qint64> length = parseLength(value);
                 if (!length || (exchange->contentLength && *exchange->contentLength != *length)) {
                     exchange->badHeader = true;
@@ -453,24 +478,22 @@ bool LoopbackHttpClient::readHead(Connection *connection) {
                 } else {
                     exchange->contentLength = length;
                 }
-            } else if (name == "transfer-encoding") {
-                const QByteArray coding = value.toLower();
-                if (coding == "chunked") {
+            } else if (sameIgnoringCase(name, "transfer-encoding")) {
+                if (sameIgnoringCase(value, "chunked")) {
                     exchange->chunked = true;
-                } else if (coding != "identity") {
+                } else if (!sameIgnoringCase(value, "identity")) {
                     exchange->badHeader = true;
                     exchange->badHeaderText = "The reply uses a transfer coding not asked for";
                 }
-            } else if (name == "content-encoding") {
-                if (value.toLower() != "identity") {
+            } else if (sameIgnoringCase(name, "content-encoding")) {
+                if (!sameIgnoringCase(value, "identity")) {
                     exchange->badHeader = true;
                     exchange->badHeaderText = "The reply is compressed although it was not asked";
                 }
-            } else if (name == "connection") {
-                const QByteArray option = value.toLower();
-                if (option.contains("close")) {
+            } else if (sameIgnoringCase(name, "connection")) {
+                if (containsIgnoringCase(value, "close")) {
                     exchange->connectionHeaderKeepAlive = false;
-                } else if (option.contains("keep-alive")) {
+                } else if (containsIgnoringCase(value, "keep-alive")) {
                     exchange->connectionHeaderKeepAlive = true;
                 }
             }

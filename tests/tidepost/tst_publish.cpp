@@ -170,6 +170,7 @@ private slots:
     void bodyWrittenIntoTheRequestArrivesWhole();
     void envelopesThatChangeInPlacesAreSentAsTheirJSON();
     void replyBodyHandedBackTakesTheNextReply();
+    void replyHeadsAreReadAsHttpSaysAndRefusedWithTheirReason();
 };
 
 void TestPublish::postsJSONWithBearerToken() {
@@ -874,6 +875,77 @@ void TestPublish::envelopesThatChangeInPlacesAreSentAsTheirJSON() {
                  result->error ? result->error->description.c_str() : "not opened");
         QCOMPARE(opened.size(), std::size_t(&envelope - envelopes.data() + 1));
         QVERIFY(opened.back() == envelope.toJSON());
+    }
+}
+
+void TestPublish::replyHeadsAreReadAsHttpSaysAndRefusedWithTheirReason() {
+    // Each canned head (then "{}" and a close), and what the request must end with: the body,
+    // or the error's description (empty: the publish failure of a status other than 200).
+    struct Case {
+        QByteArray head;
+        std::optional<QByteArray> body;
+        QString error;
+    };
+    const std::vector<Case> cases{
+        {"HTTP/1.1 200 OK\r\ncOnTeNt-LeNgTh: 2\r\n\r\n", "{}", {}},
+        {"HTTP/1.1 200 OK\r\nContent-Length:2\r\nX-Other:\t a:b \r\n\r\n", "{}", {}},
+        {"HTTP/1.1 200 OK  \r\n  Content-Length  :  2  \r\n\r\n", "{}", {}},
+        {"HTTP/1.1 200\r\nContent-Length: 2\r\n\r\n", "{}", {}},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 2\r\nContent-Length: 2\r\n\r\n", "{}", {}},
+        {"HTTP/1.1 200 OK\r\nCONTENT-ENCODING: IDENTITY\r\nContent-Length: 2\r\n\r\n", "{}", {}},
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: Identity\r\nContent-Length: 2\r\n\r\n", "{}", {}},
+        {"HTTP/1.1 200 OK\r\nConnection: Keep-Alive\r\nContent-Length: 2\r\n\r\n", "{}", {}},
+        {"HTTP/1.1 200 OK\r\nConnection: CLOSE\r\n\r\n", "{}", {}},
+        {"HTTP/1.0 200 OK\r\n\r\n", "{}", {}},
+        {"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n", "{}", {}},
+        {"HTTP/1.1 200 OK\r\nContent-Encoding: gzip\r\nContent-Length: 2\r\n\r\n",
+         {},
+         "The reply is compressed although it was not asked"},
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip\r\n\r\n",
+         {},
+         "The reply uses a transfer coding not asked for"},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 2\r\nContent-Length: 3\r\n\r\n",
+         {},
+         "The reply's length is not valid"},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 2x\r\n\r\n", {}, "The reply's length is not valid"},
+        {"HTTP/1.1 200 OK\r\nContent-Length: -2\r\n\r\n", {}, "The reply's length is not valid"},
+        {"HTTP/1.1 200 OK\r\nno colon here\r\nContent-Length: 2\r\n\r\n",
+         {},
+         "The reply carries a malformed header"},
+        {"HTTP/1.1 200 OK\r\n: no name\r\nContent-Length: 2\r\n\r\n",
+         {},
+         "The reply carries a malformed header"},
+        {"ICY 200 OK\r\nContent-Length: 2\r\n\r\n", {}, {}},
+        {"HTTP/1.1 2000 OK\r\nContent-Length: 2\r\n\r\n", {}, {}},
+        {"HTTP/1.1 404 Not Found\r\nContent-Length: 2\r\n\r\n", {}, {}},
+    };
+    for (const Case &c : cases) {
+        CannedServer server;
+        QVERIFY(server.listen());
+        server.respond = [&c](QTcpSocket *socket, const Received &) {
+            socket->write(c.head + "{}");
+            socket->flush();
+            socket->disconnectFromHost();
+        };
+        PollManager pm(tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
+        Outcome outcome;
+        pm.publishLocal("{}", server.port(), QStringLiteral("/request"), kToken,
+                        outcome.callback());
+        QTRY_COMPARE_WITH_TIMEOUT(outcome.calls, 1, 10000);
+        const QByteArray where = c.head.left(60);
+        QVERIFY2(outcome.body == c.body, where.constData());
+        if (c.body) {
+            continue;
+        }
+        QVERIFY2(outcome.error.has_value(), where.constData());
+        if (!c.error.isEmpty()) {
+            QVERIFY2(QString::fromStdString(outcome.error->description).contains(c.error),
+                     (where.toStdString() + " -> " + outcome.error->description).c_str());
+        } else {
+            QVERIFY2(!QString::fromStdString(outcome.error->description)
+                          .contains(QStringLiteral("header")),
+                     where.constData());
+        }
     }
 }
 
