@@ -10,6 +10,7 @@
 #include <QTimerEvent>
 
 #include <algorithm>
+#include <charconv>
 #include <limits>
 #include <utility>
 
@@ -214,8 +215,15 @@ std::optional<QByteArray> LoopbackHttpClient::head(const QUrl &url, const QByteA
 }
 
 void LoopbackHttpClient::appendHeadEnd(QByteArray &text, qint64 bodySize) {
-    text += "Content-Length: " + QByteArray::number(bodySize) + "\r\n";
-    text += "Accept-Encoding: identity\r\nConnection: keep-alive\r\n\r\n";
+    // One allocation for the whole head: the prefix is shared with the cache until now.
+    static constexpr QByteArrayView lengthName = "Content-Length: ";
+    static constexpr QByteArrayView rest =
+        "\r\nAccept-Encoding: identity\r\nConnection: keep-alive\r\n\r\n";
+    char digits[24];
+    const auto [end, ec] = std::to_chars(std::begin(digits), std::end(digits), bodySize);
+    const QByteArrayView number(digits, ec == std::errc() ? end - digits : 0);
+    text.reserve(text.size() + lengthName.size() + number.size() + rest.size());
+    text.append(lengthName).append(number).append(rest);
 }
 
 void LoopbackHttpClient::post(const QUrl &url, const QByteArray &headers, const QByteArray &body,
