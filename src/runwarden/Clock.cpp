@@ -1,7 +1,10 @@
 #include "runwarden/Clock.h"
 
+#include <QCoreApplication>
 #include <QDateTime>
+#include <QThread>
 #include <QTimer>
+#include <QTimerEvent>
 
 #include <algorithm>
 #include <utility>
@@ -9,6 +12,52 @@
 namespace runwarden {
 
 namespace {
+
+// Runs delayed calls from one Qt timer each on an object of the calling thread. QTimer's own
+// single shots make, connect and later delete an object per call, which for the 100 ms ping
+// cost more than the rest of arming it.
+class TimerHost final : public QObject {
+public:
+    void add(std::chrono::milliseconds delay, QObject *context, std::function<void()> action) {
+        // The kind of timer QTimer's single shots choose: precise under two seconds.
+        const auto due = std::max(delay, std::chrono::milliseconds(0));
+        const int id =
+            startTimer(due, due < std::chrono::seconds(2) ? Qt::PreciseTimer : Qt::CoarseTimer);
+        if (id == 0) {
+            QTimer::singleShot(delay, context, std::move(action));
+            return;
+        }
+        // A call left over from an event dispatcher that is gone (an application made again)
+        // may carry the same number: only the new timer's call may answer to it.
+        std::erase_if(calls_, [id](const Call &call) { return call.id == id; });
+        calls_.push_back({id, context, std::move(action)});
+    }
+
+protected:
+    void timerEvent(QTimerEvent *event) override {
+        const int id = event->timerId();
+        killTimer(id);
+        const auto found = std::find_if(calls_.begin(), calls_.end(),
+                                        [id](const Call &call) { return call.id == id; });
+        if (found == calls_.end()) {
+            return;
+        }
+        Call call = std::move(*found);
+        calls_.erase(found);
+        if (call.context) {
+            call.action();
+        }
+    }
+
+private:
+    struct Call {
+        int id;
+        QPointer<QObject> context;
+        std::function<void()> action;
+    };
+    // Few at a time (the ping, a relaunch, an update check): a list is the cheapest to search.
+    std::vector<Call> calls_;
+};
 
 class SystemClock final : public Clock {
 public:
@@ -20,7 +69,18 @@ public:
     }
     void singleShot(std::chrono::milliseconds delay, QObject *context,
                     std::function<void()> action) override {
-        QTimer::singleShot(delay, context, std::move(action));
+        // The host serves calls made on the application's thread for objects that live there
+        // (all of the client's logic); anything else is left to QTimer, which moves the call
+        // to the context's thread.
+        const QCoreApplication *app = QCoreApplication::instance();
+        if (context == nullptr || app == nullptr || app->thread() != QThread::currentThread() ||
+            context->thread() != QThread::currentThread()) {
+            QTimer::singleShot(delay, context, std::move(action));
+            return;
+        }
+        // One host for the process's life, like the clock itself.
+        static TimerHost *const host = new TimerHost;
+        host->add(delay, context, std::move(action));
     }
 };
 
