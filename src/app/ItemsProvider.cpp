@@ -160,11 +160,7 @@ void ItemsProvider::startUp() {
                                : supervisor::BinaryPreparation::defaultDataDirectoryLookup());
     supervisor::BackendLauncher::Hooks hooks;
     hooks.log = [this](const QString &line) { log(line); };
-    hooks.pingPayload = [this] { return pingPayload(); };
-    hooks.sendPing = [this](std::string payload, std::function<void()> done) {
-        publishAndWait(commands::ping(std::move(payload)),
-                       [done = std::move(done)](const CommandOutcome &) { done(); });
-    };
+    hooks.sendPing = [this](std::function<void()> done) { sendPing(std::move(done)); };
     hooks.setError = [this](const QString &message) { setError(message); };
     hooks.choosePort = [this](bool fresh) -> std::optional<int> { return choosePort(fresh); };
     launcher_ = std::make_unique<supervisor::BackendLauncher>(pm, std::move(preparation),
@@ -357,6 +353,28 @@ const std::string &ItemsProvider::pingPayload() const {
     pingPayloadRevision_ = revision;
     pingPayloadLayout_ = dirItems_->layoutRevision();
     return pingPayload_;
+}
+
+void ItemsProvider::sendPing(std::function<void()> done) {
+    publishAttempt(pingCommand(), 1,
+                   [done = std::move(done)](const CommandOutcome &) {
+                       if (done) {
+                           done();
+                       }
+                   },
+                   {});
+}
+
+std::shared_ptr<const TypeIDAndData> ItemsProvider::pingCommand() {
+    // While the list stays as it is, the very command of the last ping goes out again: no copy
+    // of the list's text is taken, and the session knows its sealed text without comparing.
+    const std::uint64_t revision = dirItems_->revision();
+    if (!pingCommand_ || pingCommandRevision_ != revision) {
+        pingCommand_.reset();
+        pingCommand_ = std::make_shared<const TypeIDAndData>(commands::ping(pingPayload()));
+        pingCommandRevision_ = revision;
+    }
+    return pingCommand_;
 }
 
 void ItemsProvider::update(const std::vector<DirItem> &report) {

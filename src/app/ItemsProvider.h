@@ -134,6 +134,11 @@ public:
     // The folder list the background ping carries (JSON text). Encoded once per change of the
     // list and reused while it stays as it is.
     const std::string &pingPayload() const;
+    // The "ping" command carrying pingPayload(): the same object while the list is unchanged.
+    std::shared_ptr<const TypeIDAndData> pingCommand();
+    // The ping loop's step: publishes pingCommand() (retried as every command is) and calls
+    // done after, whatever the outcome.
+    void sendPing(std::function<void()> done);
     // Drops a folder from the local state at once, and again 0.5 s later.
     Q_INVOKABLE void deleteItem(const QString &path);
     Q_INVOKABLE QString walkDirIcon(const QString &path) const;
@@ -271,6 +276,9 @@ private:
     mutable std::uint64_t pingPayloadLayout_ = 0;
     mutable std::string pingPayloadSpare_;
     mutable std::vector<std::size_t> pingPayloadRowEndsSpare_;
+    // The last ping's command, and the list's revision its text was taken at.
+    std::shared_ptr<const TypeIDAndData> pingCommand_;
+    std::uint64_t pingCommandRevision_ = 0;
     // The last folder report applied, and the list's revision right after it: the same report
     // again on the same list changes nothing, and is not decoded or merged again.
     std::string lastReport_;

@@ -237,7 +237,7 @@ void BackendLauncher::pingTick() {
         return;
     }
     QPointer<BackendLauncher> self(this);
-    hooks_.sendPing(hooks_.pingPayload(), [self] {
+    hooks_.sendPing([self] {
         if (self) {
             self->schedulePing();
         }

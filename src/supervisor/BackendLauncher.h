@@ -31,10 +31,9 @@ class BackendLauncher : public QObject {
 public:
     struct Hooks {
         std::function<void(const QString &line)> log;
-        // The JSON text of the current folder list, sent with each ping.
-        std::function<std::string()> pingPayload;
-        // Sends one "ping" (retried as every command is) and calls done after.
-        std::function<void(std::string payload, std::function<void()> done)> sendPing;
+        // Sends one "ping" carrying the JSON text of the current folder list (retried as every
+        // command is) and calls done after.
+        std::function<void(std::function<void()> done)> sendPing;
         // Shows a message to the user (the model's error text).
         std::function<void(const QString &message)> setError;
         // Asked before each launch: the port the backend is to listen on (a fresh one when

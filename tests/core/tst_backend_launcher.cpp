@@ -43,8 +43,7 @@ struct Fixture {
             [this]() -> std::optional<QString> { return dir.filePath("data"); });
         BackendLauncher::Hooks hooks;
         hooks.log = [this](const QString &line) { log << line; };
-        hooks.pingPayload = [] { return std::string("[]"); };
-        hooks.sendPing = [](const std::string &, std::function<void()> done) { done(); };
+        hooks.sendPing = [](std::function<void()> done) { done(); };
         hooks.setError = [this](const QString &message) { error = message; };
         hooks.choosePort = [this](bool fresh) {
             ++portChoices;

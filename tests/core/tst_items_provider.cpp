@@ -283,6 +283,28 @@ private slots:
         QVERIFY(!QByteArray::fromStdString(f.provider->pingPayload()).contains("\"/a\""));
     }
 
+    void pingCommandIsTheSameWhileTheListIsUnchanged() {
+        Fixture f(false);
+        f.provider->update({folder("/a", "Up to date"), folder("/b", "4 of 6 - Indexing")});
+        const std::shared_ptr<const TypeIDAndData> first = f.provider->pingCommand();
+        QCOMPARE(first->type, std::string("ping"));
+        QCOMPARE(first->id, std::string());
+        QCOMPARE(first->data, encodeDirItems(f.provider->dirItems()));
+        // The same report again leaves the list as it is: the same command goes out.
+        f.provider->update({folder("/a", "Up to date"), folder("/b", "4 of 6 - Indexing")});
+        QCOMPARE(f.provider->pingCommand(), first);
+        // A change gives a new command with the new text; the one sent before stays as it was.
+        const std::string before = first->data;
+        f.provider->update({folder("/b", "Up to date")});
+        const std::shared_ptr<const TypeIDAndData> second = f.provider->pingCommand();
+        QVERIFY(second != first);
+        QCOMPARE(second->data, encodeDirItems(f.provider->dirItems()));
+        QCOMPARE(first->data, before);
+        f.provider->deleteItem("/a");
+        QCOMPARE(f.provider->pingCommand()->data, encodeDirItems(f.provider->dirItems()));
+        QVERIFY(!QByteArray::fromStdString(f.provider->pingCommand()->data).contains("\"/a\""));
+    }
+
     void pingPayloadRewritesOnlyChangedRowsAndStaysTheListsText() {
         // A long run of reports that change some rows, add folders, repeat themselves, and of
         // removals: after each, the payload is exactly the list's own text.
