@@ -370,6 +370,33 @@ private slots:
         QVERIFY(!f.provider->isLoading());
     }
 
+    void everyFieldOfAKnownFolderFollowsTheReport() {
+        // Each field on its own, then all at once: the row ends equal to the report's record.
+        Fixture f(false);
+        const DirItem base = folder("/a", "Up to date", 3);
+        f.provider->update({base, folder("/b", "Up to date")});
+        std::vector<DirItem> variants(5, base);
+        variants[0].status = "2 of 6 - Scanning";
+        variants[1].name = "Renamed";
+        variants[2].error = "open /a: permission denied";
+        variants[3].groupID = 9;
+        variants[4].enabled = false;
+        DirItem all = base;
+        all.status = "4 of 6 - Indexing";
+        all.name = "Other";
+        all.error = "disk full";
+        all.groupID = 12;
+        all.enabled = false;
+        variants.push_back(all);
+        variants.push_back(base);
+        for (const DirItem &variant : variants) {
+            f.provider->update({variant, folder("/b", "Up to date")});
+            QVERIFY(DirItemsModel::sameRecord(f.provider->dirItems()[0], variant));
+            QVERIFY(
+                DirItemsModel::sameRecord(f.provider->dirItems()[1], folder("/b", "Up to date")));
+        }
+    }
+
     void sameUploadReportAgainMergesAsTheRuleSays() {
         // An upload line that replaced a status before the upload started is merged again when
         // the same report comes back: the line already shown is then the headline above it.
