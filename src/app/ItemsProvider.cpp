@@ -367,10 +367,10 @@ void ItemsProvider::sendPing(std::function<void()> done) {
 
 std::shared_ptr<const TypeIDAndData> ItemsProvider::pingCommand() {
     // While the list stays as it is, the very command of the last ping goes out again: no copy
-    // of the list's text is taken, and the session knows its sealed text without comparing.
+    // of the list's text is taken, and the session reuses the envelope's JSON text without
+    // comparing it (each ping is still sealed afresh).
     const std::uint64_t revision = dirItems_->revision();
     if (!pingCommand_ || pingCommandRevision_ != revision) {
-        pingCommand_.reset();
         pingCommand_ = std::make_shared<const TypeIDAndData>(commands::ping(pingPayload()));
         pingCommandRevision_ = revision;
     }
