@@ -21,41 +21,105 @@ int DirItemsModel::indexOf(const std::string &path) const {
     return found == rowOfPath_.end() ? -1 : found->second;
 }
 
-bool DirItemsModel::isUploadProgress(const std::string &existing, const std::string &incoming) {
+bool DirItemsModel::isUploadProgress(std::string_view existing, std::string_view incoming) {
     return existing.starts_with(kUploadStep) && incoming.starts_with(kUploadLine);
 }
 
 DirItem DirItemsModel::merged(const DirItem &existing, const DirItem &incoming) {
+    return merged(existing, DirItemView::of(incoming));
+}
+
+DirItem DirItemsModel::merged(const DirItem &existing, const DirItemView &incoming) {
     if (!isUploadProgress(existing.status, incoming.status)) {
-        return incoming;
+        return incoming.toItem();
     }
     // While the backend uploads, its step headline stays on the first line and
     // the upload progress shows under it instead of replacing it.
     DirItem result = existing;
     result.status = existing.status.substr(0, existing.status.find('\n'));
     result.status.push_back('\n');
-    result.status.append(incoming.status, kUploadStep.size());
+    result.status.append(incoming.status.substr(kUploadStep.size()));
     return result;
 }
 
 bool DirItemsModel::sameRecord(const DirItem &a, const DirItem &b) {
+    return sameRecord(a, DirItemView::of(b));
+}
+
+bool DirItemsModel::sameRecord(const DirItem &a, const DirItemView &b) {
     return a.path == b.path && a.status == b.status && a.name == b.name && a.groupID == b.groupID &&
            a.enabled == b.enabled && a.error == b.error;
 }
 
+namespace {
+
+// Makes `row` the record `incoming` of the same path, writing only the members that differ
+// (a string keeps its memory); whether any did.
+bool assignChanged(DirItem &row, const DirItemView &incoming) {
+    bool changed = false;
+    const auto text = [&changed](std::string &member, std::string_view value) {
+        if (member != value) {
+            member.assign(value);
+            changed = true;
+        }
+    };
+    text(row.status, incoming.status);
+    text(row.name, incoming.name);
+    if (row.groupID != incoming.groupID) {
+        row.groupID = incoming.groupID;
+        changed = true;
+    }
+    if (row.enabled != incoming.enabled) {
+        row.enabled = incoming.enabled;
+        changed = true;
+    }
+    if (!incoming.error) {
+        if (row.error) {
+            row.error.reset();
+            changed = true;
+        }
+    } else if (!row.error) {
+        row.error.emplace(*incoming.error);
+        changed = true;
+    } else {
+        text(*row.error, *incoming.error);
+    }
+    return changed;
+}
+
+} // namespace
+
 void DirItemsModel::merge(const std::vector<DirItem> &report) {
+    std::vector<DirItemView> views;
+    views.reserve(report.size());
+    for (const DirItem &item : report) {
+        views.push_back(DirItemView::of(item));
+    }
+    merge(views);
+}
+
+void DirItemsModel::merge(std::span<const DirItemView> report, std::vector<std::uint32_t> *rows) {
     std::vector<bool> changed(items_.size(), false);
     std::vector<bool> touched(items_.size(), false);
     std::vector<DirItem> appended;
-    std::unordered_map<std::string, std::size_t> appendedIndex;
+    std::unordered_map<std::string, std::size_t, PathHash, std::equal_to<>> appendedIndex;
     bool settled = true;
+    if (rows) {
+        rows->clear();
+        rows->reserve(report.size());
+    }
+    const auto placed = [rows](std::size_t row) {
+        if (rows) {
+            rows->push_back(static_cast<std::uint32_t>(row));
+        }
+    };
     // Only an upload line can merge into something other than itself.
-    const auto settles = [](const DirItem &row, const DirItem &incoming) {
+    const auto settles = [](const DirItem &row, const DirItemView &incoming) {
         return !incoming.status.starts_with(kUploadLine) || sameRecord(row, merged(row, incoming));
     };
 
     for (std::size_t i = 0; i < report.size(); ++i) {
-        const DirItem &incoming = report[i];
+        const DirItemView &incoming = report[i];
         // A report lists the folders in the order of the last one as a rule, so the row at the
         // same place is tried before the index (paths are unique in the list).
         int row = -1;
@@ -66,15 +130,15 @@ void DirItemsModel::merge(const std::vector<DirItem> &report) {
         }
         if (row >= 0) {
             const auto at = static_cast<std::size_t>(row);
+            placed(at);
             DirItem &existing = items_[at];
             if (touched[at]) {
                 settled = false; // named twice
             }
             touched[at] = true;
             if (!isUploadProgress(existing.status, incoming.status)) {
-                // merged() would be the incoming record itself: compared and copied in place.
-                if (!sameRecord(existing, incoming)) {
-                    existing = incoming;
+                // merged() would be the incoming record itself: compared and written in place.
+                if (assignChanged(existing, incoming)) {
                     changed[at] = true;
                     rowRevisions_[at] = ++revision_;
                 }
@@ -88,12 +152,14 @@ void DirItemsModel::merge(const std::vector<DirItem> &report) {
                    pending != appendedIndex.end()) {
             // The same path twice in one report: the later entry merges into
             // the one appended a moment ago.
+            placed(items_.size() + pending->second);
             DirItem &existing = appended[pending->second];
             existing = merged(existing, incoming);
             settled = false;
         } else {
+            placed(items_.size() + appended.size());
             appendedIndex.emplace(incoming.path, appended.size());
-            appended.push_back(incoming);
+            appended.push_back(incoming.toItem());
             settled = settled && settles(appended.back(), incoming);
         }
     }

@@ -5,7 +5,10 @@
 #include <QAbstractListModel>
 
 #include <cstdint>
+#include <functional>
+#include <span>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -42,6 +45,9 @@ public:
     // step-2 headline above an upload line), a new one is appended, and
     // folders missing from the report stay.
     void merge(const std::vector<DirItem> &report);
+    // The same for a report read as views. With `rows`, it is given the row each element of
+    // the report went to, in order.
+    void merge(std::span<const DirItemView> report, std::vector<std::uint32_t> *rows = nullptr);
     // Whether merging the last report once more would leave the list as it is. It would not
     // when an upload line met a row that was not yet uploading (the second merge keeps the
     // first line as the headline) or when the report named a folder twice.
@@ -63,8 +69,10 @@ public:
 
     // A known folder after an incoming record for the same path.
     static DirItem merged(const DirItem &existing, const DirItem &incoming);
-    static bool isUploadProgress(const std::string &existing, const std::string &incoming);
+    static DirItem merged(const DirItem &existing, const DirItemView &incoming);
+    static bool isUploadProgress(std::string_view existing, std::string_view incoming);
     static bool sameRecord(const DirItem &a, const DirItem &b);
+    static bool sameRecord(const DirItem &a, const DirItemView &b);
 
 signals:
     void countChanged();
@@ -73,7 +81,14 @@ private:
     void rebuildIndex();
 
     std::vector<DirItem> items_;
-    std::unordered_map<std::string, int> rowOfPath_;
+    // Looked up by the views of a report too, without making a string of them.
+    struct PathHash {
+        using is_transparent = void;
+        std::size_t operator()(std::string_view path) const noexcept {
+            return std::hash<std::string_view>{}(path);
+        }
+    };
+    std::unordered_map<std::string, int, PathHash, std::equal_to<>> rowOfPath_;
     std::uint64_t revision_ = 0;
     std::vector<std::uint64_t> rowRevisions_;
     std::uint64_t layoutRevision_ = 0;

@@ -13,6 +13,7 @@
 
 #include <QCoreApplication>
 #include <QPointer>
+#include <QScopedValueRollback>
 #include <QSettings>
 
 #include <algorithm>
@@ -445,7 +446,7 @@ bool ItemsProvider::applyChangedElements(const std::string &report) {
     }
     if (!lastReportSpans_) {
         lastReportSpans_ = arrayElementSpans(last);
-        if (!lastReportSpans_ || lastReportSpans_->size() != reportScratch_.size()) {
+        if (!lastReportSpans_ || lastReportSpans_->size() != lastReportRows_.size()) {
             lastReportSpans_.reset();
             return false;
         }
@@ -496,11 +497,13 @@ bool ItemsProvider::applyChangedElements(const std::string &report) {
     if (records.size() != count || !windowSpans || windowSpans->size() != count) {
         return false;
     }
-    // Each element names the folder it named before: the report names no folder twice, as
-    // the last one did not, and the last report's records keep their paths.
-    const std::vector<DirItem> &lastRecords = reportScratch_;
+    // Each element names the folder it named before (the row it went to holds that path
+    // still, as nothing changed the list since): the report names no folder twice, as the
+    // last one did not.
+    const std::vector<DirItem> &rows = dirItems();
     for (std::size_t i = 0; i < count; ++i) {
-        if (records[i].path != lastRecords[from + i].path) {
+        const std::uint32_t row = lastReportRows_[from + i];
+        if (row >= rows.size() || records[i].path != rows[row].path) {
             return false;
         }
     }
@@ -640,20 +643,27 @@ void ItemsProvider::applyReply(const TypeIDAndData &command, const tidepost::Exc
             return;
         }
         try {
-            // Read over the last report's records, whose strings keep their memory.
-            std::vector<DirItem> &report = reportScratch_;
-            decodeDirItemsInto(plain, report);
+            // The report goes to the merge as views into the reader: no text is copied on the
+            // way. A reply handled while the merge runs (from a nested event loop) cannot read
+            // over those views: it gets a reader of its own.
+            std::optional<DirItemReader> nested;
+            DirItemReader &reader = readingReport_ ? nested.emplace() : reportReader_;
+            const bool padded = plain.capacity() - plain.size() >= jsonPadding;
+            const std::span<const DirItemView> report = reader.read(plain, padded);
+            const QScopedValueRollback reading(readingReport_, true);
             setIsLoggedIn(true);
             emit loginStateReported(true);
-            update(report);
+            std::vector<std::uint32_t> rows;
+            dirItems_->merge(report, &rows);
+            refreshLoading();
             lastReport_ = plain;
+            lastReportRows_ = std::move(rows);
             lastReportRevision_ = dirItems_->revision();
             lastReportSpans_.reset();
             finish(std::nullopt);
             return;
         } catch (const DecodingError &) {
-            // The last report's records were read over: the next report is decoded whole.
-            lastReportRevision_.reset();
+            // Not a folder list; nothing was merged.
         }
         try {
             std::vector<GroupItem> list = decodeGroupItems(plain);

@@ -282,8 +282,10 @@ private:
     // The last folder report applied, and the list's revision right after it: the same report
     // again on the same list changes nothing, and is not decoded or merged again.
     std::string lastReport_;
-    // The records of the last report (their memory reused by the next whole decode).
-    std::vector<DirItem> reportScratch_;
+    // Reads whole reports for the merge, and the row each element of the last one went to.
+    DirItemReader reportReader_;
+    bool readingReport_ = false;
+    std::vector<std::uint32_t> lastReportRows_;
     std::optional<std::uint64_t> lastReportRevision_;
     // Where the last report's elements lie in its text (found when first needed): a report
     // that differs from it in a few elements is decoded and merged in those elements only.

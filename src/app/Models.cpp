@@ -251,28 +251,23 @@ std::string_view readStringView(element value, const char *record, std::string_v
     return text;
 }
 
-// Reads a DirItem into `item`, whose strings keep their memory: a report read over the last
-// one allocates only where a text grew.
-void readDirItem(element value, DirItem &item) {
+// Reads a DirItem's members as views into the parsed document.
+DirItemView readDirItemView(element value) {
     static constexpr const char *record = "DirItem";
+    DirItemView item;
     bool hasPath = false, hasEnabled = false, hasGroupID = false, hasName = false,
-         hasStatus = false, hasError = false;
+         hasStatus = false;
     for (const auto field : readObject(value, record)) {
         const std::string_view key = field.key;
         if (key == "Path") {
-            item.path.assign(readStringView(field.value, record, key));
+            item.path = readStringView(field.value, record, key);
             hasPath = true;
         } else if (key == "Error") {
             if (field.value.is_null()) {
                 item.error.reset();
             } else {
-                const std::string_view text = readStringView(field.value, record, key);
-                if (!item.error) {
-                    item.error.emplace();
-                }
-                item.error->assign(text);
+                item.error = readStringView(field.value, record, key);
             }
-            hasError = true;
         } else if (key == "Enabled") {
             item.enabled = readBool(field.value, record, key);
             hasEnabled = true;
@@ -280,10 +275,10 @@ void readDirItem(element value, DirItem &item) {
             item.groupID = readInt64(field.value, record, key);
             hasGroupID = true;
         } else if (key == "Name") {
-            item.name.assign(readStringView(field.value, record, key));
+            item.name = readStringView(field.value, record, key);
             hasName = true;
         } else if (key == "Status") {
-            item.status.assign(readStringView(field.value, record, key));
+            item.status = readStringView(field.value, record, key);
             hasStatus = true;
         }
     }
@@ -292,9 +287,26 @@ void readDirItem(element value, DirItem &item) {
     requireKey(hasGroupID, record, "GroupID");
     requireKey(hasName, record, "Name");
     requireKey(hasStatus, record, "Status");
-    if (!hasError) {
+    return item;
+}
+
+// Reads a DirItem into `item`, whose strings keep their memory: a report read over the last
+// one allocates only where a text grew.
+void readDirItem(element value, DirItem &item) {
+    const DirItemView view = readDirItemView(value);
+    item.path.assign(view.path);
+    if (view.error) {
+        if (!item.error) {
+            item.error.emplace();
+        }
+        item.error->assign(*view.error);
+    } else {
         item.error.reset();
     }
+    item.enabled = view.enabled;
+    item.groupID = view.groupID;
+    item.name.assign(view.name);
+    item.status.assign(view.status);
 }
 
 DirItem dirItemFrom(element value) {
@@ -459,6 +471,66 @@ void decodeDirItemsInto(std::string_view json, std::vector<DirItem> &items) {
         items.resize(count);
         return 0;
     });
+}
+
+DirItemView DirItemView::of(const DirItem &item) {
+    DirItemView view;
+    if (item.error) {
+        view.error = *item.error;
+    }
+    view.enabled = item.enabled;
+    view.groupID = item.groupID;
+    view.name = item.name;
+    view.path = item.path;
+    view.status = item.status;
+    return view;
+}
+
+DirItem DirItemView::toItem() const {
+    DirItem item;
+    if (error) {
+        item.error.emplace(*error);
+    }
+    item.enabled = enabled;
+    item.groupID = groupID;
+    item.name.assign(name);
+    item.path.assign(path);
+    item.status.assign(status);
+    return item;
+}
+
+struct DirItemReader::Parser {
+    simdjson::dom::parser parser;
+    PaddedBuffer buffer;
+};
+
+DirItemReader::DirItemReader() : parser_(std::make_unique<Parser>()) {}
+
+DirItemReader::~DirItemReader() = default;
+
+std::span<const DirItemView> DirItemReader::read(std::string_view json, bool padded) {
+    views_.clear();
+    // Grown past the shared parsers' limit for a huge report, the reader starts afresh for a
+    // smaller one: the huge report's memory is not kept for the life of the reader.
+    if (json.size() <= cachedParserLimit && parser_->parser.capacity() > cachedParserLimit) {
+        parser_ = std::make_unique<Parser>();
+    }
+    const std::string_view text = padded ? json : parser_->buffer.fill(json);
+    try {
+        element root;
+        const simdjson::error_code error =
+            parser_->parser.parse(text.data(), text.size(), false).get(root);
+        if (error != simdjson::SUCCESS) {
+            fail(std::string("invalid JSON: ") + simdjson::error_message(error));
+        }
+        for (const element value : readArray(root, "DirItem list")) {
+            views_.push_back(readDirItemView(value));
+        }
+    } catch (...) {
+        views_.clear();
+        throw;
+    }
+    return views_;
 }
 
 namespace {

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <exception>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <span>
 #include <stdexcept>
@@ -169,6 +170,39 @@ struct GroupItem {
 // (DecodingError) the content of `items` is unspecified.
 void decodeDirItemsInto(std::string_view json, std::vector<DirItem> &items);
 std::vector<DirItem> decodeDirItems(std::string_view json);
+
+// A DirItem whose texts are views into someone else's memory: a record as a report holds it.
+struct DirItemView {
+    std::optional<std::string_view> error;
+    bool enabled = false;
+    std::int64_t groupID = 0;
+    std::string_view name;
+    std::string_view path;
+    std::string_view status;
+
+    static DirItemView of(const DirItem &item);
+    DirItem toItem() const;
+};
+
+// Reads status reports as decodeDirItems does, with the same checks and errors, but hands out
+// views into its own buffers instead of copies: a report goes to the merge without one text
+// copied on the way. The views hold until this reader's next read() or its end.
+class DirItemReader {
+public:
+    DirItemReader();
+    ~DirItemReader();
+    DirItemReader(const DirItemReader &) = delete;
+    DirItemReader &operator=(const DirItemReader &) = delete;
+
+    // With `padded`, the text is followed by at least jsonPadding readable bytes (whatever they
+    // hold) and is parsed where it lies. Throws DecodingError; the reader then holds no views.
+    std::span<const DirItemView> read(std::string_view json, bool padded = false);
+
+private:
+    struct Parser;
+    std::unique_ptr<Parser> parser_;
+    std::vector<DirItemView> views_;
+};
 
 // Where one element of a JSON array lies in its text: [begin, end).
 struct ElementSpan {

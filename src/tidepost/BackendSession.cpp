@@ -178,6 +178,10 @@ Exchange BackendSession::open(const QByteArray &body, std::int64_t headersAt) {
         // The reply is opened where it lies, straight into the reused buffer; the
         // HTTP client leaves room after a body for the parser to read past its end.
         const bool padded = body.capacity() - body.size() >= qsizetype(tarnwick::jsonPadding);
+        // The plaintext is shorter than the base64 text it comes from. Room after it lets the
+        // reply's reader parse it where it lies too.
+        plaintextBuffer_.reserve(static_cast<std::size_t>(body.size()) / 4 * 3 +
+                                 tarnwick::jsonPadding);
         const lumacrypt::KeyExchangeAEADStore record = pm_->kes.decryptJSON(
             std::string_view(body.constData(), static_cast<std::size_t>(body.size())),
             plaintextBuffer_,

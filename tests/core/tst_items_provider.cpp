@@ -530,8 +530,8 @@ private slots:
     }
 
     void aReplyThatIsNotAReportLeavesTheNextReportToTheWholeDecode() {
-        // A reply that starts like a report but is none is read over the last report's records;
-        // a report after it that names a folder twice is merged as a whole, not in part.
+        // A reply that starts like a report but is none changes nothing; a report after it
+        // that names a folder twice is merged as a whole, not in part.
         Fixture f;
         std::vector<DirItem> first = {folder("/a", "4 of 6 - Indexing"),
                                       folder("/b", "4 of 6 - Indexing"),
@@ -553,6 +553,32 @@ private slots:
         reference.merge(second);
         QCOMPARE(encodeDirItems(f.provider->dirItems()), encodeDirItems(reference.items()));
         QCOMPARE(f.provider->dirItems()[2].status, std::string("Up to date"));
+    }
+
+    void aReportWithABadLastRecordChangesNothing() {
+        // Every record is read and checked before the first is merged: a report whose last
+        // record is broken moves no status of the good records before it.
+        Fixture f;
+        const std::vector<DirItem> first = {folder("/a", "4 of 6 - Indexing"),
+                                            folder("/b", "Up to date")};
+        f.answer(encodeDirItems(first));
+        QVERIFY(!f.call("ping", "", "[]"));
+        QSignalSpy changed(f.provider->dirItemsModel(), &QAbstractItemModel::dataChanged);
+        QSignalSpy inserted(f.provider->dirItemsModel(), &QAbstractItemModel::rowsInserted);
+        std::string broken = encodeDirItems({folder("/a", "Up to date"), folder("/c", "new")});
+        broken.insert(broken.size() - 1, R"(,{"Path":"/d","Enabled":"yes"})");
+        f.answer(broken);
+        const auto error = f.call("ping", "", "[]");
+        QVERIFY(error);
+        QCOMPARE(error->description, std::string("decodeError"));
+        QCOMPARE(encodeDirItems(f.provider->dirItems()), encodeDirItems(first));
+        QCOMPARE(changed.count(), 0);
+        QCOMPARE(inserted.count(), 0);
+        // The next good report is applied whole.
+        const std::vector<DirItem> next = {folder("/a", "Up to date"), folder("/b", "Up to date")};
+        f.answer(encodeDirItems(next));
+        QVERIFY(!f.call("ping", "", "[]"));
+        QCOMPARE(encodeDirItems(f.provider->dirItems()), encodeDirItems(next));
     }
 
     void deleteItemRemovesFromEveryGroupAndAgainLater() {

@@ -762,6 +762,54 @@ private slots:
         EXPECT_DECODING_ERROR(decodeDirItemsInto("[" + validGroupItem + "]", items));
     }
 
+    void dirItemReaderViewsWhatADecodeGives() {
+        // The reader's views are the records a decode gives, read where the text lies or from
+        // a copy, and each read replaces the last; what a decode refuses, the reader refuses,
+        // and it reads the next text as if nothing had happened.
+        const std::vector<DirItem> first{
+            {"disk full", true, 1, "A long name that is longer", "/a", "3 of 6 - Checking"},
+            {std::nullopt, false, -2, "Фото \"q\" \\", "/b", "\t\r\n\b\f\x01"},
+        };
+        const std::string second =
+            R"([{"Path":"/b2","Enabled":true,"GroupID":5,"Name":"b","Status":"1 of 6 - x"},)"
+            R"({"Path":"/a","Error":null,"Enabled":false,"GroupID":1,"Name":"A\u00e9","Status":"s"}])";
+        DirItemReader reader;
+        for (const bool padded : {false, true}) {
+            for (std::string text :
+                 {encodeDirItems(first), second, std::string("[]"), "[" + validDirItem + "]"}) {
+                const std::vector<DirItem> fresh = decodeDirItems(text);
+                const std::size_t size = text.size();
+                if (padded) {
+                    text.append(jsonPadding, 'x'); // whatever the padding holds
+                }
+                const std::span<const DirItemView> views =
+                    reader.read(std::string_view(text.data(), size), padded);
+                QCOMPARE(views.size(), fresh.size());
+                for (std::size_t i = 0; i < fresh.size(); ++i) {
+                    QVERIFY2(same(views[i].toItem(), fresh[i]), text.c_str());
+                    QVERIFY(same(DirItemView::of(fresh[i]).toItem(), fresh[i]));
+                }
+            }
+        }
+        // Views of one reader hold while another reads (a longer text, needing more room).
+        const std::span<const DirItemView> held = reader.read(second);
+        DirItemReader other;
+        QCOMPARE(other.read(encodeDirItems(std::vector<DirItem>(40, first[0]))).size(),
+                 std::size_t{40});
+        QCOMPARE(held[1].toItem().name, std::string("A\u00e9"));
+        QCOMPARE(held[0].path, std::string_view("/b2"));
+        // Good records before a bad last one.
+        const std::string lastBroken = "[" + validDirItem + "," + first[0].toJSON() + ",{}]";
+        const std::string lastMistyped = "[" + validDirItem + R"(,{"Path":1}])";
+        for (const std::string &bad :
+             {"[" + validGroupItem + "]", lastBroken, lastMistyped, std::string("{}"),
+              std::string("[1]"), std::string("not json")}) {
+            EXPECT_DECODING_ERROR(decodeDirItems(bad));
+            EXPECT_DECODING_ERROR(reader.read(bad));
+            QCOMPARE(reader.read(second).size(), std::size_t{2});
+        }
+    }
+
     void listsRoundTrip() {
         std::vector<DirItem> items{
             {std::nullopt, true, 1, "Documents", "/home/ana/Documents", "Up to date"},
