@@ -357,10 +357,24 @@ const std::string &ItemsProvider::pingPayload() const {
 }
 
 void ItemsProvider::sendPing(std::function<void()> done) {
+    QPointer<ItemsProvider> self(this);
     publishAttempt(pingCommand(), 1,
-                   [done = std::move(done)](const CommandOutcome &) {
+                   [self, done = std::move(done)](const CommandOutcome &) {
                        if (done) {
                            done();
+                       }
+                       // A reply that changed the list: the next ping's text is written now,
+                       // while the loop waits, not when it is due (a list that changes again
+                       // in the meantime is written again then).
+                       if (self && self->pingCommandRevision_ != self->dirItems_->revision()) {
+                           QMetaObject::invokeMethod(
+                               self,
+                               [self] {
+                                   if (self && !self->destroying_) {
+                                       self->session_->prepare(self->pingCommand());
+                                   }
+                               },
+                               Qt::QueuedConnection);
                        }
                    },
                    {});

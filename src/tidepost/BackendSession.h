@@ -83,6 +83,15 @@ public:
     void send(std::shared_ptr<const tarnwick::TypeIDAndData> envelope, Priority priority,
               Handler done);
 
+    /// Writes the envelope's JSON text now, ahead of its sending: the ping loop's next command
+    /// is prepared while the loop waits, and its sending then only seals it.
+    void prepare(const std::shared_ptr<const tarnwick::TypeIDAndData> &envelope) {
+        (void)envelopeJSON(envelope);
+    }
+    /// Whether the envelope's JSON text is written and kept: its sending only seals it.
+    bool isPrepared(const std::shared_ptr<const tarnwick::TypeIDAndData> &envelope) const {
+        return lastEnvelope_ == envelope;
+    }
     /// Whether a request is on the wire.
     bool isBusy() const { return inFlight_; }
     /// Commands waiting behind the one on the wire.

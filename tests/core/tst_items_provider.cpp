@@ -1,5 +1,6 @@
 // The client's model: start-up, status merging, the reply shapes and every
 // command, against a scripted backend endpoint on loopback.
+#include "BackendSession.h"
 #include "DirItemsModel.h"
 #include "FakeBackend.h"
 #include "ItemsProvider.h"
@@ -303,6 +304,43 @@ private slots:
         f.provider->deleteItem("/a");
         QCOMPARE(f.provider->pingCommand()->data, encodeDirItems(f.provider->dirItems()));
         QVERIFY(!QByteArray::fromStdString(f.provider->pingCommand()->data).contains("\"/a\""));
+    }
+
+    void theNextPingIsWrittenWhileTheLoopWaits() {
+        // A reply that changes the list has the next ping's text written soon after, not when
+        // the ping is due; the ping then carries the list as it is when it leaves.
+        Fixture f;
+        std::vector<std::string> sent;
+        std::string report = encodeDirItems({folder("/a", "1 of 6 - x"), folder("/b", "y")});
+        f.backend->setHandler([&](const FakeRequest &request) {
+            sent.push_back(request.data);
+            return FakeReply::sealed(report);
+        });
+        const auto ping = [&f] {
+            bool done = false;
+            f.provider->sendPing([&done] { done = true; });
+            QVERIFY(QTest::qWaitFor([&done] { return done; }, 10000));
+        };
+        ping();
+        QCOMPARE(f.provider->dirItems().size(), 2u);
+        report = encodeDirItems({folder("/a", "2 of 6 - x"), folder("/b", "y")});
+        ping();
+        QCoreApplication::processEvents();
+        // Had it not been written, asking for it now would make a new command, one that the
+        // session has not seen.
+        const std::shared_ptr<const TypeIDAndData> next = f.provider->pingCommand();
+        QVERIFY(f.provider->session().isPrepared(next));
+        QCOMPARE(next->data, encodeDirItems(f.provider->dirItems()));
+        ping();
+        QCOMPARE(sent.back(), encodeDirItems({folder("/a", "2 of 6 - x"), folder("/b", "y")}));
+        // A folder removed after the text was written is not in the ping.
+        report = encodeDirItems({folder("/a", "3 of 6 - x"), folder("/b", "y")});
+        ping();
+        QCoreApplication::processEvents();
+        QVERIFY(f.provider->session().isPrepared(f.provider->pingCommand()));
+        f.provider->deleteItem("/b");
+        ping();
+        QCOMPARE(sent.back(), encodeDirItems({folder("/a", "3 of 6 - x")}));
     }
 
     void pingPayloadRewritesOnlyChangedRowsAndStaysTheListsText() {
