@@ -447,7 +447,7 @@ std::size_t commonSuffix(std::string_view a, std::string_view b, std::size_t lim
 
 } // namespace
 
-bool ItemsProvider::applyChangedElements(const std::string &report) {
+bool ItemsProvider::applyChangedElements(std::string &report) {
     const std::string &last = lastReport_;
     const std::size_t head = commonPrefix(last, report);
     const std::size_t tail =
@@ -536,7 +536,7 @@ bool ItemsProvider::applyChangedElements(const std::string &report) {
             static_cast<std::size_t>(static_cast<std::ptrdiff_t>(spans[i].begin) + grown);
         spans[i].end = static_cast<std::size_t>(static_cast<std::ptrdiff_t>(spans[i].end) + grown);
     }
-    lastReport_ = report;
+    lastReport_.swap(report);
     lastReportRevision_ = dirItems_->revision();
     ++reportsAppliedInPart_;
     return true;
@@ -604,7 +604,7 @@ void ItemsProvider::publishAndWaitThrows(std::shared_ptr<const TypeIDAndData> co
                               : tidepost::BackendSession::Priority::command;
     QPointer<ItemsProvider> self(this);
     session_->send(command, priority,
-                   [self, command, done = std::move(done)](const tidepost::Exchange &exchange) {
+                   [self, command, done = std::move(done)](tidepost::Exchange &exchange) {
                        if (!self || self->destroying_) {
                            return;
                        }
@@ -617,7 +617,7 @@ void ItemsProvider::publishAndWaitThrows(const QString &type, const QString &id,
     publishAndWaitThrows(TypeIDAndData{utf8(type), utf8(id), utf8(data)}, std::move(done));
 }
 
-void ItemsProvider::applyReply(const TypeIDAndData &command, const tidepost::Exchange &exchange,
+void ItemsProvider::applyReply(const TypeIDAndData &command, tidepost::Exchange &exchange,
                                const Completion &done) {
     using Result = tidepost::Exchange::Result;
     const auto finish = [&done](const CommandOutcome &outcome) {
@@ -650,7 +650,7 @@ void ItemsProvider::applyReply(const TypeIDAndData &command, const tidepost::Exc
             finish(std::nullopt);
             return;
         }
-        if (onLastReport && applyChangedElements(plain)) {
+        if (onLastReport && applyChangedElements(exchange.plaintext)) {
             setIsLoggedIn(true);
             emit loginStateReported(true);
             finish(std::nullopt);
@@ -670,7 +670,8 @@ void ItemsProvider::applyReply(const TypeIDAndData &command, const tidepost::Exc
             std::vector<std::uint32_t> rows;
             dirItems_->merge(report, &rows);
             refreshLoading();
-            lastReport_ = plain;
+            // Kept without a copy: the session opens a later reply into the buffer it gets back.
+            lastReport_.swap(exchange.plaintext);
             lastReportRows_ = std::move(rows);
             lastReportRevision_ = dirItems_->revision();
             lastReportSpans_.reset();

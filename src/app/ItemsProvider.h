@@ -227,11 +227,12 @@ signals:
 private:
     void startUp();
     void launchTask();
-    void applyReply(const TypeIDAndData &command, const tidepost::Exchange &exchange,
+    void applyReply(const TypeIDAndData &command, tidepost::Exchange &exchange,
                     const Completion &done);
     // Applies a folder report that differs from the last one in a few of its elements only,
     // decoding and merging just those; false (nothing changed) when it cannot.
-    bool applyChangedElements(const std::string &report);
+    // Takes the report into lastReport_ when it applies it (the caller's string gets the last one).
+    bool applyChangedElements(std::string &report);
     // isLoading and the menu bar symbol after the folder list changed.
     void refreshLoading();
     void replaceGroups(std::vector<GroupItem> incoming);

@@ -221,7 +221,8 @@ void BackendSession::deliver(Handler done, Exchange exchange) {
         return;
     }
     QMetaObject::invokeMethod(
-        this, [done = std::move(done), exchange = std::move(exchange)] { done(exchange); },
+        this,
+        [done = std::move(done), exchange = std::move(exchange)]() mutable { done(exchange); },
         Qt::QueuedConnection);
 }
 

@@ -55,7 +55,9 @@ class BackendSession : public QObject {
 
 public:
     enum class Priority { command, background };
-    using Handler = std::function<void(const Exchange &exchange)>;
+    /// A handler may keep the reply's plaintext by swapping it for a buffer of its own: the
+    /// session opens a later reply into what it finds there.
+    using Handler = std::function<void(Exchange &exchange)>;
 
     /// The path requests are posted to.
     static constexpr const char *requestPath = "/request";
