@@ -569,6 +569,37 @@ bool LoopbackHttpClient::append(Connection *connection, qint64 count) {
     return read == count;
 }
 
+void LoopbackHttpClient::appendFromKernel(Connection *connection, qint64 count) {
+#if defined(Q_OS_UNIX)
+    // Whatever has arrived of the body's rest, straight from the kernel into the body: Qt's
+    // buffer would take it first and hand it over in a second copy. Only bytes this body still
+    // lacks are taken, so what follows it stays for the socket; an end or an error is left for
+    // the socket to find on its next read, as it would have.
+    QTcpSocket *socket = connection->socket;
+    if (socket->bytesAvailable() != 0 || socket->socketDescriptor() < 0) {
+        return;
+    }
+    const int fd = static_cast<int>(socket->socketDescriptor());
+    Exchange *exchange = connection->exchange.get();
+    const qsizetype before = exchange->body.size();
+    exchange->body.resize(before + qsizetype(count));
+    qsizetype got = 0;
+    while (got < count) {
+        const ssize_t n = ::recv(fd, exchange->body.data() + before + got,
+                                 static_cast<std::size_t>(count - got), MSG_DONTWAIT);
+        if (n <= 0) {
+            break;
+        }
+        got += n;
+    }
+    exchange->body.resize(before + got);
+    peakReplyBytes_ = std::max(peakReplyBytes_, qint64(exchange->body.size()));
+#else
+    Q_UNUSED(connection);
+    Q_UNUSED(count);
+#endif
+}
+
 bool LoopbackHttpClient::readBody(Connection *connection) {
     Exchange *exchange = connection->exchange.get();
     QTcpSocket *socket = connection->socket;
@@ -580,6 +611,9 @@ bool LoopbackHttpClient::readBody(Connection *connection) {
         const qint64 take = std::min(missing, socket->bytesAvailable());
         if (take > 0) {
             append(connection, take);
+        }
+        if (exchange->body.size() < *exchange->contentLength) {
+            appendFromKernel(connection, *exchange->contentLength - exchange->body.size());
         }
         if (exchange->body.size() == *exchange->contentLength) {
             HttpReply reply{std::move(exchange->body), std::nullopt, exchange->headersAt};

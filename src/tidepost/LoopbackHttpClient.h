@@ -108,6 +108,8 @@ private:
     bool readBody(Connection *connection);
     bool readChunked(Connection *connection);
     bool append(Connection *connection, qint64 count);
+    // Takes up to `count` more body bytes from the kernel at once, when the socket holds none.
+    void appendFromKernel(Connection *connection, qint64 count);
     void finish(Connection *connection, HttpReply reply, bool keepConnection);
     void drop(Connection *connection);
     bool mayRetry(const Connection *connection) const;

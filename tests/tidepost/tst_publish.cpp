@@ -171,6 +171,7 @@ private slots:
     void envelopesThatChangeInPlacesAreSentAsTheirJSON();
     void replyBodyHandedBackTakesTheNextReply();
     void replyHeadsAreReadAsHttpSaysAndRefusedWithTheirReason();
+    void bodyInPiecesIsReadToItsLengthAndNoFurther();
 };
 
 void TestPublish::postsJSONWithBearerToken() {
@@ -947,6 +948,52 @@ void TestPublish::replyHeadsAreReadAsHttpSaysAndRefusedWithTheirReason() {
                      where.constData());
         }
     }
+}
+
+void TestPublish::bodyInPiecesIsReadToItsLengthAndNoFurther() {
+    // A body that comes in pieces, the last one followed at once by bytes of something else:
+    // the reply is the body to its length, not a byte more, and the next request gets its own
+    // reply. The rest of the body and the stray bytes are in the kernel before the client has
+    // read past the head, so the client finds them together.
+    CannedServer server;
+    QVERIFY(server.listen());
+    QByteArray body(64 * 1024, '\0');
+    for (qsizetype i = 0; i < body.size(); ++i) {
+        body[i] = char('a' + i % 26);
+    }
+    QPointer<QTcpSocket> replying;
+    int requests = 0;
+    server.respond = [&](QTcpSocket *socket, const Received &) {
+        if (++requests == 1) {
+            socket->write("HTTP/1.1 200 OK\r\nContent-Length: " + QByteArray::number(body.size()) +
+                          "\r\n\r\n" + body.first(1000));
+            replying = socket;
+        } else {
+            socket->write(answer(200, "OK", "second"));
+        }
+    };
+    PollManager pm(tidepost::KeyExchange_Curve25519_SHA256_HKDF_AESGCM);
+    connect(&pm.http(), &tidepost::LoopbackHttpClient::replyHeadersArrived, this, [&] {
+        if (requests != 1) {
+            return;
+        }
+        QVERIFY(replying);
+        replying->write(body.sliced(1000));
+        replying->write("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nstray");
+        QVERIFY(replying->flush());
+        QCOMPARE(replying->bytesToWrite(), 0);
+    });
+    Outcome first;
+    pm.publishLocal("{}", server.port(), QStringLiteral("/request"), kToken, first.callback());
+    QTRY_COMPARE_WITH_TIMEOUT(first.calls, 1, 10000);
+    QVERIFY2(!first.error, first.error ? first.error->description.c_str() : "");
+    QCOMPARE(first.body->size(), body.size());
+    QVERIFY(*first.body == body);
+    Outcome second;
+    pm.publishLocal("{}", server.port(), QStringLiteral("/request"), kToken, second.callback());
+    QTRY_COMPARE_WITH_TIMEOUT(second.calls, 1, 10000);
+    QVERIFY2(!second.error, second.error ? second.error->description.c_str() : "");
+    QCOMPARE(second.body, std::optional<QByteArray>("second"));
 }
 
 #include "tst_publish.moc"
