@@ -598,6 +598,37 @@ void ReadAndMerge(benchmark::State &state) {
     state.SetLabel(std::to_string(count) + " folders, every status changing");
 }
 
+// What the client does for the next ping while the loop waits, after a report of N folders in
+// which every status moved: the list's text and the envelope's JSON around it. Caches cold, as
+// in ReadAndMerge.
+void NextPingText(benchmark::State &state) {
+    const auto count = std::size_t(state.range(0));
+    const std::vector<std::string> reports = makeReports(count, 2);
+    const std::vector<tarnwick::DirItem> lists[2] = {tarnwick::decodeDirItems(reports[0]),
+                                                     tarnwick::decodeDirItems(reports[1])};
+    tarnwick::ItemsProvider::Options options;
+    options.launchBackend = false;
+    options.singleInstance = false;
+    options.log = [](const QString &) {};
+    tarnwick::ItemsProvider model(options);
+    model.update(lists[0]);
+    model.session().prepare(model.pingCommand());
+    std::vector<char> evict(64 * 1024 * 1024, 1);
+    std::size_t next = 1;
+    for (auto _ : state) {
+        state.PauseTiming();
+        model.update(lists[next]);
+        next = 1 - next;
+        for (std::size_t i = 0; i < evict.size(); i += 64) {
+            evict[i] = char(evict[i] + 1);
+        }
+        benchmark::DoNotOptimize(evict.data());
+        state.ResumeTiming();
+        model.session().prepare(model.pingCommand());
+    }
+    state.SetLabel(std::to_string(count) + " folders, every status changing");
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
@@ -620,6 +651,9 @@ int main(int argc, char **argv) {
     }
     for (int count : {10000, 100000}) {
         benchmark::RegisterBenchmark("ReadAndMerge", ReadAndMerge)
+            ->Arg(count)
+            ->Unit(benchmark::kMillisecond);
+        benchmark::RegisterBenchmark("NextPingText", NextPingText)
             ->Arg(count)
             ->Unit(benchmark::kMillisecond);
     }

@@ -123,9 +123,7 @@ void DirItemsModel::merge(std::span<const DirItemView> report, std::vector<std::
         // The rows' texts lie apart from the rows, wherever each was allocated: those a few
         // rows ahead are fetched while this one is compared.
         if (constexpr std::size_t ahead = 8; i + ahead < items_.size()) {
-            __builtin_prefetch(items_[i + ahead].path.data());
-            __builtin_prefetch(items_[i + ahead].status.data());
-            __builtin_prefetch(items_[i + ahead].name.data());
+            prefetchTexts(items_[i + ahead]);
         }
         // A report lists the folders in the order of the last one as a rule, so the row at the
         // same place is tried before the index (paths are unique in the list).
