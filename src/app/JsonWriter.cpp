@@ -320,7 +320,8 @@ void EscapedRegion::escapeMarked(std::string &piece, std::string_view text, std:
 void EscapedRegion::write(std::string &out, std::string_view text) {
     begin_ = out.size();
     marks_.assign(1, Mark{0, 0});
-    std::string escaped;
+    std::string &escaped = scratch_;
+    escaped.clear();
     escaped.reserve(text.size() + text.size() / 8 + 16);
     escapeMarked(escaped, text, 0, 0, marks_);
     size_ = escaped.size();
@@ -384,7 +385,8 @@ void EscapedRegion::update(std::string &out, std::string_view previous, std::str
     if (marks.empty()) {
         marks.push_back({0, 0});
     }
-    std::string middle;
+    std::string &middle = scratch_;
+    middle.clear();
     escapeMarked(middle, text.substr(from, newTo - from), from, escapedFrom, marks);
     const std::ptrdiff_t grown = static_cast<std::ptrdiff_t>(middle.size()) -
                                  static_cast<std::ptrdiff_t>(escapedTo - escapedFrom);

@@ -50,6 +50,9 @@ private:
     std::size_t size_ = 0;
     // Ascending; the first is {0, 0}.
     std::vector<Mark> marks_;
+    // Where changed pieces are escaped before they go in: kept, so that a large list changing
+    // everywhere is not written into fresh memory (and its page faults) every time.
+    std::string scratch_;
 };
 // Appends the decimal form of `value`.
 void appendInteger(std::string &out, std::int64_t value);
