@@ -45,8 +45,8 @@ public:
     // step-2 headline above an upload line), a new one is appended, and
     // folders missing from the report stay.
     void merge(const std::vector<DirItem> &report);
-    // The same for a report read as views. With `rows`, it is given the row each element of
-    // the report went to, in order.
+    // The same for a report read as views. Neither form may be given this model's own rows. With
+    // `rows`, it is given the row each element of the report went to, in order.
     void merge(std::span<const DirItemView> report, std::vector<std::uint32_t> *rows = nullptr);
     // Whether merging the last report once more would leave the list as it is. It would not
     // when an upload line met a row that was not yet uploading (the second merge keeps the

@@ -663,8 +663,8 @@ void ItemsProvider::applyReply(const TypeIDAndData &command, tidepost::Exchange 
         }
         try {
             // The report goes to the merge as views into the reader: no text is copied on the
-            // way. A reply handled while the merge runs (from a nested event loop) cannot read
-            // over those views: it gets a reader of its own.
+            // way. A report read while the merge runs (a slot running a nested event loop) is
+            // read by a reader of its own, so these views stay what they were.
             std::optional<DirItemReader> nested;
             DirItemReader &reader = readingReport_ ? nested.emplace() : reportReader_;
             const bool padded = plain.capacity() - plain.size() >= jsonPadding;

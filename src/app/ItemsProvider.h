@@ -277,7 +277,8 @@ private:
     mutable std::uint64_t pingPayloadLayout_ = 0;
     mutable std::string pingPayloadSpare_;
     mutable std::vector<std::size_t> pingPayloadRowEndsSpare_;
-    // The last ping's command, and the list's revision its text was taken at.
+    // The command of the last ping, or of the next one when it was written ahead while the loop
+    // waited, and the list's revision its text was taken at.
     std::shared_ptr<const TypeIDAndData> pingCommand_;
     std::uint64_t pingCommandRevision_ = 0;
     // The last folder report applied, and the list's revision right after it: the same report

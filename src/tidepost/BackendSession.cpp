@@ -180,6 +180,7 @@ Exchange BackendSession::open(const QByteArray &body, std::int64_t headersAt) {
         const bool padded = body.capacity() - body.size() >= qsizetype(tarnwick::jsonPadding);
         // The plaintext is shorter than the base64 text it comes from. Room after it lets the
         // reply's reader parse it where it lies too.
+        plaintextBuffer_.clear(); // what it held (the last report) need not move with it
         plaintextBuffer_.reserve(static_cast<std::size_t>(body.size()) / 4 * 3 +
                                  tarnwick::jsonPadding);
         const lumacrypt::KeyExchangeAEADStore record = pm_->kes.decryptJSON(

@@ -10,6 +10,7 @@
 #include <QTimerEvent>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <limits>
 #include <utility>
@@ -569,15 +570,15 @@ bool LoopbackHttpClient::append(Connection *connection, qint64 count) {
     return read == count;
 }
 
-void LoopbackHttpClient::appendFromKernel(Connection *connection, qint64 count) {
+bool LoopbackHttpClient::appendFromKernel(Connection *connection, qint64 count) {
 #if defined(Q_OS_UNIX)
     // Whatever has arrived of the body's rest, straight from the kernel into the body: Qt's
     // buffer would take it first and hand it over in a second copy. Only bytes this body still
-    // lacks are taken, so what follows it stays for the socket; an end or an error is left for
-    // the socket to find on its next read, as it would have.
+    // lacks are taken, so what follows it stays for the socket. An end is left for the socket
+    // to find on its next read; an error found here reaches it as an end.
     QTcpSocket *socket = connection->socket;
     if (socket->bytesAvailable() != 0 || socket->socketDescriptor() < 0) {
-        return;
+        return false;
     }
     const int fd = static_cast<int>(socket->socketDescriptor());
     Exchange *exchange = connection->exchange.get();
@@ -594,9 +595,27 @@ void LoopbackHttpClient::appendFromKernel(Connection *connection, qint64 count) 
     }
     exchange->body.resize(before + got);
     peakReplyBytes_ = std::max(peakReplyBytes_, qint64(exchange->body.size()));
+    return got > 0;
 #else
     Q_UNUSED(connection);
     Q_UNUSED(count);
+    return false;
+#endif
+}
+
+bool LoopbackHttpClient::kernelHoldsMore(const Connection *connection) const {
+#if defined(Q_OS_UNIX)
+    // One byte looked at, not taken: anything there (or the peer's end) is past the reply.
+    const qintptr fd = connection->socket->socketDescriptor();
+    if (fd < 0) {
+        return true;
+    }
+    char byte = 0;
+    const ssize_t n = ::recv(static_cast<int>(fd), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    return n >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
+#else
+    Q_UNUSED(connection);
+    return false;
 #endif
 }
 
@@ -612,12 +631,17 @@ bool LoopbackHttpClient::readBody(Connection *connection) {
         if (take > 0) {
             append(connection, take);
         }
+        bool fromKernel = false;
         if (exchange->body.size() < *exchange->contentLength) {
-            appendFromKernel(connection, *exchange->contentLength - exchange->body.size());
+            fromKernel =
+                appendFromKernel(connection, *exchange->contentLength - exchange->body.size());
         }
         if (exchange->body.size() == *exchange->contentLength) {
             HttpReply reply{std::move(exchange->body), std::nullopt, exchange->headersAt};
-            const bool keep = exchange->keepAlive() && socket->bytesAvailable() == 0;
+            // Bytes after the reply mean the peer is out of step: the connection is not used
+            // again. Read from the kernel, they are still there, not in the socket's buffer.
+            const bool keep = exchange->keepAlive() && socket->bytesAvailable() == 0 &&
+                              !(fromKernel && kernelHoldsMore(connection));
             finish(connection, std::move(reply), keep);
             return false;
         }

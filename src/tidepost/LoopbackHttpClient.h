@@ -108,8 +108,11 @@ private:
     bool readBody(Connection *connection);
     bool readChunked(Connection *connection);
     bool append(Connection *connection, qint64 count);
-    // Takes up to `count` more body bytes from the kernel at once, when the socket holds none.
-    void appendFromKernel(Connection *connection, qint64 count);
+    // Takes up to `count` more body bytes from the kernel at once, when the socket holds none;
+    // whether it took any.
+    bool appendFromKernel(Connection *connection, qint64 count);
+    // Whether the kernel holds bytes (or the peer's end) beyond what was read.
+    bool kernelHoldsMore(const Connection *connection) const;
     void finish(Connection *connection, HttpReply reply, bool keepConnection);
     void drop(Connection *connection);
     bool mayRetry(const Connection *connection) const;
