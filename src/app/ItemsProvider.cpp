@@ -362,27 +362,31 @@ const std::string &ItemsProvider::pingPayload() const {
 }
 
 void ItemsProvider::sendPing(std::function<void()> done) {
-    QPointer<ItemsProvider> self(this);
     publishAttempt(pingCommand(), 1,
-                   [self, done = std::move(done)](const CommandOutcome &) {
+                   [done = std::move(done)](const CommandOutcome &) {
                        if (done) {
                            done();
                        }
-                       // A reply that changed the list: the next ping's text is written now,
-                       // while the loop waits, not when it is due (a list that changes again
-                       // in the meantime is written again then).
-                       if (self && self->pingCommandRevision_ != self->dirItems_->revision()) {
-                           QMetaObject::invokeMethod(
-                               self,
-                               [self] {
-                                   if (self && !self->destroying_) {
-                                       self->session_->prepare(self->pingCommand());
-                                   }
-                               },
-                               Qt::QueuedConnection);
-                       }
                    },
                    {});
+}
+
+void ItemsProvider::prepareNextPing(const TypeIDAndData &command) {
+    // A ping whose reply changed the list: the next ping's text is written right after, while
+    // the loop waits, not when the ping is due (a list that changes again in the meantime is
+    // written again then).
+    if (!commands::isPing(command) || pingCommandRevision_ == dirItems_->revision()) {
+        return;
+    }
+    QPointer<ItemsProvider> self(this);
+    QMetaObject::invokeMethod(
+        this,
+        [self] {
+            if (self && !self->destroying_) {
+                self->session_->prepare(self->pingCommand());
+            }
+        },
+        Qt::QueuedConnection);
 }
 
 std::shared_ptr<const TypeIDAndData> ItemsProvider::pingCommand() {
@@ -658,6 +662,7 @@ void ItemsProvider::applyReply(const TypeIDAndData &command, tidepost::Exchange 
         if (onLastReport && applyChangedElements(exchange.plaintext)) {
             setIsLoggedIn(true);
             emit loginStateReported(true);
+            prepareNextPing(command);
             finish(std::nullopt);
             return;
         }
@@ -672,6 +677,13 @@ void ItemsProvider::applyReply(const TypeIDAndData &command, tidepost::Exchange 
             const QScopedValueRollback reading(readingReport_, true);
             setIsLoggedIn(true);
             emit loginStateReported(true);
+            // The command is done once its reply is read as a folder list; the list follows at
+            // once, before anything else runs. The ping loop starts its wait from here.
+            const QPointer<ItemsProvider> self(this);
+            finish(std::nullopt);
+            if (!self || destroying_) {
+                return;
+            }
             std::vector<std::uint32_t> rows;
             dirItems_->merge(report, &rows);
             refreshLoading();
@@ -680,7 +692,7 @@ void ItemsProvider::applyReply(const TypeIDAndData &command, tidepost::Exchange 
             lastReportRows_ = std::move(rows);
             lastReportRevision_ = dirItems_->revision();
             lastReportSpans_.reset();
-            finish(std::nullopt);
+            prepareNextPing(command);
             return;
         } catch (const DecodingError &) {
             // Not a folder list; nothing was merged.

@@ -233,6 +233,9 @@ private:
     // decoding and merging just those; false (nothing changed) when it cannot.
     // Takes the report into lastReport_ when it applies it (the caller's string gets the last one).
     bool applyChangedElements(std::string &report);
+    // After a reply to `command` was applied: when it was a ping that changed the list, posts
+    // the writing of the next ping's text.
+    void prepareNextPing(const TypeIDAndData &command);
     // isLoading and the menu bar symbol after the folder list changed.
     void refreshLoading();
     void replaceGroups(std::vector<GroupItem> incoming);

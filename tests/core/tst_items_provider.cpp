@@ -335,14 +335,42 @@ private slots:
         QCOMPARE(next->data, encodeDirItems(f.provider->dirItems()));
         ping();
         QCOMPARE(sent.back(), encodeDirItems({folder("/a", "2 of 6 - x"), folder("/b", "y")}));
+        // The same after a report that changes too much to be read in part (read whole).
+        const std::uint64_t inPart = f.provider->reportsAppliedInPart();
+        report = encodeDirItems(
+            {folder("/a", "Up to date"), folder("/b", "Checking"), folder("/c", "1 of 6 - new")});
+        ping();
+        QCOMPARE(f.provider->reportsAppliedInPart(), inPart);
+        QCoreApplication::processEvents();
+        QVERIFY(f.provider->session().isPrepared(f.provider->pingCommand()));
+        ping();
+        QCOMPARE(sent.back(), report);
         // A folder removed after the text was written is not in the ping.
-        report = encodeDirItems({folder("/a", "3 of 6 - x"), folder("/b", "y")});
+        report = encodeDirItems({folder("/a", "3 of 6 - x"), folder("/b", "y"), folder("/c", "z")});
         ping();
         QCoreApplication::processEvents();
         QVERIFY(f.provider->session().isPrepared(f.provider->pingCommand()));
         f.provider->deleteItem("/b");
         ping();
-        QCOMPARE(sent.back(), encodeDirItems({folder("/a", "3 of 6 - x")}));
+        QCOMPARE(sent.back(), encodeDirItems({folder("/a", "3 of 6 - x"), folder("/c", "z")}));
+    }
+
+    void aPingIsDoneWhenItsReplyIsReadAndTheListFollowsAtOnce() {
+        // The ping loop starts its wait when the ping is done, which is as soon as its reply is
+        // read as a folder list; the list is merged right after, before anything else runs.
+        Fixture f;
+        f.answer(encodeDirItems({folder("/a", "Up to date"), folder("/b", "1 of 6 - x")}));
+        std::optional<std::size_t> atDone, atNextEvent;
+        f.provider->sendPing([&] {
+            atDone = f.provider->dirItems().size();
+            QMetaObject::invokeMethod(
+                f.provider.get(), [&] { atNextEvent = f.provider->dirItems().size(); },
+                Qt::QueuedConnection);
+        });
+        QVERIFY(QTest::qWaitFor([&] { return atNextEvent.has_value(); }, 10000));
+        QCOMPARE(*atDone, 0u);
+        QCOMPARE(*atNextEvent, 2u);
+        QVERIFY(f.provider->isLoggedIn());
     }
 
     void pingPayloadRewritesOnlyChangedRowsAndStaysTheListsText() {
