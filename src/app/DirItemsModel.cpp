@@ -51,44 +51,6 @@ bool DirItemsModel::sameRecord(const DirItem &a, const DirItemView &b) {
            a.enabled == b.enabled && a.error == b.error;
 }
 
-namespace {
-
-// Makes `row` the record `incoming` of the same path, writing only the members that differ
-// (a string keeps its memory); whether any did.
-bool assignChanged(DirItem &row, const DirItemView &incoming) {
-    bool changed = false;
-    const auto text = [&changed](std::string &member, std::string_view value) {
-        if (member != value) {
-            member.assign(value);
-            changed = true;
-        }
-    };
-    text(row.status, incoming.status);
-    text(row.name, incoming.name);
-    if (row.groupID != incoming.groupID) {
-        row.groupID = incoming.groupID;
-        changed = true;
-    }
-    if (row.enabled != incoming.enabled) {
-        row.enabled = incoming.enabled;
-        changed = true;
-    }
-    if (!incoming.error) {
-        if (row.error) {
-            row.error.reset();
-            changed = true;
-        }
-    } else if (!row.error) {
-        row.error.emplace(*incoming.error);
-        changed = true;
-    } else {
-        text(*row.error, *incoming.error);
-    }
-    return changed;
-}
-
-} // namespace
-
 void DirItemsModel::merge(const std::vector<DirItem> &report) {
     std::vector<DirItemView> views;
     views.reserve(report.size());
@@ -143,7 +105,7 @@ void DirItemsModel::merge(std::span<const DirItemView> report, std::vector<std::
             touched[at] = true;
             if (!isUploadProgress(existing.status, incoming.status)) {
                 // merged() would be the incoming record itself: compared and written in place.
-                if (assignChanged(existing, incoming)) {
+                if (incoming.assignTo(existing)) {
                     changed[at] = true;
                     rowRevisions_[at] = ++revision_;
                 }

@@ -293,20 +293,7 @@ DirItemView readDirItemView(element value) {
 // Reads a DirItem into `item`, whose strings keep their memory: a report read over the last
 // one allocates only where a text grew.
 void readDirItem(element value, DirItem &item) {
-    const DirItemView view = readDirItemView(value);
-    item.path.assign(view.path);
-    if (view.error) {
-        if (!item.error) {
-            item.error.emplace();
-        }
-        item.error->assign(*view.error);
-    } else {
-        item.error.reset();
-    }
-    item.enabled = view.enabled;
-    item.groupID = view.groupID;
-    item.name.assign(view.name);
-    item.status.assign(view.status);
+    readDirItemView(value).assignTo(item);
 }
 
 DirItem dirItemFrom(element value) {
@@ -488,15 +475,41 @@ DirItemView DirItemView::of(const DirItem &item) {
 
 DirItem DirItemView::toItem() const {
     DirItem item;
-    if (error) {
-        item.error.emplace(*error);
-    }
-    item.enabled = enabled;
-    item.groupID = groupID;
-    item.name.assign(name);
-    item.path.assign(path);
-    item.status.assign(status);
+    assignTo(item);
     return item;
+}
+
+bool DirItemView::assignTo(DirItem &item) const {
+    bool changed = false;
+    const auto text = [&changed](std::string &member, std::string_view value) {
+        if (member != value) {
+            member.assign(value);
+            changed = true;
+        }
+    };
+    text(item.status, status);
+    text(item.path, path);
+    text(item.name, name);
+    if (item.groupID != groupID) {
+        item.groupID = groupID;
+        changed = true;
+    }
+    if (item.enabled != enabled) {
+        item.enabled = enabled;
+        changed = true;
+    }
+    if (!error) {
+        if (item.error) {
+            item.error.reset();
+            changed = true;
+        }
+    } else if (!item.error) {
+        item.error.emplace(*error);
+        changed = true;
+    } else {
+        text(*item.error, *error);
+    }
+    return changed;
 }
 
 struct DirItemReader::Parser {

@@ -190,6 +190,9 @@ struct DirItemView {
 
     static DirItemView of(const DirItem &item);
     DirItem toItem() const;
+    // Makes `item` this record, writing only the members that differ (a string keeps its
+    // memory); whether any did.
+    bool assignTo(DirItem &item) const;
 };
 
 // Reads status reports as decodeDirItems does, with the same checks and errors, but hands out
