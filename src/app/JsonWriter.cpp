@@ -231,6 +231,25 @@ void appendEscaped(std::string &out, std::string_view text) {
     // Short texts (names, paths, status lines) take the word-wise steps only: the blocks' room
     // would cost them more than it saves.
     const bool vector = n >= 512 && haveVectorEscape();
+    if (!vector) {
+        // Most of them need no escape at all: looked at word by word first, and then appended as
+        // they are, without the room made for escapes (filled, then cut back).
+        std::size_t k = 0;
+        std::uint64_t special = 0;
+        for (; k + 8 <= n && special == 0; k += 8) {
+            std::uint64_t word;
+            std::memcpy(&word, text.data() + k, sizeof word);
+            special = specialBytes(word);
+        }
+        for (; k < n && special == 0; ++k) {
+            const auto c = static_cast<unsigned char>(text[k]);
+            special = c >= 0x80 || asciiEscapes[c] != 0 ? 1 : 0;
+        }
+        if (special == 0) {
+            out.append(text);
+            return;
+        }
+    }
     const std::size_t room = vector ? 32 * 6 + 4 + 64 : 16;
     std::size_t used = out.size();
     out.resize(used + n + n / 8 + room);
