@@ -320,8 +320,9 @@ constexpr std::size_t kMarkSpacing = 16 * 1024;
 
 } // namespace
 
-void EscapedRegion::escapeMarked(std::string &piece, std::string_view text, std::size_t rawBase,
-                                 std::size_t escapedBase, std::vector<Mark> &marks) {
+void EscapedRegion::escapeMarked(std::string &piece, std::size_t pieceStart, std::string_view text,
+                                 std::size_t rawBase, std::size_t escapedBase,
+                                 std::vector<Mark> &marks) {
     std::size_t at = 0;
     while (at < text.size()) {
         std::size_t end = std::min(text.size(), at + kMarkSpacing);
@@ -331,7 +332,7 @@ void EscapedRegion::escapeMarked(std::string &piece, std::string_view text, std:
         appendEscaped(piece, text.substr(at, end - at));
         at = end;
         if (at < text.size()) {
-            marks.push_back({rawBase + at, escapedBase + piece.size()});
+            marks.push_back({rawBase + at, escapedBase + (piece.size() - pieceStart)});
         }
     }
 }
@@ -339,12 +340,9 @@ void EscapedRegion::escapeMarked(std::string &piece, std::string_view text, std:
 void EscapedRegion::write(std::string &out, std::string_view text) {
     begin_ = out.size();
     marks_.assign(1, Mark{0, 0});
-    std::string &escaped = scratch_;
-    escaped.clear();
-    escaped.reserve(text.size() + text.size() / 8 + 16);
-    escapeMarked(escaped, text, 0, 0, marks_);
-    size_ = escaped.size();
-    out += escaped;
+    out.reserve(begin_ + text.size() + text.size() / 8 + 16);
+    escapeMarked(out, begin_, text, 0, 0, marks_);
+    size_ = out.size() - begin_;
 }
 
 void EscapedRegion::update(std::string &out, std::string_view previous, std::string_view text) {
@@ -404,17 +402,33 @@ void EscapedRegion::update(std::string &out, std::string_view previous, std::str
     if (marks.empty()) {
         marks.push_back({0, 0});
     }
-    std::string &middle = scratch_;
-    middle.clear();
-    escapeMarked(middle, text.substr(from, newTo - from), from, escapedFrom, marks);
-    const std::ptrdiff_t grown = static_cast<std::ptrdiff_t>(middle.size()) -
-                                 static_cast<std::ptrdiff_t>(escapedTo - escapedFrom);
+    const std::string_view changed = text.substr(from, newTo - from);
+    const std::size_t after = out.size() - (begin_ + escapedTo);
+    std::size_t written;
+    if (after < escapedTo - escapedFrom) {
+        // Less follows the changed part than it holds (a list changing everywhere, with only
+        // the envelope's end after it): what follows is set aside and the changed part escaped
+        // straight into place, not into a piece copied in afterwards.
+        std::string &rest = scratch_;
+        rest.assign(out, begin_ + escapedTo, after);
+        out.resize(begin_ + escapedFrom);
+        escapeMarked(out, begin_ + escapedFrom, changed, from, escapedFrom, marks);
+        written = out.size() - (begin_ + escapedFrom);
+        out += rest;
+    } else {
+        std::string &middle = scratch_;
+        middle.clear();
+        escapeMarked(middle, 0, changed, from, escapedFrom, marks);
+        written = middle.size();
+        out.replace(begin_ + escapedFrom, escapedTo - escapedFrom, middle);
+    }
+    const std::ptrdiff_t grown =
+        static_cast<std::ptrdiff_t>(written) - static_cast<std::ptrdiff_t>(escapedTo - escapedFrom);
     for (std::size_t j = last; j < pieces; ++j) {
         marks.push_back(
             {static_cast<std::size_t>(static_cast<std::ptrdiff_t>(marks_[j].raw) + shift),
              static_cast<std::size_t>(static_cast<std::ptrdiff_t>(marks_[j].escaped) + grown)});
     }
-    out.replace(begin_ + escapedFrom, escapedTo - escapedFrom, middle);
     size_ = static_cast<std::size_t>(static_cast<std::ptrdiff_t>(size_) + grown);
     marks_ = std::move(marks);
 }

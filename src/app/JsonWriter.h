@@ -41,17 +41,19 @@ private:
         std::size_t raw;     // offset in the text
         std::size_t escaped; // offset in the escaped form
     };
-    // Escapes `text` (which starts at raw offset rawBase, escaped offset escapedBase) into
-    // `piece`, adding the marks inside it to `marks`.
-    static void escapeMarked(std::string &piece, std::string_view text, std::size_t rawBase,
-                             std::size_t escapedBase, std::vector<Mark> &marks);
+    // Appends `text` (which starts at raw offset rawBase, escaped offset escapedBase), escaped,
+    // to `piece`, whose escaped offset escapedBase is at pieceStart; adds the marks inside it to
+    // `marks`.
+    static void escapeMarked(std::string &piece, std::size_t pieceStart, std::string_view text,
+                             std::size_t rawBase, std::size_t escapedBase,
+                             std::vector<Mark> &marks);
 
     std::size_t begin_ = 0;
     std::size_t size_ = 0;
     // Ascending; the first is {0, 0}.
     std::vector<Mark> marks_;
-    // Where changed pieces are escaped before they go in: kept, so that a large list changing
-    // everywhere is not written into fresh memory (and its page faults) every time.
+    // Where changed pieces are escaped before they go in, or what follows them is set aside:
+    // kept, so that it is not fresh memory (and its page faults) every time.
     std::string scratch_;
 };
 // Appends the decimal form of `value`.

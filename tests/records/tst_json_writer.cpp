@@ -272,6 +272,58 @@ private slots:
         }
     }
 
+    void escapedRegionChangedEverywhere() {
+        // A list in which every status moves: the whole region is escaped again, both where
+        // little follows it (escaped in place) and where more follows it than it holds.
+        std::mt19937_64 rng(5);
+        const auto list = [&rng](int turn) {
+            std::string text;
+            for (int i = 0; i < 3000; ++i) {
+                text += "{\"Path\":\"/home/ana/f" + std::to_string(i) + "\",\"Status\":\"";
+                text += turn % 2 ? "Syncing \xE6\x97\xA5" : randomText(rng, true);
+                text += "\"},";
+            }
+            return text;
+        };
+        for (const std::size_t following : {std::size_t(2), std::size_t(400000)}) {
+            std::string text = list(0);
+            const std::string head = "{\"Data\":\"";
+            const std::string tail = "\"}" + std::string(following - 2, 'x');
+            json::EscapedRegion region;
+            std::string out = head;
+            region.write(out, text);
+            out += tail;
+            for (int turn = 1; turn < 6; ++turn) {
+                std::string next = list(turn);
+                if (turn == 3) {
+                    next += next; // grown to twice its size
+                } else if (turn == 4) {
+                    next.resize(next.size() / 3); // shrunk, cut anywhere
+                }
+                region.update(out, text, next);
+                text = std::move(next);
+                std::string expected = head;
+                json::appendEscaped(expected, text);
+                const std::size_t escaped = expected.size() - head.size();
+                expected += tail;
+                QVERIFY2(
+                    out == expected,
+                    qPrintable(QStringLiteral("following %1, turn %2").arg(following).arg(turn)));
+                QCOMPARE(region.size(), escaped);
+                // The marks still lead to where each piece's escape starts: a small edit after
+                // all this is escaped right.
+                std::string edited = text;
+                edited.insert(edited.size() / 2, "\"\\\n");
+                region.update(out, text, edited);
+                text = std::move(edited);
+                expected = head;
+                json::appendEscaped(expected, text);
+                expected += tail;
+                QVERIFY(out == expected);
+            }
+        }
+    }
+
     void outputOfInvalidTextIsValidJSON() {
         // Whatever bytes a path holds, the written text decodes again.
         std::mt19937_64 rng(7);
