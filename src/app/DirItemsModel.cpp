@@ -25,10 +25,6 @@ bool DirItemsModel::isUploadProgress(std::string_view existing, std::string_view
     return existing.starts_with(kUploadStep) && incoming.starts_with(kUploadLine);
 }
 
-DirItem DirItemsModel::merged(const DirItem &existing, const DirItem &incoming) {
-    return merged(existing, DirItemView::of(incoming));
-}
-
 DirItem DirItemsModel::merged(const DirItem &existing, const DirItemView &incoming) {
     if (!isUploadProgress(existing.status, incoming.status)) {
         return incoming.toItem();
@@ -43,10 +39,6 @@ DirItem DirItemsModel::merged(const DirItem &existing, const DirItemView &incomi
 }
 
 bool DirItemsModel::sameRecord(const DirItem &a, const DirItem &b) {
-    return sameRecord(a, DirItemView::of(b));
-}
-
-bool DirItemsModel::sameRecord(const DirItem &a, const DirItemView &b) {
     return a.path == b.path && a.status == b.status && a.name == b.name && a.groupID == b.groupID &&
            a.enabled == b.enabled && a.error == b.error;
 }

@@ -68,11 +68,9 @@ public:
     QHash<int, QByteArray> roleNames() const override;
 
     // A known folder after an incoming record for the same path.
-    static DirItem merged(const DirItem &existing, const DirItem &incoming);
     static DirItem merged(const DirItem &existing, const DirItemView &incoming);
     static bool isUploadProgress(std::string_view existing, std::string_view incoming);
     static bool sameRecord(const DirItem &a, const DirItem &b);
-    static bool sameRecord(const DirItem &a, const DirItemView &b);
 
 signals:
     void countChanged();
