@@ -13,12 +13,13 @@
 
 #include <QCoreApplication>
 #include <QPointer>
-#include <QScopedValueRollback>
+#include <QScopeGuard>
 #include <QSettings>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #ifndef TARNWICK_DEFAULT_SERVICE_URL
 #define TARNWICK_DEFAULT_SERVICE_URL "https://tarnwick.app"
@@ -674,12 +675,17 @@ void ItemsProvider::applyReply(const TypeIDAndData &command, tidepost::Exchange 
             DirItemReader &reader = readingReport_ ? nested.emplace() : reportReader_;
             const bool padded = plain.capacity() - plain.size() >= jsonPadding;
             const std::span<const DirItemView> report = reader.read(plain, padded);
-            const QScopedValueRollback reading(readingReport_, true);
+            // Restored on the way out, unless a slot below deleted the model.
+            const QPointer<ItemsProvider> self(this);
+            const auto reading = qScopeGuard([self, was = std::exchange(readingReport_, true)] {
+                if (self) {
+                    self->readingReport_ = was;
+                }
+            });
             setIsLoggedIn(true);
             emit loginStateReported(true);
             // The command is done once its reply is read as a folder list; the list follows at
             // once, before anything else runs. The ping loop starts its wait from here.
-            const QPointer<ItemsProvider> self(this);
             finish(std::nullopt);
             if (!self || destroying_) {
                 return;
